@@ -1,0 +1,138 @@
+// One owning pointer for every reference-counted GLib/GStreamer object.
+//
+// Ownership is explicit at construction: orlo::adopt(p) takes over a
+// reference the caller already owns (a `transfer full` result), orlo::ref(p)
+// takes a new one (a `transfer none` result).  The per-type traits say how to
+// add and drop a reference.
+#pragma once
+
+#include <gst/gst.h>
+
+#include <utility>
+
+namespace orlo {
+
+template <typename T>
+struct ref_traits;
+
+template <>
+struct ref_traits<GstBuffer> {
+  static void ref(GstBuffer *p) { gst_buffer_ref(p); }
+  static void unref(GstBuffer *p) { gst_buffer_unref(p); }
+};
+
+template <>
+struct ref_traits<GstMiniObject> {
+  static void ref(GstMiniObject *p) { gst_mini_object_ref(p); }
+  static void unref(GstMiniObject *p) { gst_mini_object_unref(p); }
+};
+
+template <>
+struct ref_traits<GstEvent> {
+  static void ref(GstEvent *p) { gst_event_ref(p); }
+  static void unref(GstEvent *p) { gst_event_unref(p); }
+};
+
+template <>
+struct ref_traits<GstCaps> {
+  static void ref(GstCaps *p) { gst_caps_ref(p); }
+  static void unref(GstCaps *p) { gst_caps_unref(p); }
+};
+
+template <>
+struct ref_traits<GstSample> {
+  static void ref(GstSample *p) { gst_sample_ref(p); }
+  static void unref(GstSample *p) { gst_sample_unref(p); }
+};
+
+template <>
+struct ref_traits<GstElement> {
+  static void ref(GstElement *p) { gst_object_ref(p); }
+  static void unref(GstElement *p) { gst_object_unref(p); }
+};
+
+template <>
+struct ref_traits<GstPad> {
+  static void ref(GstPad *p) { gst_object_ref(p); }
+  static void unref(GstPad *p) { gst_object_unref(p); }
+};
+
+template <>
+struct ref_traits<GstBus> {
+  static void ref(GstBus *p) { gst_object_ref(p); }
+  static void unref(GstBus *p) { gst_object_unref(p); }
+};
+
+template <>
+struct ref_traits<GstMessage> {
+  static void ref(GstMessage *p) { gst_message_ref(p); }
+  static void unref(GstMessage *p) { gst_message_unref(p); }
+};
+
+template <>
+struct ref_traits<GMainContext> {
+  static void ref(GMainContext *p) { g_main_context_ref(p); }
+  static void unref(GMainContext *p) { g_main_context_unref(p); }
+};
+
+template <>
+struct ref_traits<GMainLoop> {
+  static void ref(GMainLoop *p) { g_main_loop_ref(p); }
+  static void unref(GMainLoop *p) { g_main_loop_unref(p); }
+};
+
+template <>
+struct ref_traits<GThread> {
+  static void ref(GThread *p) { g_thread_ref(p); }
+  static void unref(GThread *p) { g_thread_unref(p); }
+};
+
+template <typename T>
+class ref_ptr {
+ public:
+  ref_ptr() noexcept = default;
+  ref_ptr(const ref_ptr &o) : p_(o.p_) {
+    if (p_) ref_traits<T>::ref(p_);
+  }
+  ref_ptr(ref_ptr &&o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
+  ref_ptr &operator=(ref_ptr o) noexcept {
+    std::swap(p_, o.p_);
+    return *this;
+  }
+  ~ref_ptr() { reset(); }
+
+  static ref_ptr adopt(T *p) noexcept {
+    ref_ptr r;
+    r.p_ = p;
+    return r;
+  }
+  static ref_ptr ref(T *p) {
+    if (p) ref_traits<T>::ref(p);
+    return adopt(p);
+  }
+
+  T *get() const noexcept { return p_; }
+  T *operator->() const noexcept { return p_; }
+  explicit operator bool() const noexcept { return p_ != nullptr; }
+
+  // Hands the reference back to C code that takes it over.
+  [[nodiscard]] T *release() noexcept { return std::exchange(p_, nullptr); }
+  void reset() noexcept {
+    if (T *p = std::exchange(p_, nullptr)) ref_traits<T>::unref(p);
+  }
+
+ private:
+  T *p_ = nullptr;
+};
+
+template <typename T>
+ref_ptr<T> adopt(T *p) noexcept {
+  return ref_ptr<T>::adopt(p);
+}
+
+template <typename T>
+ref_ptr<T> ref(T *p) {
+  return ref_ptr<T>::ref(p);
+}
+
+}  // namespace orlo

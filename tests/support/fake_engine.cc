@@ -1,0 +1,325 @@
+#include "fake_engine.hh"
+
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace fake_engine {
+namespace {
+
+struct state {
+  std::mutex lock;
+  std::vector<call> log;
+  std::map<std::string, answer> scripts;
+  bool hold = false;
+  std::deque<void *> held;
+  ravel_release_fn release = nullptr;
+};
+
+state &st() {
+  static state s;
+  return s;
+}
+
+int fake_handle_storage;
+
+int64_t word(const void *p) { return static_cast<int64_t>(reinterpret_cast<intptr_t>(p)); }
+
+std::vector<uint8_t> bytes(const void *p, size_t n) {
+  std::vector<uint8_t> v;
+  if (p != nullptr && n > 0) {
+    v.resize(n);
+    std::memcpy(v.data(), p, n);
+  }
+  return v;
+}
+
+// Records the call and gives its scripted answer.
+int64_t record(call c, int64_t fallback = 0) {
+  answer fn;
+  {
+    std::lock_guard<std::mutex> g(st().lock);
+    st().log.push_back(c);
+    auto it = st().scripts.find(c.name);
+    if (it != st().scripts.end()) fn = it->second;
+  }
+  return fn ? fn(c) : fallback;
+}
+
+}  // namespace
+
+void reset() {
+  std::deque<void *> held;
+  ravel_release_fn rel;
+  {
+    std::lock_guard<std::mutex> g(st().lock);
+    st().log.clear();
+    st().scripts.clear();
+    st().hold = false;
+    held.swap(st().held);
+    rel = st().release;
+  }
+  for (void *b : held) rel(b);
+}
+
+std::vector<call> calls() {
+  std::lock_guard<std::mutex> g(st().lock);
+  return st().log;
+}
+
+std::vector<call> calls(const std::string &name) {
+  std::vector<call> out;
+  for (auto &c : calls())
+    if (c.name == name) out.push_back(c);
+  return out;
+}
+
+std::vector<std::string> names() {
+  std::vector<std::string> out;
+  for (auto &c : calls()) out.push_back(c.name);
+  return out;
+}
+
+void script(const std::string &name, answer fn) {
+  std::lock_guard<std::mutex> g(st().lock);
+  st().scripts[name] = std::move(fn);
+}
+
+void script_result(const std::string &name, int64_t result) {
+  script(name, [result](const call &) { return result; });
+}
+
+void script_sequence(const std::string &name, std::vector<int64_t> results) {
+  auto shared = std::make_shared<std::pair<std::mutex, std::deque<int64_t>>>();
+  shared->second.assign(results.begin(), results.end());
+  script(name, [shared](const call &) {
+    std::lock_guard<std::mutex> g(shared->first);
+    int64_t r = shared->second.front();
+    if (shared->second.size() > 1) shared->second.pop_front();
+    return r;
+  });
+}
+
+void hold_frames(bool hold) {
+  std::lock_guard<std::mutex> g(st().lock);
+  st().hold = hold;
+}
+
+int release_held() {
+  std::deque<void *> held;
+  ravel_release_fn rel;
+  {
+    std::lock_guard<std::mutex> g(st().lock);
+    held.swap(st().held);
+    rel = st().release;
+  }
+  for (void *b : held) rel(b);
+  return static_cast<int>(held.size());
+}
+
+ravel_release_fn release_fn() {
+  std::lock_guard<std::mutex> g(st().lock);
+  return st().release;
+}
+
+ravel_t *handle() { return reinterpret_cast<ravel_t *>(&fake_handle_storage); }
+
+}  // namespace fake_engine
+
+using fake_engine::bytes;
+using fake_engine::call;
+using fake_engine::record;
+using fake_engine::word;
+
+extern "C" {
+
+ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
+                   int32_t n_display_ids, int32_t r0, ravel_release_fn release, int32_t r1,
+                   int32_t r2, int32_t r3, int32_t w24, const int32_t *display_ids,
+                   int32_t engine_word, const int32_t *engine_block) {
+  {
+    std::lock_guard<std::mutex> g(fake_engine::st().lock);
+    fake_engine::st().release = release;
+  }
+  call c{"ravel_new",
+         {word(formats), engine_opt, ch_count, n_display_ids, r0, word(reinterpret_cast<void *>(release)),
+          r1, r2, r3, w24, word(display_ids), engine_word, word(engine_block)},
+         {}};
+  // The record holds the display ids, then the block, then the format word.
+  auto ids = bytes(display_ids, 4 * sizeof(int32_t));
+  auto block = bytes(engine_block, 4 * sizeof(int32_t));
+  auto fmt = bytes(formats, sizeof(int32_t));
+  c.record = ids;
+  c.record.insert(c.record.end(), block.begin(), block.end());
+  c.record.insert(c.record.end(), fmt.begin(), fmt.end());
+  int64_t r = record(c, word(fake_engine::handle()));
+  return reinterpret_cast<ravel_t *>(static_cast<intptr_t>(r));
+}
+
+int32_t ravel_init_dec_config_param(ravel_t *e, ravel_dec_config_t *dec) {
+  return static_cast<int32_t>(
+      record({"ravel_init_dec_config_param", {word(e), word(dec)}, {}}));
+}
+
+int32_t ravel_init_enc_config_param(ravel_t *e, void *enc) {
+  return static_cast<int32_t>(record({"ravel_init_enc_config_param", {word(e), word(enc)}, {}}));
+}
+
+int32_t ravel_change_pipe_config(ravel_t *e, ravel_dec_config_t *dec, int32_t count, void *enc,
+                                 int32_t ch_count) {
+  return static_cast<int32_t>(
+      record({"ravel_change_pipe_config",
+              {word(e), word(dec), count, word(enc), ch_count},
+              bytes(dec, sizeof(ravel_dec_config_t) * RAVEL_DEC_CONFIG_COUNT)}));
+}
+
+int32_t ravel_start(ravel_t *e) { return static_cast<int32_t>(record({"ravel_start", {word(e)}, {}})); }
+int32_t ravel_stop(ravel_t *e) { return static_cast<int32_t>(record({"ravel_stop", {word(e)}, {}})); }
+
+int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t count,
+                              int32_t display, int32_t playback) {
+  return static_cast<int32_t>(record({"ravel_change_geometry",
+                                      {word(e), word(regions), count, display, playback},
+                                      bytes(regions, sizeof(ravel_region_t) * 37)}));
+}
+
+int32_t ravel_put_decode_stream(ravel_t *e, int32_t port, void *buffer, const uint8_t *data,
+                                int32_t size, int32_t r0, ravel_jpeg_cb jpeg_cb,
+                                ravel_image_cb image_cb, int32_t r1, int32_t r2) {
+  call c{"ravel_put_decode_stream",
+         {word(e), port, word(buffer), word(data), size, r0, word(reinterpret_cast<void *>(jpeg_cb)),
+          word(reinterpret_cast<void *>(image_cb)), r1, r2},
+         bytes(data, size > 0 ? static_cast<size_t>(size) : 0)};
+  c.buffer = buffer;
+  c.jpeg_cb = jpeg_cb;
+  c.image_cb = image_cb;
+  int64_t r = record(c);
+  if (r >= 0 && buffer != nullptr) {
+    ravel_release_fn rel;
+    bool hold;
+    {
+      std::lock_guard<std::mutex> g(fake_engine::st().lock);
+      rel = fake_engine::st().release;
+      hold = fake_engine::st().hold;
+      if (hold) fake_engine::st().held.push_back(buffer);
+    }
+    if (!hold && rel != nullptr) rel(buffer);
+  }
+  return static_cast<int32_t>(r);
+}
+
+int32_t ravel_jpeg_enc(ravel_t *e, int32_t ch, int32_t flag, ravel_jpeg_cb cb) {
+  call c{"ravel_jpeg_enc", {word(e), ch, flag, word(reinterpret_cast<void *>(cb))}, {}};
+  c.jpeg_cb = cb;
+  return static_cast<int32_t>(record(c));
+}
+int32_t ravel_set_jpeg_dstntimeimg(ravel_t *e, int32_t ch, uint32_t dstn, uint32_t timeimg) {
+  return static_cast<int32_t>(
+      record({"ravel_set_jpeg_dstntimeimg", {word(e), ch, dstn, timeimg}, {}}));
+}
+int32_t ravel_set_jpeg_timestamp(ravel_t *e, int32_t port, uint32_t ts) {
+  return static_cast<int32_t>(record({"ravel_set_jpeg_timestamp", {word(e), port, ts}, {}}));
+}
+int32_t ravel_pause_frame(ravel_t *e, int32_t port) {
+  return static_cast<int32_t>(record({"ravel_pause_frame", {word(e), port}, {}}));
+}
+
+int32_t ravel_capture_drv_start(ravel_t *e, int32_t ch) {
+  return static_cast<int32_t>(record({"ravel_capture_drv_start", {word(e), ch}, {}}));
+}
+int32_t ravel_capture_drv_stop(ravel_t *e, int32_t ch) {
+  return static_cast<int32_t>(record({"ravel_capture_drv_stop", {word(e), ch}, {}}));
+}
+int32_t ravel_register_get_encode_stream(ravel_t *e, void *cb, void *user) {
+  return static_cast<int32_t>(
+      record({"ravel_register_get_encode_stream", {word(e), word(cb), word(user)}, {}}));
+}
+int32_t ravel_register_captmode_change(ravel_t *e, void *cb, void *user) {
+  return static_cast<int32_t>(
+      record({"ravel_register_captmode_change", {word(e), word(cb), word(user)}, {}}));
+}
+int32_t ravel_register_encode_mosaic_stream(ravel_t *e, void *cb, void *user, int32_t stream,
+                                            int32_t r) {
+  return static_cast<int32_t>(record(
+      {"ravel_register_encode_mosaic_stream", {word(e), word(cb), word(user), stream, r}, {}}));
+}
+int32_t ravel_encode_change(ravel_t *e, int32_t ch, int32_t stream, void *param) {
+  return static_cast<int32_t>(
+      record({"ravel_encode_change", {word(e), ch, stream, word(param)}, {}}));
+}
+int32_t ravel_set_encode_bitrate(ravel_t *e, int32_t ch, int32_t stream, int32_t bitrate) {
+  return static_cast<int32_t>(
+      record({"ravel_set_encode_bitrate", {word(e), ch, stream, bitrate}, {}}));
+}
+int32_t ravel_get_encode_bitrate(ravel_t *e, int32_t ch, int32_t stream, int32_t *bitrate) {
+  return static_cast<int32_t>(
+      record({"ravel_get_encode_bitrate", {word(e), ch, stream, word(bitrate)}, {}}));
+}
+int32_t ravel_motion_detect_config_param(ravel_t *e, int32_t ch, void *param, int32_t size) {
+  return static_cast<int32_t>(
+      record({"ravel_motion_detect_config_param", {word(e), ch, word(param), size}, {}}));
+}
+int32_t ravel_set_time(ravel_t *e, int32_t w, uint64_t time, int32_t w2) {
+  return static_cast<int32_t>(
+      record({"ravel_set_time", {word(e), w, static_cast<int64_t>(time), w2}, {}}));
+}
+int32_t ravel_set_sys_time_init(uint64_t time) {
+  return static_cast<int32_t>(
+      record({"ravel_set_sys_time_init", {static_cast<int64_t>(time)}, {}}));
+}
+int32_t ravel_set_sys_time_sync(uint64_t time) {
+  return static_cast<int32_t>(
+      record({"ravel_set_sys_time_sync", {static_cast<int64_t>(time)}, {}}));
+}
+uintptr_t ravel_get_hostcomm_addr(ravel_t *e, int32_t which, int32_t size) {
+  return static_cast<uintptr_t>(
+      record({"ravel_get_hostcomm_addr", {word(e), which, size}, {}}));
+}
+int32_t ravel_set_display_enable(ravel_t *e, int32_t display, int32_t enable) {
+  return static_cast<int32_t>(
+      record({"ravel_set_display_enable", {word(e), display, enable}, {}}));
+}
+int32_t ravel_set_osd_enable(ravel_t *e, int32_t a, int32_t b, int32_t c) {
+  return static_cast<int32_t>(record({"ravel_set_osd_enable", {word(e), a, b, c}, {}}));
+}
+int32_t ravel_set_osd_option(ravel_t *e, int32_t a, int32_t b, int32_t c) {
+  return static_cast<int32_t>(record({"ravel_set_osd_option", {word(e), a, b, c}, {}}));
+}
+int32_t ravel_set_mask(ravel_t *e, const ravel_mask_t *m) {
+  return static_cast<int32_t>(
+      record({"ravel_set_mask", {word(e), word(m)}, bytes(m, sizeof(ravel_mask_t))}));
+}
+int32_t ravel_set_ROI_coordinate(ravel_t *e, const ravel_roi_t *r) {
+  return static_cast<int32_t>(
+      record({"ravel_set_ROI_coordinate", {word(e), word(r)}, bytes(r, sizeof(ravel_roi_t))}));
+}
+int32_t ravel_set_dnr(ravel_t *e, const ravel_dnr_t *d) {
+  return static_cast<int32_t>(
+      record({"ravel_set_dnr", {word(e), word(d)}, bytes(d, sizeof(ravel_dnr_t))}));
+}
+int32_t ravel_set_mirror(ravel_t *e, const int32_t *m) {
+  return static_cast<int32_t>(
+      record({"ravel_set_mirror", {word(e), word(m)}, bytes(m, sizeof(int32_t))}));
+}
+int32_t ravel_set_rotate(ravel_t *e, const int32_t *r) {
+  return static_cast<int32_t>(
+      record({"ravel_set_rotate", {word(e), word(r)}, bytes(r, sizeof(int32_t))}));
+}
+int32_t ravel_set_datetime_format(ravel_t *e, const ravel_datetime_format_t *f) {
+  return static_cast<int32_t>(record({"ravel_set_datetime_format", {word(e), word(f)},
+                                      bytes(f, sizeof(ravel_datetime_format_t))}));
+}
+int32_t ravel_set_ip_osd_enable(ravel_t *e, const ravel_ip_osd_t *o) {
+  return static_cast<int32_t>(record(
+      {"ravel_set_ip_osd_enable", {word(e), word(o)}, bytes(o, sizeof(ravel_ip_osd_t))}));
+}
+int32_t ravel_check_alive_m3(ravel_t *e, int32_t a, int32_t b) {
+  return static_cast<int32_t>(record({"ravel_check_alive_m3", {word(e), a, b}, {}}));
+}
+int32_t ravel_print_statistics(ravel_t *e, int32_t a, int32_t b) {
+  return static_cast<int32_t>(record({"ravel_print_statistics", {word(e), a, b}, {}}));
+}
+
+}  // extern "C"
