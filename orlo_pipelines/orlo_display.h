@@ -99,8 +99,8 @@ ORLO_API int orlo_display_start(orlo_display_t *h_display, const orlo_vr_t *vr);
 
 /* ---- region layout ---- */
 ORLO_API int orlo_display_get_user_vr(orlo_display_t *h_display, int mode, int x, int y,
-                                      int width, int height, const int *channels, int flags,
-                                      orlo_vr_t *vr);
+                                      int width, int height, const int *channels,
+                                      const int *flags, orlo_vr_t *vr);
 ORLO_API void orlo_display_get_incrop_position(unsigned *out_x, unsigned *out_crop_w,
                                                unsigned *out_y, unsigned *out_crop_h,
                                                unsigned in_width, unsigned in_height,

@@ -1,0 +1,38 @@
+// Shared set-up of the display tests: one handle over the recording engine.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "fake_engine.hh"
+#include "log_capture.hh"
+#include "orlo_display.h"
+
+namespace display_test {
+
+// A display of the given format (0: 1920 x 1080, 3: 1280 x 720, 6: 800 x 600,
+// 18: 640 x 480) for a device of `ch_count` channels.
+inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
+  const int32_t formats[] = {format};
+  orlo_display_t *h = orlo_display_new(formats, 0, ch_count, 0, 1, -1, nullptr);
+  EXPECT_NE(h, nullptr);
+  return h;
+}
+
+inline intptr_t engine_word() { return reinterpret_cast<intptr_t>(fake_engine::handle()); }
+
+// Texts at `level` with the "name:line:" prefix reduced to "name:L:", so that
+// a test does not depend on where in its file a message is made.
+inline std::vector<std::string> texts_without_lines(const testing_support::log_capture &log,
+                                                    GLogLevelFlags level) {
+  static const std::regex line_no("^([A-Za-z_]+):[ ]?[0-9]+:");
+  std::vector<std::string> out;
+  for (const auto &t : log.texts(level)) out.push_back(std::regex_replace(t, line_no, "$1:L:"));
+  return out;
+}
+
+}  // namespace display_test

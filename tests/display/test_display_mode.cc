@@ -1,0 +1,353 @@
+// Mode selection (first configuration and start of the engine) and the
+// decode table.
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <ostream>
+#include <thread>
+
+#include "display_fixture.hh"
+
+namespace {
+
+using display_test::engine_word;
+using display_test::make_display;
+using testing_support::log_capture;
+
+using names = std::vector<std::string>;
+
+const names kDefaults = {"ravel_init_dec_config_param", "ravel_init_enc_config_param",
+                         "ravel_change_pipe_config"};
+const names kSixRecords = {"ravel_change_pipe_config"};
+
+// Calls made after creation.
+names engine_names_after_new() {
+  names all = fake_engine::names();
+  names out;
+  for (auto &n : all)
+    if (n != "ravel_new") out.push_back(n);
+  return out;
+}
+
+std::array<int32_t, 9> dec_record(const fake_engine::call &c, int i) {
+  std::array<int32_t, 9> r{};
+  std::memcpy(r.data(), c.record.data() + 36 * i, sizeof r);
+  return r;
+}
+
+// One row of the first-selection table: the mode selected first, the engine
+// calls it makes, the mode recorded and the answer.
+struct first_case {
+  const char *label;
+  int mode;
+  names calls;
+  int answer;
+};
+void PrintTo(const first_case &c, std::ostream *os) { *os << c.label; }
+
+class FirstSelection : public ::testing::TestWithParam<first_case> {};
+
+TEST_P(FirstSelection, ConfiguresOnceAndAnswers) {
+  const first_case &p = GetParam();
+  log_capture log;
+  orlo_display_t *h = make_display(0, 12);
+  int need_start = -5;
+  EXPECT_EQ(orlo_display_set_user_config(h, p.mode, &need_start), 0);
+  EXPECT_EQ(need_start, p.answer);
+  EXPECT_EQ(h->config_mode, p.mode);
+  EXPECT_EQ(engine_names_after_new(), p.calls);
+  EXPECT_EQ(h->engine_started, 0);  // starting is the caller's part
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_MESSAGE),
+            names{"orlo_display_set_user_config: prev_mode = 0, cur_mode = " +
+                  std::to_string(p.mode) + "\n"});
+
+  // The flag is gone: any later selection records the mode only.
+  fake_engine::reset();
+  for (int later : {p.mode, 100, 3}) {
+    need_start = -5;
+    EXPECT_EQ(orlo_display_set_user_config(h, later, &need_start), 0);
+    EXPECT_EQ(need_start, 0);
+    EXPECT_EQ(h->config_mode, later);
+  }
+  EXPECT_TRUE(fake_engine::calls().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, FirstSelection,
+                         ::testing::Values(first_case{"mode0", 0, {}, 0},
+                                           first_case{"mode100", 100, kSixRecords, 1},
+                                           first_case{"mode101", 101, kSixRecords, 1},
+                                           first_case{"mode1", 1, kDefaults, 1},
+                                           first_case{"mode22", 22, kDefaults, 1},
+                                           first_case{"unlisted_mode4", 4, kDefaults, 1}),
+                         [](const auto &info) { return std::string(info.param.label); });
+
+TEST(FirstSelection, DefaultsGoThroughOneBlockPairWithTheChannelCount) {
+  orlo_display_t *h = make_display(0, 12);
+  int need_start = 0;
+  ASSERT_EQ(orlo_display_set_user_config(h, 9, &need_start), 0);
+  auto dec = fake_engine::calls("ravel_init_dec_config_param").at(0);
+  auto enc = fake_engine::calls("ravel_init_enc_config_param").at(0);
+  auto cfg = fake_engine::calls("ravel_change_pipe_config").at(0);
+  EXPECT_EQ(dec.args[0], engine_word());
+  EXPECT_EQ(enc.args[0], engine_word());
+  EXPECT_EQ(cfg.args[0], engine_word());
+  EXPECT_EQ(cfg.args[1], dec.args[1]);  // the block the engine filled
+  EXPECT_EQ(cfg.args[2], 0);            // count 0: the engine's defaults
+  EXPECT_EQ(cfg.args[3], enc.args[1]);
+  EXPECT_EQ(cfg.args[4], 12);
+}
+
+class SixRecords : public ::testing::TestWithParam<int> {};
+
+TEST_P(SixRecords, LaidOutByTheLibrary) {
+  orlo_display_t *h = make_display(0, 12);
+  int need_start = 0;
+  ASSERT_EQ(orlo_display_set_user_config(h, GetParam(), &need_start), 0);
+  auto cfg = fake_engine::calls("ravel_change_pipe_config").at(0);
+  EXPECT_EQ(cfg.args[0], engine_word());
+  EXPECT_EQ(cfg.args[2], 6);
+  EXPECT_NE(cfg.args[3], 0);  // an encoder block, left to the engine
+  EXPECT_EQ(cfg.args[4], 0);
+  for (int i = 0; i < 6; i++) {
+    auto r = dec_record(cfg, i);
+    SCOPED_TRACE(i);
+    EXPECT_EQ(r[0], i);
+    EXPECT_EQ(r[1], i / 2);
+    EXPECT_EQ(r[2], 1920);
+    EXPECT_EQ(r[3], 1080);
+    EXPECT_EQ(r[4], i / 2);
+    EXPECT_EQ(r[5], -1);
+    EXPECT_EQ(r[6], -1);
+    EXPECT_EQ(r[8], -1);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, SixRecords, ::testing::Values(100, 101));
+
+// The two public names of a selection behave alike.
+using select_fn = int (*)(orlo_display_t *, int);
+struct select_name {
+  select_fn fn;
+  const char *name;
+  int operator()(orlo_display_t *h, int mode) const { return fn(h, mode); }
+};
+void PrintTo(const select_name &s, std::ostream *os) { *os << s.name; }
+class ModeSelection : public ::testing::TestWithParam<select_name> {};
+
+TEST_P(ModeSelection, FirstStartsTheEngineLaterOnlyRecord) {
+  orlo_display_t *h = make_display();
+  EXPECT_EQ(GetParam()(h, 1), 0);
+  names expected = kDefaults;
+  expected.push_back("ravel_start");
+  EXPECT_EQ(engine_names_after_new(), expected);
+  EXPECT_EQ(fake_engine::calls("ravel_start").at(0).args[0], engine_word());
+  EXPECT_EQ(h->engine_started, 1);
+  // The first start also opens the gate of the statistics calls.
+  EXPECT_EQ(orlo_display_print_statistics(h, 0, 0), 0);
+  EXPECT_EQ(fake_engine::calls("ravel_print_statistics").size(), 1u);
+
+  fake_engine::reset();
+  EXPECT_EQ(GetParam()(h, 9), 0);
+  EXPECT_EQ(h->config_mode, 9);
+  EXPECT_EQ(GetParam()(h, 100), 0);
+  EXPECT_EQ(h->config_mode, 100);
+  EXPECT_TRUE(fake_engine::calls().empty());
+}
+
+TEST_P(ModeSelection, StoppedEngineStaysStopped) {
+  orlo_display_t *h = make_display();
+  ASSERT_EQ(GetParam()(h, 2), 0);
+  testing::internal::CaptureStdout();
+  orlo_display_stop(h);
+  testing::internal::GetCapturedStdout();
+  fake_engine::reset();
+  EXPECT_EQ(GetParam()(h, 7), 0);
+  EXPECT_EQ(h->engine_started, 0);
+  EXPECT_TRUE(fake_engine::calls().empty());
+}
+
+TEST_P(ModeSelection, FirstSelectionOfModeZeroNeverStarts) {
+  orlo_display_t *h = make_display();
+  EXPECT_EQ(GetParam()(h, 0), 0);
+  EXPECT_EQ(GetParam()(h, 5), 0);
+  EXPECT_EQ(h->config_mode, 5);
+  EXPECT_EQ(h->engine_started, 0);
+  EXPECT_EQ(engine_names_after_new(), names{});
+}
+
+TEST_P(ModeSelection, RefusedStartIsReportedNotRecordedAsRunning) {
+  log_capture log;
+  orlo_display_t *h = make_display();
+  fake_engine::script_result("ravel_start", -3);
+  EXPECT_EQ(GetParam()(h, 3), -1);
+  EXPECT_EQ(h->engine_started, 0);
+  const char *name = GetParam().name;
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL),
+            names{std::string(name) + ": assertion 'ret == 0' failed"});
+  // Never started, so the gated calls stay closed.
+  EXPECT_EQ(orlo_display_check_processor(h, 0, 0), 0);
+  EXPECT_TRUE(fake_engine::calls("ravel_check_alive_m3").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, ModeSelection,
+    ::testing::Values(select_name{&orlo_display_mode_change, "orlo_display_mode_change"},
+                      select_name{&orlo_display_mode_start, "orlo_display_mode_start"}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+// Each engine call of the configuration may refuse; the selection then
+// stops there, reports "ret >= 0" and leaves the mode unrecorded.
+struct refusal_case {
+  const char *label;
+  int mode;
+  const char *refusing;
+  names calls;
+};
+void PrintTo(const refusal_case &c, std::ostream *os) { *os << c.label; }
+
+class ConfigRefused : public ::testing::TestWithParam<refusal_case> {};
+
+TEST_P(ConfigRefused, SelectionGivesMinusOne) {
+  const refusal_case &p = GetParam();
+  log_capture log;
+  orlo_display_t *h = make_display();
+  fake_engine::script_result(p.refusing, -1);
+  int need_start = -5;
+  EXPECT_EQ(orlo_display_set_user_config(h, p.mode, &need_start), -1);
+  EXPECT_EQ(need_start, 0);
+  EXPECT_EQ(h->config_mode, 0);
+  EXPECT_EQ(engine_names_after_new(), p.calls);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL),
+            names{"orlo_display_set_user_config: assertion 'ret >= 0' failed"});
+
+  // Through the mode change the refusal reaches the caller the same way,
+  // without a start.
+  fake_engine::reset();
+  EXPECT_EQ(orlo_display_mode_change(h, p.mode), 0);  // the flag is gone: records only
+  EXPECT_TRUE(fake_engine::calls().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, ConfigRefused,
+    ::testing::Values(
+        refusal_case{"dec", 1, "ravel_init_dec_config_param", {"ravel_init_dec_config_param"}},
+        refusal_case{"enc",
+                     1,
+                     "ravel_init_enc_config_param",
+                     {"ravel_init_dec_config_param", "ravel_init_enc_config_param"}},
+        refusal_case{"pipe", 1, "ravel_change_pipe_config", kDefaults},
+        refusal_case{"pipe_six", 101, "ravel_change_pipe_config", kSixRecords}),
+    [](const auto &info) { return std::string(info.param.label); });
+
+TEST(ModeChange, RefusedConfigurationIsNotStarted) {
+  orlo_display_t *h = make_display();
+  fake_engine::script_result("ravel_change_pipe_config", -2);
+  EXPECT_EQ(orlo_display_mode_change(h, 7), -1);
+  EXPECT_TRUE(fake_engine::calls("ravel_start").empty());
+  EXPECT_EQ(h->engine_started, 0);
+}
+
+TEST(SetUserConfig, WithoutTheCallersStartTheEngineIsNeverStarted) {
+  orlo_display_t *h = make_display();
+  int need_start = 0;
+  ASSERT_EQ(orlo_display_set_user_config(h, 2, &need_start), 0);
+  ASSERT_EQ(need_start, 1);
+  EXPECT_EQ(orlo_display_mode_change(h, 3), 0);
+  EXPECT_TRUE(fake_engine::calls("ravel_start").empty());
+  EXPECT_EQ(h->config_mode, 3);
+}
+
+TEST(SetUserConfig, NullAnswerLeavesTheFirstSelectionForTheNextCall) {
+  log_capture log;
+  orlo_display_t *h = make_display();
+  EXPECT_EQ(orlo_display_set_user_config(h, 2, nullptr), -1);
+  EXPECT_EQ(h->config_mode, 0);
+  EXPECT_TRUE(log.texts(G_LOG_LEVEL_MESSAGE).empty());
+  EXPECT_EQ(engine_names_after_new(), names{});
+  EXPECT_EQ(orlo_display_mode_start(h, 2), 0);
+  EXPECT_EQ(h->engine_started, 1);
+  EXPECT_EQ(fake_engine::calls("ravel_start").size(), 1u);
+}
+
+TEST(SetUserConfig, LogsPreviousAndNewMode) {
+  log_capture log;
+  orlo_display_t *h = make_display();
+  int need_start = 0;
+  orlo_display_set_user_config(h, 13, &need_start);
+  orlo_display_set_user_config(h, -4, &need_start);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_MESSAGE),
+            names({"orlo_display_set_user_config: prev_mode = 0, cur_mode = 13\n",
+                   "orlo_display_set_user_config: prev_mode = 13, cur_mode = -4\n"}));
+  EXPECT_EQ(h->config_mode, -4);  // stored like any other number
+}
+
+// ---- the decode table ----
+
+void first_cb_a(int) {}
+
+TEST(DecodeChange, CopiesFourWordsPerSlotAndDerivesTheWaits) {
+  orlo_display_t *h = make_display();
+  std::vector<orlo_decode_cfg_t> table(ORLO_MAX_SLOT);
+  for (int i = 0; i < ORLO_MAX_SLOT; i++) {
+    table[i].port = i % 18;
+    table[i].sync = i % 2;
+    table[i].enable = i % 3;
+    table[i].first_cb = i % 5 == 0 ? &first_cb_a : nullptr;
+  }
+  h->ch_jpeg_live[4] = 9;
+  EXPECT_EQ(orlo_display_decode_change(h, table.data()), 0);
+  for (int i = 0; i < ORLO_MAX_SLOT; i++) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(h->ch_port[i], i % 18);
+    EXPECT_EQ(h->ch_sync[i], i % 2);
+    EXPECT_EQ(h->ch_wait_sync[i], i % 2);
+    EXPECT_EQ(h->ch_enable[i], i % 3);
+    EXPECT_EQ(h->ch_wait_first[i], i % 3 == 1 ? 1 : 0);  // enable 2 does not wait
+    EXPECT_EQ(h->ch_first_cb[i], i % 5 == 0 ? &first_cb_a : nullptr);
+  }
+  EXPECT_EQ(h->ch_jpeg_live[4], 9);
+  EXPECT_TRUE(fake_engine::calls("ravel_put_decode_stream").empty());
+}
+
+TEST(DecodeChange, ZeroTableTurnsEverySlotOff) {
+  orlo_display_t *h = make_display();
+  std::vector<orlo_decode_cfg_t> on(ORLO_MAX_SLOT, orlo_decode_cfg_t{3, 1, 1, &first_cb_a, {}});
+  ASSERT_EQ(orlo_display_decode_change(h, on.data()), 0);
+  std::vector<orlo_decode_cfg_t> off(ORLO_MAX_SLOT);
+  ASSERT_EQ(orlo_display_decode_change(h, off.data()), 0);
+  for (int i = 0; i < ORLO_MAX_SLOT; i++) {
+    EXPECT_EQ(h->ch_enable[i], 0);
+    EXPECT_EQ(h->ch_wait_first[i], 0);
+    EXPECT_EQ(h->ch_port[i], 0);
+    EXPECT_EQ(h->ch_sync[i], 0);
+    EXPECT_EQ(h->ch_wait_sync[i], 0);
+    EXPECT_EQ(h->ch_first_cb[i], nullptr);
+  }
+}
+
+TEST(DecodeChange, WaitsForTheRenderLock) {
+  orlo_display_t *h = make_display();
+  std::vector<orlo_decode_cfg_t> table(ORLO_MAX_SLOT, orlo_decode_cfg_t{2, 0, 1, nullptr, {}});
+  g_mutex_lock(h->mutex);
+  std::atomic<bool> done{false};
+  std::thread t([&] {
+    orlo_display_decode_change(h, table.data());
+    done = true;
+  });
+  g_usleep(50000);
+  EXPECT_FALSE(done.load());
+  EXPECT_EQ(h->ch_port[83], 0);
+  g_mutex_unlock(h->mutex);
+  t.join();
+  EXPECT_TRUE(done.load());
+  EXPECT_EQ(h->ch_port[83], 2);
+}
+
+TEST(DecodeChange, NullTableIsRefused) {
+  log_capture log;
+  orlo_display_t *h = make_display();
+  EXPECT_EQ(orlo_display_decode_change(h, nullptr), -1);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 1u);
+}
+
+}  // namespace
