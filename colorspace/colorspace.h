@@ -26,6 +26,101 @@ COLORSPACE_API extern int32_t R_V_tab[256];
 /* Fills the five tables; a repeated call rewrites the same values. */
 COLORSPACE_API void colorspace_init(void);
 
+/* Argument shape of the conversions into YV12.  The source rows lie back to
+ * back; stride is the pitch of the Y plane in bytes, the chroma planes have
+ * stride / 2. */
+typedef void (*to_yv12_fn)(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out, const uint8_t *src,
+                           int width, int height, int stride);
+
+/* Argument shape of the conversions out of YV12 (and of planar 4:2:2).
+ * dst_stride counts pixels for packed destinations, bytes for planar ones;
+ * y_stride and uv_stride count bytes.  A negative height flips. */
+typedef void (*from_yv12_fn)(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                             const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                             int uv_stride, int width, int height);
+
+/* Into YV12.  width is even; an odd height leaves the last destination row
+ * alone.  The 16-bit forms flip on a negative height; the 24- and 32-bit
+ * forms always read their source bottom-up. */
+COLORSPACE_API void rgb555_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                     const uint8_t *src, int width, int height, int stride);
+COLORSPACE_API void rgb565_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                     const uint8_t *src, int width, int height, int stride);
+COLORSPACE_API void rgb24_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                    const uint8_t *src, int width, int height, int stride);
+COLORSPACE_API void rgb32_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                    const uint8_t *src, int width, int height, int stride);
+COLORSPACE_API void yuv_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                  const uint8_t *src, int width, int height, int stride);
+COLORSPACE_API void yuyv_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                   const uint8_t *src, int width, int height, int stride);
+COLORSPACE_API void uyvy_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
+                                   const uint8_t *src, int width, int height, int stride);
+
+/* YV12 to RGB.  555 and 565 carry the dropped low bits along each line. */
+COLORSPACE_API void yv12_to_rgb555_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                     const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                     int uv_stride, int width, int height);
+COLORSPACE_API void yv12_to_rgb565_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                     const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                     int uv_stride, int width, int height);
+COLORSPACE_API void yv12_to_rgb565_crop(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                        const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                        int uv_stride, int width, int height);
+COLORSPACE_API void yv12_to_rgb24_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                    const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                    int uv_stride, int width, int height);
+/* Bytes R, G, B, 0; u_src holds V and v_src holds U. */
+COLORSPACE_API void yv12_to_rgb32_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                    const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                    int uv_stride, int width, int height);
+
+/* YV12 to one contiguous planar buffer (dst_stride in bytes) and to packed
+ * 4:2:2 (dst_stride in pixels). */
+COLORSPACE_API void yv12_to_yuv_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                  const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                  int uv_stride, int width, int height);
+COLORSPACE_API void yv12_to_yuyv_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                   const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                   int uv_stride, int width, int height);
+COLORSPACE_API void yv12_to_uyvy_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                   const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                   int uv_stride, int width, int height);
+
+/* 4:2:2 sources straight to RGB, row by row. */
+COLORSPACE_API void yv16_to_rgb24_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                    const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                    int uv_stride, int width, int height);
+COLORSPACE_API void yv16_to_rgb32_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                    const uint8_t *u_src, const uint8_t *v_src, int y_stride,
+                                    int uv_stride, int width, int height);
+/* uv_src alternates U and V and has the pitch of the Y plane. */
+COLORSPACE_API void yv16i_to_rgb24_c(uint8_t *dst, int dst_stride, const uint8_t *y_src,
+                                     const uint8_t *uv_src, int y_stride, int width, int height);
+/* Packed Y0 V Y1 U; src_stride and dst_stride count pixels.  These keep 0 out
+ * of the output: the least value is 1 (rgb24) or 8 (rgb16). */
+COLORSPACE_API void yvyu_to_rgb24_c(uint8_t *dst, int dst_stride, const uint8_t *src,
+                                    int src_stride, int width, int height);
+COLORSPACE_API void yvyu_to_rgb16_c(uint8_t *dst, int dst_stride, const uint8_t *src,
+                                    int src_stride, int width, int height);
+
+/* Null at load and never touched by the library: for the application to
+ * point at the plain versions above or at its own. */
+COLORSPACE_API extern to_yv12_fn rgb555_to_yv12;
+COLORSPACE_API extern to_yv12_fn rgb565_to_yv12;
+COLORSPACE_API extern to_yv12_fn rgb24_to_yv12;
+COLORSPACE_API extern to_yv12_fn rgb32_to_yv12;
+COLORSPACE_API extern to_yv12_fn yuv_to_yv12;
+COLORSPACE_API extern to_yv12_fn yuyv_to_yv12;
+COLORSPACE_API extern to_yv12_fn uyvy_to_yv12;
+COLORSPACE_API extern from_yv12_fn yv12_to_rgb555;
+COLORSPACE_API extern from_yv12_fn yv12_to_rgb565;
+COLORSPACE_API extern from_yv12_fn yv12_to_rgb24;
+COLORSPACE_API extern from_yv12_fn yv12_to_rgb32;
+COLORSPACE_API extern from_yv12_fn yv12_to_yuv;
+COLORSPACE_API extern from_yv12_fn yv12_to_yuyv;
+COLORSPACE_API extern from_yv12_fn yv12_to_uyvy;
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,67 @@
+// Row kernels of the converters.  Every converter is a planar loop (the
+// walk over rows, flips and strides) that feeds one row kernel per row or
+// pair of rows; the kernels come in a plain version that reads the lookup
+// tables and, where it pays, a vector version.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace orlo::colorspace {
+
+// Two source rows (rows lie back to back) into two Y rows and one row of
+// each chroma plane.  width is even.
+using ToYv12Row = void (*)(const uint8_t *src0, const uint8_t *src1, uint8_t *y0, uint8_t *y1,
+                           uint8_t *u, uint8_t *v, int width);
+
+// One luma row and one row of each chroma plane, chroma at half width, into
+// one packed RGB row.
+using YuvToRgbRow = void (*)(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_t *dst,
+                             int width);
+
+// One luma row and a chroma row of alternating U and V into packed RGB.
+using InterleavedToRgbRow = void (*)(const uint8_t *y, const uint8_t *uv, uint8_t *dst, int width);
+
+// One packed Y0 V Y1 U row into packed RGB.
+using PackedToRgbRow = void (*)(const uint8_t *src, uint8_t *dst, int width);
+
+// One luma row and one row of each chroma plane into one packed 4:2:2 row.
+using ToPackedRow = void (*)(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_t *dst,
+                             int width);
+
+struct RowKernels {
+  ToYv12Row rgb555_to_yv12;
+  ToYv12Row rgb565_to_yv12;
+  ToYv12Row bgr24_to_yv12;
+  ToYv12Row bgr32_to_yv12;
+  ToYv12Row yuyv_to_yv12;
+  ToYv12Row uyvy_to_yv12;
+  ToPackedRow to_yuyv;
+  ToPackedRow to_uyvy;
+  // The table-driven ones.  Vector versions hold only while the tables carry
+  // the values that colorspace_init writes.
+  YuvToRgbRow to_rgb555;  // carries the dropped low bits along the row
+  YuvToRgbRow to_rgb565;  // the same
+  YuvToRgbRow to_bgr24;   // bytes B G R, clipped
+  YuvToRgbRow to_rgb0;    // bytes R G B 0, clipped
+  InterleavedToRgbRow interleaved_to_bgr24;
+  PackedToRgbRow yvyu_to_bgr24;  // values 1..255
+  PackedToRgbRow yvyu_to_bgr16;  // five-bit values moved up by three
+};
+
+// The plain kernels: the tables read per sample, as the arithmetic is told.
+const RowKernels &plain_row_kernels();
+
+// The best kernels for this machine; table-driven entries fall back to the
+// plain ones when the tables differ from their standard contents.
+const RowKernels &row_kernels();
+
+// For tests and benchmarks: false makes row_kernels() give the plain set.
+void set_vector_kernels_enabled(bool enabled);
+
+// Byte pitch as a signed size, so that row offsets never overflow int.
+inline ptrdiff_t pitch(int stride, int bytes_per_unit) {
+  return static_cast<ptrdiff_t>(stride) * bytes_per_unit;
+}
+
+}  // namespace orlo::colorspace

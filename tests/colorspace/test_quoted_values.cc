@@ -1,0 +1,189 @@
+// The values the converters are known by: whites, blacks, primaries, the
+// carry gradient, the clip floors of the packed-source forms, round trips.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "colorspace.h"
+
+namespace {
+
+struct Yv12 {
+  std::vector<uint8_t> y, u, v;
+  Yv12(int w, int h, uint8_t fill = 0x5A)
+      : y(size_t(w) * h, fill), u(size_t(w / 2) * (h / 2), fill), v(u.size(), fill) {}
+};
+
+bool all_equal(const std::vector<uint8_t> &b, uint8_t value) {
+  for (uint8_t x : b)
+    if (x != value) return false;
+  return true;
+}
+
+class Quoted : public ::testing::Test {
+ protected:
+  void SetUp() override { colorspace_init(); }
+};
+
+TEST_F(Quoted, RgbWhitesBlacksAndPrimariesIntoYv12) {
+  const int w = 4, h = 4;
+  std::vector<uint8_t> white24(w * h * 3, 0xFF), black24(w * h * 3, 0), red24(w * h * 3),
+      blue24(w * h * 3);
+  for (int i = 0; i < w * h; i++) {
+    red24[3 * i + 2] = 255;
+    blue24[3 * i] = 255;
+  }
+  const struct {
+    const std::vector<uint8_t> &src;
+    uint8_t y, u, v;
+  } cases[] = {{white24, 235, 128, 128},
+               {black24, 16, 128, 128},
+               {red24, 81, 90, 239},
+               {blue24, 40, 239, 110}};
+  for (const auto &c : cases) {
+    Yv12 out(w, h);
+    rgb24_to_yv12_c(out.y.data(), out.u.data(), out.v.data(), c.src.data(), w, h, w);
+    EXPECT_TRUE(all_equal(out.y, c.y));
+    EXPECT_TRUE(all_equal(out.u, c.u));
+    EXPECT_TRUE(all_equal(out.v, c.v));
+  }
+  std::vector<uint8_t> white16(w * h * 2, 0xFF);
+  Yv12 out565(w, h);
+  rgb565_to_yv12_c(out565.y.data(), out565.u.data(), out565.v.data(), white16.data(), w, h, w);
+  EXPECT_TRUE(all_equal(out565.y, 231));
+  EXPECT_TRUE(all_equal(out565.u, 126));
+  EXPECT_TRUE(all_equal(out565.v, 126));
+  // The top bit of a 555 word is ignored: 0xFFFF and 0x7FFF read the same.
+  for (int i = 0; i < w * h; i++) white16[2 * i + 1] = (i % 2) ? 0x7F : 0xFF;
+  Yv12 out555(w, h);
+  rgb555_to_yv12_c(out555.y.data(), out555.u.data(), out555.v.data(), white16.data(), w, h, w);
+  EXPECT_TRUE(all_equal(out555.y, 229));
+  EXPECT_TRUE(all_equal(out555.u, 128));
+  EXPECT_TRUE(all_equal(out555.v, 128));
+}
+
+TEST_F(Quoted, OddAndTinyHeightsLeaveRowsAlone) {
+  const int w = 4;
+  std::vector<uint8_t> src(w * 3 * 3, 0);
+  Yv12 out(w, 3);
+  rgb24_to_yv12_c(out.y.data(), out.u.data(), out.v.data(), src.data(), w, 3, w);
+  for (int x = 0; x < w; x++) {
+    EXPECT_EQ(out.y[x], 16);
+    EXPECT_EQ(out.y[2 * w + x], 0x5A) << "last row of an odd height";
+  }
+  Yv12 one(w, 2);
+  yuyv_to_yv12_c(one.y.data(), one.u.data(), one.v.data(), src.data(), w, 1, w);
+  EXPECT_TRUE(all_equal(one.y, 0x5A));
+  EXPECT_TRUE(all_equal(one.u, 0x5A));
+  std::vector<uint8_t> dst(w * 2 * 2, 0x33);
+  yv12_to_rgb565_c(dst.data(), w, one.y.data(), one.u.data(), one.v.data(), w, w / 2, w, -1);
+  yv12_to_rgb565_c(dst.data(), w, one.y.data(), one.u.data(), one.v.data(), w, w / 2, w, 0);
+  EXPECT_TRUE(all_equal(dst, 0x33));
+}
+
+TEST_F(Quoted, YuvToRgbClipsAndFloors) {
+  const uint8_t lumas[] = {16, 235, 255, 0};
+  const uint8_t expect[] = {0, 254, 255, 0};
+  for (int i = 0; i < 4; i++) {
+    Yv12 in(2, 2, 128);
+    in.y.assign(4, lumas[i]);
+    uint8_t px[2 * 2 * 3];
+    yv12_to_rgb24_c(px, 2, in.y.data(), in.u.data(), in.v.data(), 2, 1, 2, 2);
+    for (uint8_t b : px) EXPECT_EQ(b, expect[i]) << "Y " << int(lumas[i]);
+  }
+}
+
+TEST_F(Quoted, Rgb565CarriesMoveTheStepAndRestartEachLine) {
+  const int w = 6;
+  Yv12 in(w, 2, 128);
+  in.y.assign(in.y.size(), 100);
+  uint16_t words[2 * w];
+  yv12_to_rgb565_c(reinterpret_cast<uint8_t *>(words), w, in.y.data(), in.u.data(), in.v.data(), w,
+                   w / 2, w, 2);
+  const uint16_t expect[w] = {0x630C, 0x630C, 0x630C, 0x632C, 0x632C, 0x632C};
+  for (int line = 0; line < 2; line++)
+    for (int x = 0; x < w; x++) EXPECT_EQ(words[line * w + x], expect[x]) << line << "," << x;
+  in.y.assign(in.y.size(), 235);
+  yv12_to_rgb565_crop(reinterpret_cast<uint8_t *>(words), w, in.y.data(), in.u.data(), in.v.data(),
+                      w, w / 2, w, 2);
+  for (uint16_t word : words) EXPECT_EQ(word, 0xFFFF);
+}
+
+TEST_F(Quoted, Rgb32SwapsChromaRolesNotChannels) {
+  Yv12 in(2, 2, 0);
+  in.y.assign(4, 128);
+  in.u[0] = 200;  // given as U to both
+  in.v[0] = 60;
+  uint8_t p24[12], p32[16];
+  yv12_to_rgb24_c(p24, 2, in.y.data(), in.u.data(), in.v.data(), 2, 1, 2, 2);
+  yv12_to_rgb32_c(p32, 2, in.y.data(), in.v.data(), in.u.data(), 2, 1, 2, 2);
+  for (int i = 0; i < 4; i++) {
+    EXPECT_EQ(p32[4 * i], p24[3 * i + 2]);
+    EXPECT_EQ(p32[4 * i + 1], p24[3 * i + 1]);
+    EXPECT_EQ(p32[4 * i + 2], p24[3 * i]);
+    EXPECT_EQ(p32[4 * i + 3], 0);
+  }
+}
+
+TEST_F(Quoted, PackedSourcesKeepZeroOut) {
+  // Black: Y 16 and neutral chroma, in groups of Y0 V Y1 U.
+  const uint8_t black[8] = {16, 128, 16, 128, 16, 128, 16, 128};
+  uint8_t out[4 * 3];
+  yvyu_to_rgb24_c(out, 4, black, 4, 4, 1);
+  for (uint8_t b : out) EXPECT_EQ(b, 1);
+  yvyu_to_rgb16_c(out, 4, black, 4, 4, -1);
+  for (uint8_t b : out) EXPECT_EQ(b, 8);
+  const uint8_t y[4] = {16, 16, 16, 16}, c[2] = {128, 128};
+  yv16_to_rgb24_c(out, 4, y, c, c, 4, 2, 4, 1);
+  for (uint8_t b : out) EXPECT_EQ(b, 0);
+  // Thresholds of the five-bit rule, with c = Y term at neutral chroma:
+  // Y 30 gives 16, Y 31 gives 17, Y 255 gives 278.
+  const struct {
+    uint8_t y;
+    uint8_t out;
+  } steps[] = {{30, 8}, {31, 16}, {255, 248}};
+  for (const auto &s : steps) {
+    const uint8_t grey[4] = {s.y, 128, s.y, 128};
+    uint8_t px[6];
+    yvyu_to_rgb16_c(px, 2, grey, 2, 2, 1);
+    for (uint8_t b : px) EXPECT_EQ(b, s.out) << "Y " << int(s.y);
+  }
+}
+
+TEST_F(Quoted, PackedRoundTripsAreExact) {
+  std::mt19937 rng(3);
+  const int w = 38, h = 10;
+  Yv12 in(w, h);
+  for (auto *plane : {&in.y, &in.u, &in.v})
+    for (auto &b : *plane) b = static_cast<uint8_t>(rng());
+  using To = void (*)(uint8_t *, int, const uint8_t *, const uint8_t *, const uint8_t *, int, int,
+                      int, int);
+  using Back = void (*)(uint8_t *, uint8_t *, uint8_t *, const uint8_t *, int, int, int);
+  const std::pair<To, Back> trips[] = {{yv12_to_yuyv_c, yuyv_to_yv12_c},
+                                       {yv12_to_uyvy_c, uyvy_to_yv12_c}};
+  for (const auto &[to, back] : trips) {
+    std::vector<uint8_t> packed(w * h * 2);
+    to(packed.data(), w, in.y.data(), in.u.data(), in.v.data(), w, w / 2, w, h);
+    Yv12 out(w, h, 0);
+    back(out.y.data(), out.u.data(), out.v.data(), packed.data(), w, h, w);
+    EXPECT_EQ(out.y, in.y);
+    EXPECT_EQ(out.u, in.u);
+    EXPECT_EQ(out.v, in.v);
+  }
+}
+
+TEST_F(Quoted, FunctionPointersStartNull) {
+  const void *pointers[] = {
+      reinterpret_cast<void *>(rgb555_to_yv12), reinterpret_cast<void *>(rgb565_to_yv12),
+      reinterpret_cast<void *>(rgb24_to_yv12),  reinterpret_cast<void *>(rgb32_to_yv12),
+      reinterpret_cast<void *>(yuv_to_yv12),    reinterpret_cast<void *>(yuyv_to_yv12),
+      reinterpret_cast<void *>(uyvy_to_yv12),   reinterpret_cast<void *>(yv12_to_rgb555),
+      reinterpret_cast<void *>(yv12_to_rgb565), reinterpret_cast<void *>(yv12_to_rgb24),
+      reinterpret_cast<void *>(yv12_to_rgb32),  reinterpret_cast<void *>(yv12_to_yuv),
+      reinterpret_cast<void *>(yv12_to_yuyv),   reinterpret_cast<void *>(yv12_to_uyvy)};
+  for (const void *p : pointers) EXPECT_EQ(p, nullptr);
+}
+
+}  // namespace
