@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
+#include <ostream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -36,3 +38,14 @@ inline std::vector<std::string> texts_without_lines(const testing_support::log_c
 }
 
 }  // namespace display_test
+
+// Regions compare word by word and print readably in failures.
+inline bool operator==(const orlo_vr_t &a, const orlo_vr_t &b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+inline std::ostream &operator<<(std::ostream &os, const orlo_vr_t &r) {
+  return os << "{ch " << r.ch << ", " << r.x << "," << r.y << " " << r.width << "x" << r.height
+            << ", layer " << r.layer << ", crop " << r.crop_x << "," << r.crop_y << " "
+            << r.crop_width << "x" << r.crop_height << ", flag " << r.flag << "}";
+}
