@@ -1,0 +1,299 @@
+// The application sink: its bounded queue, its callbacks on the streaming
+// thread, the step report, and what becomes of queued buffers on flush and
+// on the way down.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kelapp_sink.h"
+#include "ref_ptr.hh"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Counts the finalization of the buffers it watches.
+struct free_counter {
+  std::atomic<int> freed{0};
+  void watch(GstBuffer *b) { gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(b), on_free, this); }
+  static void on_free(gpointer self, GstMiniObject *) {
+    static_cast<free_counter *>(self)->freed++;
+  }
+};
+
+template <typename F>
+bool wait_for(F cond) {
+  for (int i = 0; i < 1000; i++) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return cond();
+}
+
+class pipeline {
+ public:
+  explicit pipeline(const char *sink_props) {
+    gst_init(nullptr, nullptr);
+    std::string launch =
+        std::string("appsrc name=src format=time ! kelappsink name=sink ") + sink_props;
+    GError *err = nullptr;
+    pipe_ = orlo::adopt(gst_parse_launch(launch.c_str(), &err));
+    if (err != nullptr) {
+      ADD_FAILURE() << err->message;
+      g_error_free(err);
+    }
+    src_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe_.get()), "src"));
+    sink_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe_.get()), "sink"));
+  }
+  ~pipeline() { stop(); }
+
+  void play() { gst_element_set_state(pipe_.get(), GST_STATE_PLAYING); }
+  void stop() {
+    if (pipe_) gst_element_set_state(pipe_.get(), GST_STATE_NULL);
+  }
+  // Pushes a buffer; the pipeline takes its own reference, the caller's
+  // goes.
+  void push(GstBuffer *b) {
+    GstFlowReturn ret;
+    g_signal_emit_by_name(src_.get(), "push-buffer", b, &ret);
+    gst_buffer_unref(b);
+  }
+  void eos() {
+    GstFlowReturn ret;
+    g_signal_emit_by_name(src_.get(), "end-of-stream", &ret);
+  }
+  bool wait_eos() {
+    orlo::ref_ptr<GstBus> bus = orlo::adopt(gst_element_get_bus(pipe_.get()));
+    orlo::ref_ptr<GstMessage> msg = orlo::adopt(gst_bus_timed_pop_filtered(
+        bus.get(), 20 * GST_SECOND,
+        static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+    return msg && GST_MESSAGE_TYPE(msg.get()) == GST_MESSAGE_EOS;
+  }
+  GstKelAppSink *sink() const { return GST_KELAPP_SINK(sink_.get()); }
+  GstElement *src() const { return src_.get(); }
+
+ private:
+  orlo::ref_ptr<GstElement> pipe_, src_, sink_;
+};
+
+GstBuffer *numbered(guint64 n) {
+  GstBuffer *b = gst_buffer_new_allocate(nullptr, 8, nullptr);
+  gst_buffer_fill(b, 0, &n, sizeof n);
+  GST_BUFFER_PTS(b) = n * GST_MSECOND;
+  return b;
+}
+
+guint64 number_of(GstBuffer *b) {
+  guint64 n = 0;
+  gst_buffer_extract(b, 0, &n, sizeof n);
+  return n;
+}
+
+TEST(KelAppSink, PropertiesAndDefaults) {
+  gst_init(nullptr, nullptr);
+  orlo::ref_ptr<GstElement> sink = orlo::adopt(
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("kelappsink", nullptr))));
+  ASSERT_TRUE(sink);
+  gboolean drop = TRUE, sync = FALSE;
+  guint max = 7;
+  gint prio = -1;
+  g_object_get(sink.get(), "drop", &drop, "max-buffers", &max, "priority", &prio, "sync", &sync,
+               nullptr);
+  EXPECT_FALSE(drop);
+  EXPECT_EQ(max, 0u);
+  EXPECT_EQ(prio, 0);
+  EXPECT_TRUE(sync);
+  orlo::ref_ptr<GstCaps> caps = orlo::adopt(gst_caps_from_string("video/x-h264"));
+  g_object_set(sink.get(), "sync", FALSE, "drop", TRUE, "priority", 97, "max-buffers", 3u, "caps",
+               caps.get(), nullptr);
+  GstCaps *got = nullptr;
+  g_object_get(sink.get(), "drop", &drop, "max-buffers", &max, "priority", &prio, "sync", &sync,
+               "caps", &got, nullptr);
+  EXPECT_TRUE(drop);
+  EXPECT_EQ(max, 3u);
+  EXPECT_EQ(prio, 97);
+  EXPECT_FALSE(sync);
+  ASSERT_NE(got, nullptr);
+  EXPECT_TRUE(gst_caps_is_equal(got, caps.get()));
+  gst_caps_unref(got);
+  EXPECT_EQ(gst_kelapp_sink_pull_buffer(GST_KELAPP_SINK(sink.get())), nullptr);
+}
+
+TEST(KelAppSink, DropKeepsTheNewestAndFreesTheRest) {
+  pipeline p("sync=false drop=true max-buffers=2");
+  free_counter fc;
+  p.play();
+  for (guint64 i = 0; i < 5; i++) {
+    GstBuffer *b = numbered(i);
+    fc.watch(b);
+    p.push(b);
+  }
+  p.eos();
+  ASSERT_TRUE(p.wait_eos());
+  EXPECT_EQ(fc.freed.load(), 3);
+  std::vector<guint64> got;
+  while (GstBuffer *b = gst_kelapp_sink_pull_buffer(p.sink())) {
+    got.push_back(number_of(b));
+    gst_buffer_unref(b);
+  }
+  EXPECT_EQ(got, (std::vector<guint64>{3, 4}));
+  EXPECT_EQ(fc.freed.load(), 5);
+}
+
+TEST(KelAppSink, FullQueueWaitsForPullsAndNullReleasesTheRest) {
+  pipeline p("sync=false max-buffers=1");
+  free_counter fc;
+  p.play();
+  for (guint64 i = 0; i < 4; i++) {
+    GstBuffer *b = numbered(i);
+    fc.watch(b);
+    p.push(b);
+  }
+  // The streaming thread holds buffer 1 while 0 fills the queue.
+  std::vector<guint64> got;
+  for (int n = 0; n < 2; n++) {
+    GstBuffer *b = nullptr;
+    ASSERT_TRUE(wait_for([&] { return (b = gst_kelapp_sink_pull_buffer(p.sink())) != nullptr; }));
+    got.push_back(number_of(b));
+    gst_buffer_unref(b);
+  }
+  EXPECT_EQ(got, (std::vector<guint64>{0, 1}));
+  ASSERT_TRUE(wait_for([&] { return fc.freed.load() >= 2; }));
+  // Going down with a full queue and a waiting render must neither hang nor
+  // keep a buffer.
+  p.stop();
+  EXPECT_EQ(fc.freed.load(), 4);
+}
+
+struct recorder {
+  std::mutex lock;
+  std::vector<std::string> log;
+  std::thread::id render_thread;
+  std::thread::id caller = std::this_thread::get_id();
+  void add(std::string s) {
+    std::lock_guard<std::mutex> g(lock);
+    log.push_back(std::move(s));
+  }
+  std::vector<std::string> snapshot() {
+    std::lock_guard<std::mutex> g(lock);
+    return log;
+  }
+};
+
+gint on_render(GstKelAppSink *sink, gpointer data) {
+  auto *r = static_cast<recorder *>(data);
+  r->render_thread = std::this_thread::get_id();
+  GstBuffer *b = gst_kelapp_sink_pull_buffer(sink);
+  r->add(b ? "render " + std::to_string(number_of(b)) : "render none");
+  if (b) gst_buffer_unref(b);
+  return 0;
+}
+
+gint on_event(GstKelAppSink *, GstEvent *ev, gpointer data) {
+  const GstStructure *s = gst_event_get_structure(ev);
+  if (s != nullptr && gst_structure_has_name(s, "KELPlayInfo")) {
+    gint dir = -1;
+    gst_structure_get_int(s, "direction", &dir);
+    static_cast<recorder *>(data)->add("play-info " + std::to_string(dir));
+  } else if (GST_EVENT_TYPE(ev) == GST_EVENT_EOS) {
+    static_cast<recorder *>(data)->add("eos event");
+  }
+  return 0;
+}
+
+gint on_report(GstKelAppSink *, gint code, gpointer data) {
+  static_cast<recorder *>(data)->add("report " + std::to_string(code));
+  return 0;
+}
+
+void on_eos(GstKelAppSink *, gpointer data) { static_cast<recorder *>(data)->add("eos"); }
+
+void on_notify(gpointer data) { static_cast<recorder *>(data)->add("notify"); }
+
+TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
+  recorder r;
+  {
+    pipeline p("sync=false drop=true max-buffers=3");
+    const GstKelAppSinkRenderCallbacks render_cbs = {on_eos, on_render, {}};
+    const GstKelAppSinkCallbacks cbs = {nullptr, on_event, nullptr, on_report, {}};
+    gst_kelapp_sink_set_render_callbacks(p.sink(), &render_cbs, &r, nullptr);
+    gst_kelapp_sink_set_callbacks(p.sink(), &cbs, &r, on_notify);
+    p.play();
+    p.push(numbered(0));
+    GstBuffer *b = numbered(1);
+    GST_BUFFER_FLAG_SET(b, GST_KELAPP_SINK_BUFFER_FLAG_STEP);
+    p.push(b);
+    GstStructure *s = gst_structure_new("KELPlayInfo", "direction", G_TYPE_INT, 1, nullptr);
+    ASSERT_TRUE(
+        gst_element_send_event(p.src(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s)));
+    p.push(numbered(2));
+    p.eos();
+    ASSERT_TRUE(p.wait_eos());
+  }
+  EXPECT_EQ(r.snapshot(),
+            (std::vector<std::string>{"render 0", "render 1", "report 35", "play-info 1",
+                                      "render 2", "eos event", "eos", "notify"}));
+  EXPECT_NE(r.render_thread, r.caller);
+}
+
+TEST(KelAppSink, FlushReleasesQueuedBuffers) {
+  pipeline p("sync=false");
+  free_counter fc;
+  p.play();
+  for (guint64 i = 0; i < 3; i++) {
+    GstBuffer *b = numbered(i);
+    fc.watch(b);
+    p.push(b);
+  }
+  p.eos();
+  ASSERT_TRUE(p.wait_eos());  // all three sit in the queue
+  EXPECT_EQ(fc.freed.load(), 0);
+  orlo::ref_ptr<GstPad> pad =
+      orlo::adopt(gst_element_get_static_pad(GST_ELEMENT(p.sink()), "sink"));
+  gst_pad_send_event(pad.get(), gst_event_new_flush_start());
+  gst_pad_send_event(pad.get(), gst_event_new_flush_stop(TRUE));
+  EXPECT_EQ(gst_kelapp_sink_pull_buffer(p.sink()), nullptr);
+  EXPECT_EQ(fc.freed.load(), 3);
+}
+
+}  // namespace
+
+namespace {
+
+// Both sinks' render callbacks wait inside for each other.
+struct rendezvous {
+  std::atomic<int> inside{0};
+  std::atomic<bool> met{false};
+};
+
+gint meet(GstKelAppSink *sink, gpointer data) {
+  auto *r = static_cast<rendezvous *>(data);
+  r->inside++;
+  if (wait_for([&] { return r->inside.load() >= 2; })) r->met = true;
+  if (GstBuffer *b = gst_kelapp_sink_pull_buffer(sink)) gst_buffer_unref(b);
+  return 0;
+}
+
+TEST(KelAppSink, TwoSinksRenderAtTheSameTime) {
+  rendezvous r;
+  pipeline a("sync=false"), b("sync=false");
+  const GstKelAppSinkRenderCallbacks cbs = {nullptr, meet, {}};
+  gst_kelapp_sink_set_render_callbacks(a.sink(), &cbs, &r, nullptr);
+  gst_kelapp_sink_set_render_callbacks(b.sink(), &cbs, &r, nullptr);
+  a.play();
+  b.play();
+  a.push(numbered(0));
+  b.push(numbered(0));
+  a.eos();
+  b.eos();
+  ASSERT_TRUE(a.wait_eos());
+  ASSERT_TRUE(b.wait_eos());
+  EXPECT_TRUE(r.met.load());
+}
+
+}  // namespace
