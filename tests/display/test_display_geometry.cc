@@ -1,0 +1,301 @@
+// The geometry change: scaling, rounding, overlap repair, the engine's calls
+// for both outputs; and the repair on its own.
+#include <array>
+#include <cstring>
+#include <ostream>
+
+#include "display_fixture.hh"
+#include "display_overlap.hh"
+
+namespace {
+
+using display_test::engine_word;
+using display_test::make_display;
+using display_test::texts_without_lines;
+using testing_support::log_capture;
+using names = std::vector<std::string>;
+using vr_list = std::array<orlo_vr_t, ORLO_MAX_VR>;
+
+orlo_vr_t R(int ch, int x, int y, int w, int h) {
+  return orlo_vr_t{ch, x, y, w, h, 1, -1, -1, -1, -1, 0};
+}
+
+vr_list empty_list() {
+  vr_list v;
+  v.fill(orlo_vr_t{-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0});
+  return v;
+}
+
+vr_list list_of(std::vector<orlo_vr_t> used) {
+  vr_list v = empty_list();
+  for (size_t i = 0; i < used.size(); i++) v[i] = used[i];
+  return v;
+}
+
+struct geometry_call {
+  int count, display, kind;
+  std::vector<orlo_vr_t> regions;  // the first `count` records
+};
+
+std::vector<geometry_call> geometry_calls() {
+  std::vector<geometry_call> out;
+  for (const auto &c : fake_engine::calls("ravel_change_geometry")) {
+    EXPECT_EQ(c.args[0], engine_word());
+    geometry_call g{
+        static_cast<int>(c.args[2]), static_cast<int>(c.args[3]), static_cast<int>(c.args[4]), {}};
+    for (int i = 0; i < g.count; i++) {
+      orlo_vr_t r;
+      std::memcpy(&r, c.record.data() + sizeof r * i, sizeof r);
+      g.regions.push_back(r);
+    }
+    out.push_back(g);
+  }
+  return out;
+}
+
+// Calls the change with standard output captured; gives the result.
+int change(orlo_display_t *h, const vr_list &vr, int mode, std::string *out = nullptr) {
+  testing::internal::CaptureStdout();
+  int ret = orlo_display_change(h, vr.data(), 0, mode);
+  std::string printed = testing::internal::GetCapturedStdout();
+  if (out != nullptr) *out = printed;
+  return ret;
+}
+
+// Mode 7 with a mosaic of 1920 x 1000 on a display of 800 x 600.
+TEST(DisplayChange, NineTilesOn800x600RepairTheMiddleRowAndFeedTheSecondOutput) {
+  log_capture log;
+  orlo_display_t *h = make_display(6);
+  vr_list vr;
+  std::array<int, ORLO_MAX_VR> c{};
+  for (int i = 0; i < ORLO_MAX_VR; i++) c[i] = i;
+  ASSERT_EQ(orlo_display_get_user_vr(h, 7, 0, 0, 1920, 1000, c.data(), nullptr, vr.data()), 0);
+  std::string printed;
+  EXPECT_EQ(change(h, vr, 7, &printed), 0);
+
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].count, 9);
+  EXPECT_EQ(calls[0].display, 0);
+  EXPECT_EQ(calls[0].kind, 0);
+  const int xs[3] = {0, 264, 536}, ws[3] = {264, 272, 264};
+  const int ys[3] = {0, 186, 370}, hs[3] = {186, 184, 186};
+  for (int i = 0; i < 9; i++)
+    EXPECT_EQ(calls[0].regions[i], R(i, xs[i % 3], ys[i / 3], ws[i % 3], hs[i / 3])) << i;
+
+  EXPECT_EQ(calls[1].count, 9);
+  EXPECT_EQ(calls[1].display, 2);
+  EXPECT_EQ(calls[1].kind, 0);
+  const int xs2[3] = {0, 422, 858}, ws2[3] = {422, 434, 422};
+  for (int i = 0; i < 9; i++)
+    EXPECT_EQ(calls[1].regions[i], R(i, xs2[i % 3], 222 * (i / 3), ws2[i % 3], 222)) << i;
+
+  EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING),
+            names({"_fix_dispOverlap:L: (vr[3].y:186 + vr[3].height:186) > vr[6].y:370\n",
+                   "_fix_dispOverlap:L: (vr[4].y:186 + vr[4].height:186) > vr[7].y:370\n",
+                   "_fix_dispOverlap:L: (vr[5].y:186 + vr[5].height:186) > vr[8].y:370\n"}));
+  EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_MESSAGE),
+            names{"orlo_display_change:L: _first_init: 0\n"});
+  EXPECT_TRUE(std::regex_match(printed, std::regex("orlo_display_change: [0-9]+: vr_num = 9, "
+                                                   "mode: 0\n")))
+      << printed;
+  // The handle keeps the caller's list, unscaled.
+  EXPECT_EQ(std::memcmp(h->vr, vr.data(), sizeof h->vr), 0);
+}
+
+TEST(DisplayChange, ScalesOnlyThePlaceAndSize) {
+  orlo_display_t *h = make_display(3);  // 1280 x 720
+  vr_list vr = list_of({orlo_vr_t{5, 101, 51, 333, 201, 2, 10, 20, 30, 40, 7}});
+  ASSERT_EQ(change(h, vr, 10), 0);
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 2u);
+  // even(333) = 334 -> 222.6 -> 222 -> 224; even(201) = 202 -> 134.6 -> 134 -> 134;
+  // x 101 -> 67.3 -> 67 -> 72; y 51 -> 34 -> 34.
+  EXPECT_EQ(calls[0].regions[0], (orlo_vr_t{5, 72, 34, 224, 134, 2, 10, 20, 30, 40, 7}));
+  // Second output: no rounding before, even after: 67 -> 68, 222 -> 222, 34, 134.
+  EXPECT_EQ(calls[1].regions[0], (orlo_vr_t{5, 68, 34, 222, 134, 2, 10, 20, 30, 40, 7}));
+}
+
+TEST(DisplayChange, SecondOutputOnlyOnce) {
+  orlo_display_t *h = make_display(0);
+  vr_list vr = list_of({R(1, 0, 0, 960, 540), R(2, 960, 0, 960, 540)});
+  ASSERT_EQ(change(h, vr, 2), 0);
+  ASSERT_EQ(change(h, vr, 13), 0);
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[2].display, 0);
+  EXPECT_EQ(calls[2].kind, 1);
+}
+
+TEST(DisplayChange, FailedFirstChangeTriesTheSecondOutputNextTime) {
+  log_capture log;
+  orlo_display_t *h = make_display(0);
+  vr_list vr = list_of({R(1, 0, 0, 1920, 1080)});
+  fake_engine::script_sequence("ravel_change_geometry", {-5, 0});
+  EXPECT_EQ(change(h, vr, 1), -5);
+  EXPECT_EQ(geometry_calls().size(), 1u);
+  EXPECT_TRUE(log.texts(G_LOG_LEVEL_MESSAGE).empty());
+  EXPECT_EQ(change(h, vr, 1), 0);
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[1].display, 0);
+  EXPECT_EQ(calls[2].display, 2);
+}
+
+TEST(DisplayChange, FailedSecondOutputIsNotTriedAgain) {
+  orlo_display_t *h = make_display(0);
+  vr_list vr = list_of({R(1, 0, 0, 1920, 1080)});
+  fake_engine::script_sequence("ravel_change_geometry", {0, -9, 0});
+  EXPECT_EQ(change(h, vr, 1), -9);
+  EXPECT_EQ(change(h, vr, 1), 0);
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[2].display, 0);
+}
+
+TEST(DisplayChange, EmptyListGoesOutWithNoRegions) {
+  log_capture log;
+  orlo_display_t *h = make_display(0);
+  std::string printed;
+  ASSERT_EQ(change(h, empty_list(), 1, &printed), 0);
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].count, 0);
+  EXPECT_EQ(calls[1].count, 0);
+  EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
+  EXPECT_NE(printed.find("vr_num = 0, mode: 0\n"), std::string::npos);
+}
+
+TEST(DisplayChange, CountStopsAtFirstFreeRecordOrAtThirtySeven) {
+  orlo_display_t *h = make_display(0);
+  vr_list full;
+  for (int i = 0; i < ORLO_MAX_VR; i++) full[i] = R(i, 0, 0, 8, 8);
+  vr_list holed = full;
+  holed[4].ch = -1;
+  ASSERT_EQ(change(h, full, 9), 0);
+  ASSERT_EQ(change(h, holed, 9), 0);
+  auto calls = geometry_calls();
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls[0].count, 37);
+  EXPECT_EQ(calls[1].count, 37);
+  EXPECT_EQ(calls[2].count, 4);
+}
+
+struct kind_case {
+  int mode, kind;
+  bool warned;
+};
+void PrintTo(const kind_case &c, std::ostream *os) { *os << "mode " << c.mode; }
+
+class ChangeKind : public ::testing::TestWithParam<kind_case> {};
+
+TEST_P(ChangeKind, LiveOrPlayback) {
+  log_capture log;
+  orlo_display_t *h = make_display(0);
+  std::string printed;
+  ASSERT_EQ(change(h, list_of({R(1, 0, 0, 1920, 1080)}), GetParam().mode, &printed), 0);
+  for (const auto &c : geometry_calls()) EXPECT_EQ(c.kind, GetParam().kind);
+  names expected;
+  if (GetParam().warned)
+    expected.push_back("orlo_display_change:L: config_mode: " + std::to_string(GetParam().mode) +
+                       "\n");
+  EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), expected);
+  EXPECT_NE(printed.find("mode: " + std::to_string(GetParam().kind) + "\n"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, ChangeKind,
+                         ::testing::Values(kind_case{0, 0, false}, kind_case{7, 0, false},
+                                           kind_case{10, 0, false}, kind_case{100, 0, false},
+                                           kind_case{11, 1, false}, kind_case{22, 1, false},
+                                           kind_case{101, 1, false}, kind_case{23, 0, true},
+                                           kind_case{-1, 0, true}, kind_case{99, 0, true},
+                                           kind_case{102, 0, true}));
+
+TEST(DisplayChange, InsetOverlapIsMeantAndStays) {
+  log_capture log;
+  orlo_display_t *h = make_display(0);
+  vr_list vr;
+  std::array<int, ORLO_MAX_VR> c{};
+  c[0] = 3;
+  ASSERT_EQ(orlo_display_get_user_vr(h, 10, 0, 0, 1920, 1080, c.data(), nullptr, vr.data()), 0);
+  ASSERT_EQ(change(h, vr, 10), 0);
+  EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
+  auto calls = geometry_calls();
+  EXPECT_EQ(calls[0].regions[0], (orlo_vr_t{3, 0, 0, 1920, 1080, 1, 0, 1856, 0, 1032, 0}));
+  EXPECT_EQ(calls[0].regions[1], (orlo_vr_t{3, 1344, 688, 576, 324, 2, -1, -1, -1, -1, 0}));
+}
+
+TEST(DisplayChange, NullListIsRefused) {
+  log_capture log;
+  orlo_display_t *h = make_display(0);
+  EXPECT_EQ(orlo_display_change(h, nullptr, 0, 1), -1);
+  EXPECT_TRUE(geometry_calls().empty());
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 1u);
+}
+
+// ---- the repair on its own ----
+
+struct repair_case {
+  const char *label;
+  std::vector<orlo_vr_t> in, out;
+  names warnings;
+};
+void PrintTo(const repair_case &c, std::ostream *os) { *os << c.label; }
+
+class OverlapRepair : public ::testing::TestWithParam<repair_case> {};
+
+TEST_P(OverlapRepair, EarlierRegionGivesWay) {
+  const repair_case &p = GetParam();
+  log_capture log;
+  std::vector<orlo_vr_t> vr = p.in;
+  orlo::_fix_dispOverlap(vr.data(), static_cast<int>(vr.size()));
+  ASSERT_EQ(vr.size(), p.out.size());
+  for (size_t i = 0; i < vr.size(); i++) EXPECT_EQ(vr[i], p.out[i]) << i;
+  EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), p.warnings);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pairs, OverlapRepair,
+    ::testing::Values(
+        repair_case{"left_of",
+                    {R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100)},
+                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100)},
+                    {"_fix_dispOverlap:L: (vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
+        repair_case{"right_of",
+                    {R(0, 99, 0, 100, 100), R(1, 0, 0, 100, 100)},
+                    {R(0, 100, 0, 99, 100), R(1, 0, 0, 100, 100)},
+                    {"_fix_dispOverlap:L: vr[0].x:99 < (vr[1].x:0 + vr[1].width:100)\n"}},
+        repair_case{"above",
+                    {R(0, 0, 0, 100, 102), R(1, 0, 100, 100, 100)},
+                    {R(0, 0, 0, 100, 100), R(1, 0, 100, 100, 100)},
+                    {"_fix_dispOverlap:L: (vr[0].y:0 + vr[0].height:102) > vr[1].y:100\n"}},
+        repair_case{"below",
+                    {R(0, 0, 98, 100, 100), R(1, 0, 0, 100, 100)},
+                    {R(0, 0, 100, 100, 98), R(1, 0, 0, 100, 100)},
+                    {"_fix_dispOverlap:L: vr[0].y:98 < (vr[1].y:0 + vr[1].height:100)\n"}},
+        repair_case{"width_first",
+                    {R(0, 0, 0, 101, 101), R(1, 100, 100, 50, 50)},
+                    {R(0, 0, 0, 100, 101), R(1, 100, 100, 50, 50)},
+                    {"_fix_dispOverlap:L: (vr[0].x:0 + vr[0].width:101) > vr[1].x:100\n"}},
+        repair_case{"touching",
+                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
+                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
+                    {}},
+        repair_case{"three_is_real",
+                    {R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
+                    {R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
+                    {}},
+        // The first repair removes the overlap with the third region.
+        repair_case{"repair_seen_later",
+                    {R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
+                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
+                    {"_fix_dispOverlap:L: (vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
+        // Only the earlier of a pair changes.
+        repair_case{"later_untouched",
+                    {R(0, 0, 0, 100, 100), R(1, 0, 98, 100, 100)},
+                    {R(0, 0, 0, 100, 98), R(1, 0, 98, 100, 100)},
+                    {"_fix_dispOverlap:L: (vr[0].y:0 + vr[0].height:100) > vr[1].y:98\n"}},
+        repair_case{"one_region", {R(0, 0, 0, 100, 100)}, {R(0, 0, 0, 100, 100)}, {}}),
+    [](const auto &info) { return std::string(info.param.label); });
+
+}  // namespace
