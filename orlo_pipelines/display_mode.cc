@@ -78,7 +78,12 @@ int select_mode(orlo_display_t *h_display, int mode, const char *name) {
 
 extern "C" ORLO_API int orlo_display_set_user_config(orlo_display_t *h_display, int mode,
                                                      int *need_start) {
-  if (need_start == nullptr) return -1;
+  if (need_start == nullptr) {
+    // Refused before anything else: the first selection stays for the next
+    // call.
+    g_return_if_fail_warning(nullptr, "orlo_display_set_user_config", "need_start != NULL");
+    return -1;
+  }
   if (h_display == nullptr) {
     g_return_if_fail_warning(nullptr, "orlo_display_set_user_config", "h_display != NULL");
     *need_start = 0;

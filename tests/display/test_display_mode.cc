@@ -263,6 +263,8 @@ TEST(SetUserConfig, NullAnswerLeavesTheFirstSelectionForTheNextCall) {
   EXPECT_EQ(orlo_display_set_user_config(h, 2, nullptr), -1);
   EXPECT_EQ(h->config_mode, 0);
   EXPECT_TRUE(log.texts(G_LOG_LEVEL_MESSAGE).empty());
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL),
+            names{"orlo_display_set_user_config: assertion 'need_start != NULL' failed"});
   EXPECT_EQ(engine_names_after_new(), names{});
   EXPECT_EQ(orlo_display_mode_start(h, 2), 0);
   EXPECT_EQ(h->engine_started, 1);
