@@ -52,6 +52,9 @@ struct RowKernels {
 // The plain kernels: the tables read per sample, as the arithmetic is told.
 const RowKernels &plain_row_kernels();
 
+// The vector kernels for this machine, plain where none is written.
+const RowKernels &vector_row_kernels();
+
 // The best kernels for this machine; table-driven entries fall back to the
 // plain ones when the tables differ from their standard contents.
 const RowKernels &row_kernels();
