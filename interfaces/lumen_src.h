@@ -3,7 +3,10 @@
  * A live source (is-live, timestamps from the running time at delivery) that
  * delivers list buffers of frame buffers, one list per wake-up holding every
  * frame that the open channels produced since the last one.  Each member is a
- * buddy buffer: the 24-byte frame header, then the payload.
+ * buddy buffer: the 24-byte frame header, then the payload.  Each change to
+ * PLAYING first delivers one empty list, so that the sink of a live pipeline
+ * completes its state change before any camera is open; on that change every
+ * stream also restarts at an intra frame.
  *
  * Cameras and channels.  A camera is opened by its number, 0..15.  It has two
  * streams: the main stream (stream 0) at the element's "width" x "height" and

@@ -21,7 +21,8 @@ typedef struct orlo_lumen_pipe {
   int32_t thread_ready;
 } orlo_lumen_pipe_t;
 
-/* The element's callback shape; see the live source element's header. */
+/* The element's callback shape (interfaces/lumen_src.h says what each
+ * callback sees); the pipe passes it through unchanged. */
 typedef void (*orlo_lumen_callback_t)(int ch, void *data, int size, void *user_data);
 
 ORLO_API orlo_lumen_pipe_t *orlo_lumen_pipe_new(int unused);

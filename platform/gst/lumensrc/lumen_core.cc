@@ -1,5 +1,7 @@
 #include "lumen_core.hh"
 
+#include <pthread.h>
+
 #include <cstring>
 
 #include "kel_buffers.h"
@@ -205,6 +207,9 @@ int source_core::send_audio(int camera, gconstpointer data, int size) {
 void source_core::set_running(bool running) {
   std::lock_guard<std::mutex> g(lock_);
   running_ = running;
+  // A first, empty delivery lets the sink of a live pipeline complete its
+  // change to PLAYING before any camera is open.
+  empty_due_ = running;
   if (running) {
     // The sink may have seen anything before; every stream starts afresh.
     for (auto &s : streams_)
@@ -226,8 +231,9 @@ GstFlowReturn source_core::wait_list(GstBuffer **out) {
   std::vector<orlo::ref_ptr<GstBuffer>> frames;
   {
     std::unique_lock<std::mutex> g(lock_);
-    frames_ready_.wait(g, [this] { return flushing_ || !pending_.empty(); });
+    frames_ready_.wait(g, [this] { return flushing_ || empty_due_ || !pending_.empty(); });
     if (flushing_) return GST_FLOW_FLUSHING;
+    empty_due_ = false;
     frames.swap(pending_);
   }
   GstBuffer *list = gst_kel_list_buffer_new();
@@ -293,6 +299,7 @@ void source_core::report(int camera, const std::string &event) {
 // A failing source is closed here, not on its own streaming thread, which
 // can't stop the pipeline that it belongs to.
 void source_core::supervise() {
+  pthread_setname_np(pthread_self(), "lumensrc-watch");
   std::unique_lock<std::mutex> g(lock_);
   for (;;) {
     failures_ready_.wait(g, [this] { return quitting_ || !failures_.empty(); });

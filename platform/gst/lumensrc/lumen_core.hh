@@ -56,7 +56,8 @@ class source_core final : public frame_target {
   void set_callback(callback_kind kind, GstLumenSrcCallback fn, gpointer user_data);
   int send_audio(int camera, gconstpointer data, int size);
 
-  // Element state: frames are held only while the element plays.
+  // Element state: frames are held only while the element plays, and each
+  // start delivers one empty list first.
   void set_running(bool running);
   void set_flushing(bool flushing);
   // Blocks until frames wait or a flush begins; gives a list buffer of them.
@@ -95,6 +96,7 @@ class source_core final : public frame_target {
   uint64_t next_generation_ = 1;
   bool running_ = false;
   bool flushing_ = false;
+  bool empty_due_ = false;
   bool overflow_logged_ = false;
 
   std::condition_variable failures_ready_;
