@@ -1,0 +1,186 @@
+// The channel file: writing the per-frame SEI and scanning a file back into
+// a frame index.
+#include "recording.hh"
+
+#include <fcntl.h>
+#include <glib/gstdio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace kelsst {
+
+namespace {
+
+// Our SEI's UUID.  It holds no zero byte, so it needs no emulation
+// prevention and can be searched for as raw bytes.
+constexpr uint8_t kUuid[16] = {0x6b, 0x65, 0x6c, 0x73, 0x73, 0x74, 0x2d, 0x66,
+                               0x72, 0x61, 0x6d, 0x65, 0x2d, 0x76, 0x31, 0x2e};
+constexpr uint8_t kVersion = 1;
+constexpr size_t kDataSize = 16;
+constexpr size_t kPayloadSize = sizeof kUuid + kDataSize;  // 32
+// The raw prefix searched for: start code, NAL header (SEI), payload type 5,
+// payload size, UUID.
+constexpr uint8_t kPrefix[] = {0x00,      0x00,      0x01,      0x06,     0x05,      kPayloadSize,
+                               kUuid[0],  kUuid[1],  kUuid[2],  kUuid[3], kUuid[4],  kUuid[5],
+                               kUuid[6],  kUuid[7],  kUuid[8],  kUuid[9], kUuid[10], kUuid[11],
+                               kUuid[12], kUuid[13], kUuid[14], kUuid[15]};
+constexpr int64_t kOverlapSlack = 1000000000;  // B-frame reordering stays well below this
+
+void put_le(uint8_t *p, uint64_t v, int n) {
+  for (int i = 0; i < n; i++) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+uint64_t get_le(const uint8_t *p, int n) {
+  uint64_t v = 0;
+  for (int i = n - 1; i >= 0; i--) v = (v << 8) | p[i];
+  return v;
+}
+
+// Reads `want` RBSP bytes from raw bytes starting at `p`, undoing emulation
+// prevention.  Gives the raw bytes consumed, or 0 when the data ends first.
+size_t read_rbsp(const uint8_t *p, size_t n, uint8_t *out, size_t want) {
+  size_t raw = 0, got = 0, zeros = 0;
+  while (got < want) {
+    if (raw >= n) return 0;
+    uint8_t b = p[raw++];
+    if (zeros >= 2 && b == 0x03) {
+      zeros = 0;
+      continue;
+    }
+    zeros = b == 0 ? zeros + 1 : 0;
+    out[got++] = b;
+  }
+  return raw;
+}
+
+}  // namespace
+
+std::vector<uint8_t> make_frame_sei(int channel, bool intra, uint32_t au_size, int64_t time) {
+  uint8_t data[kDataSize] = {};
+  data[0] = kVersion;
+  data[1] = static_cast<uint8_t>(channel);
+  data[2] = intra ? 1 : 0;
+  put_le(data + 4, au_size, 4);
+  put_le(data + 8, static_cast<uint64_t>(time), 8);
+  std::vector<uint8_t> out;
+  out.reserve(64);
+  out.push_back(0x00);  // the four-byte start code
+  for (uint8_t b : kPrefix) out.push_back(b);
+  // Emulation prevention over the data and the trailing bits.
+  size_t zeros = 0;
+  uint8_t rest[kDataSize + 1];
+  std::memcpy(rest, data, kDataSize);
+  rest[kDataSize] = 0x80;  // rbsp_trailing_bits
+  for (uint8_t b : rest) {
+    if (zeros >= 2 && b <= 0x03) {
+      out.push_back(0x03);
+      zeros = 0;
+    }
+    out.push_back(b);
+    zeros = b == 0 ? zeros + 1 : 0;
+  }
+  return out;
+}
+
+std::string channel_path(const std::string &folder, int channel) {
+  gchar name[16];
+  g_snprintf(name, sizeof name, "ch%02d.h264", channel);
+  gchar *p = g_build_filename(folder.c_str(), name, nullptr);
+  std::string s(p);
+  g_free(p);
+  return s;
+}
+
+bool recording::scan() {
+  GError *error = nullptr;
+  GMappedFile *file = g_mapped_file_new(path_.c_str(), FALSE, &error);
+  if (file == nullptr) {
+    g_clear_error(&error);
+    return false;
+  }
+  opened_ = true;
+  const auto *base = reinterpret_cast<const uint8_t *>(g_mapped_file_get_contents(file));
+  const size_t length = g_mapped_file_get_length(file);
+  truncated_ = false;
+  uint64_t pos = scanned_;
+  while (pos < length) {
+    // Normally the next SEI stands right here; after damage, search for it.
+    const void *hit =
+        base == nullptr ? nullptr : memmem(base + pos, length - pos, kPrefix, sizeof kPrefix);
+    if (hit == nullptr) {
+      truncated_ = true;  // bytes that hold no whole frame
+      break;
+    }
+    const size_t at = static_cast<const uint8_t *>(hit) - base;
+    const size_t data_at = at + sizeof kPrefix;
+    uint8_t data[kDataSize + 1];
+    const size_t raw = read_rbsp(base + data_at, length - data_at, data, sizeof data);
+    if (raw == 0) {
+      truncated_ = true;
+      break;
+    }
+    if (data[0] != kVersion || data[kDataSize] != 0x80) {
+      pos = at + 1;  // not ours after all
+      continue;
+    }
+    frame_entry f{};
+    f.offset = data_at + raw;
+    f.size = static_cast<uint32_t>(get_le(data + 4, 4));
+    f.intra = data[2];
+    f.time = static_cast<int64_t>(get_le(data + 8, 8));
+    if (f.offset + f.size > length) {
+      truncated_ = true;  // the last write was cut short
+      break;
+    }
+    if (!frames_.empty() && f.time + kOverlapSlack < frames_.back().time) overlapped_ = true;
+    frames_.push_back(f);
+    pos = scanned_ = f.offset + f.size;
+  }
+  g_mapped_file_unref(file);
+  return true;
+}
+
+recording::~recording() {
+  if (fd_ >= 0) close(fd_);
+}
+
+recording::recording(recording &&o) noexcept
+    : path_(std::move(o.path_)),
+      frames_(std::move(o.frames_)),
+      scanned_(o.scanned_),
+      opened_(o.opened_),
+      truncated_(o.truncated_),
+      overlapped_(o.overlapped_),
+      fd_(std::exchange(o.fd_, -1)) {}
+
+recording &recording::operator=(recording &&o) noexcept {
+  if (this != &o) {
+    if (fd_ >= 0) close(fd_);
+    path_ = std::move(o.path_);
+    frames_ = std::move(o.frames_);
+    scanned_ = o.scanned_;
+    opened_ = o.opened_;
+    truncated_ = o.truncated_;
+    overlapped_ = o.overlapped_;
+    fd_ = std::exchange(o.fd_, -1);
+  }
+  return *this;
+}
+
+bool recording::read_frame(const frame_entry &f, uint8_t *dest) const {
+  if (fd_ < 0) fd_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd_ < 0) return false;
+  size_t done = 0;
+  while (done < f.size) {
+    ssize_t n = pread(fd_, dest + done, f.size - done, static_cast<off_t>(f.offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace kelsst
