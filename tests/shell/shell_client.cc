@@ -1,0 +1,139 @@
+#include "shell_client.hh"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "shell.h"
+
+// Any record of this program's section names the whole section to the shell.
+extern shell_cmd_t test_cmd_quit;
+
+namespace shell_test {
+
+namespace {
+
+constexpr auto patience = std::chrono::seconds(20);
+
+sockaddr_in loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  return address;
+}
+
+int free_port() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = loopback(0);
+  bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+int start_listener() {
+  static int port = [] {
+    // The test commands live in this program's own section.
+    EXPECT_EQ(0, shell_add_commands(&test_cmd_quit));
+    int chosen = free_port();
+    std::thread([chosen] { zebshell(chosen); }).detach();
+    return chosen;
+  }();
+  return port;
+}
+
+client::client(int port) {
+  const auto give_up = std::chrono::steady_clock::now() + patience;
+  for (;;) {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(port);
+    if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) break;
+    ::close(fd_);
+    fd_ = -1;
+    if (std::chrono::steady_clock::now() > give_up) {
+      ADD_FAILURE() << "no listener on port " << port;
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  int on = 1;
+  setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+client::~client() { close(); }
+
+void client::close() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+void client::reset() {
+  linger abort{1, 0};
+  setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  close();
+}
+
+void client::send(const std::string &bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t sent = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    ASSERT_GT(sent, 0) << "send failed";
+    done += static_cast<size_t>(sent);
+  }
+}
+
+std::string client::read_until(const std::string &suffix) {
+  const auto give_up = std::chrono::steady_clock::now() + patience;
+  std::string got;
+  while (got.size() < suffix.size() ||
+         got.compare(got.size() - suffix.size(), suffix.size(), suffix) != 0) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    give_up - std::chrono::steady_clock::now())
+                    .count();
+    pollfd waiting{fd_, POLLIN, 0};
+    if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) != 1) {
+      ADD_FAILURE() << "timed out waiting for the end \"" << suffix << "\"; got \"" << got << '"';
+      return got;
+    }
+    char byte;
+    // One byte at a time: nothing behind the suffix is consumed.
+    ssize_t n = recv(fd_, &byte, 1, 0);
+    if (n <= 0) {
+      ADD_FAILURE() << "connection closed; got \"" << got << '"';
+      return got;
+    }
+    got += byte;
+  }
+  return got;
+}
+
+std::string client::read_prompts(int count) {
+  std::string got;
+  for (int i = 0; i < count; ++i) got += read_until("vexsh:> ");
+  return got;
+}
+
+std::string client::read_for(int ms) {
+  std::string got;
+  pollfd waiting{fd_, POLLIN, 0};
+  while (poll(&waiting, 1, ms) == 1) {
+    char buffer[256];
+    ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+    if (n <= 0) break;
+    got.append(buffer, static_cast<size_t>(n));
+  }
+  return got;
+}
+
+}  // namespace shell_test
