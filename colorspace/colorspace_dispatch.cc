@@ -37,7 +37,8 @@ bool tables_standard() {
 
 // Vector kernels where they don't depend on the tables.
 const RowKernels &table_free_vector_kernels() {
-  static const RowKernels kernels = [] {
+  thread_local RowKernels kernels;
+  kernels = [] {
     RowKernels k = vector_row_kernels();
     const RowKernels &p = plain_row_kernels();
     k.to_rgb555 = p.to_rgb555;

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace orlo::colorspace {
 
@@ -58,6 +59,10 @@ const RowKernels &vector_row_kernels();
 // The best kernels for this machine; table-driven entries fall back to the
 // plain ones when the tables differ from their standard contents.
 const RowKernels &row_kernels();
+
+// For tests: runs fn once with the vector kernels of each instruction set
+// that this machine supports, then restores the best one.  Not thread-safe.
+void for_each_vector_target(const std::function<void(const char *target)> &fn);
 
 // For tests and benchmarks: false makes row_kernels() give the plain set.
 void set_vector_kernels_enabled(bool enabled);

@@ -17,6 +17,8 @@
 #include <hwy/highway.h>
 
 #include <cstring>
+#include <functional>
+#include <vector>
 
 #include "colorspace_rows.hh"
 
@@ -459,13 +461,31 @@ namespace orlo::colorspace {
 
 HWY_EXPORT(FillRowKernels);
 
+namespace {
+RowKernels vector_kernels;
+
+void fill_vector_kernels() {
+  vector_kernels = plain_row_kernels();
+  HWY_DYNAMIC_DISPATCH(FillRowKernels)(&vector_kernels);
+}
+}  // namespace
+
 const RowKernels &vector_row_kernels() {
-  static const RowKernels kernels = [] {
-    RowKernels k = plain_row_kernels();
-    HWY_DYNAMIC_DISPATCH(FillRowKernels)(&k);
-    return k;
-  }();
-  return kernels;
+  static const bool filled = (fill_vector_kernels(), true);
+  (void)filled;
+  return vector_kernels;
+}
+
+void for_each_vector_target(const std::function<void(const char *target)> &fn) {
+  (void)vector_row_kernels();
+  const std::vector<int64_t> targets = hwy::SupportedAndGeneratedTargets();
+  for (int64_t target : targets) {
+    hwy::SetSupportedTargetsForTest(target);
+    fill_vector_kernels();
+    fn(hwy::TargetName(target));
+  }
+  hwy::SetSupportedTargetsForTest(0);
+  fill_vector_kernels();
 }
 
 }  // namespace orlo::colorspace
