@@ -41,6 +41,10 @@ const RowKernels &table_free_vector_kernels() {
   kernels = [] {
     RowKernels k = vector_row_kernels();
     const RowKernels &p = plain_row_kernels();
+    k.pair_to_rgb555 = p.pair_to_rgb555;
+    k.pair_to_rgb565 = p.pair_to_rgb565;
+    k.pair_to_bgr24 = p.pair_to_bgr24;
+    k.pair_to_rgb0 = p.pair_to_rgb0;
     k.to_rgb555 = p.to_rgb555;
     k.to_rgb565 = p.to_rgb565;
     k.to_bgr24 = p.to_bgr24;

@@ -30,9 +30,9 @@ Yv12Source yv12_source(const uint8_t *y_src, const uint8_t *u_src, const uint8_t
   return s;
 }
 
-// Both lines of a pair use the same chroma row; each line is a row of its own
-// for the kernel, so carries never cross from one line to the other.
-void yv12_to_rgb(YuvToRgbRow row, int bpp, uint8_t *dst, int dst_stride, const uint8_t *y_src,
+// Both lines of a pair use the same chroma row; each line keeps its own
+// carries, so they never cross from one line to the other.
+void yv12_to_rgb(YuvPairToRgbRow row, int bpp, uint8_t *dst, int dst_stride, const uint8_t *y_src,
                  const uint8_t *u_src, const uint8_t *v_src, int y_stride, int uv_stride, int width,
                  int height) {
   if (height / 2 == 0) return;
@@ -42,8 +42,7 @@ void yv12_to_rgb(YuvToRgbRow row, int bpp, uint8_t *dst, int dst_stride, const u
     const uint8_t *u = s.u + k * s.uv_pitch, *v = s.v + k * s.uv_pitch;
     const uint8_t *y = s.y + 2 * k * s.y_pitch;
     uint8_t *d = dst + 2 * k * d_pitch;
-    row(y, u, v, d, width);
-    row(y + s.y_pitch, u, v, d + d_pitch, width);
+    row(y, y + s.y_pitch, u, v, d, d + d_pitch, width);
   }
 }
 
@@ -69,14 +68,14 @@ extern "C" {
 
 void yv12_to_rgb555_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,
                       const uint8_t *v_src, int y_stride, int uv_stride, int width, int height) {
-  yv12_to_rgb(row_kernels().to_rgb555, 2, dst, dst_stride, y_src, u_src, v_src, y_stride, uv_stride,
-              width, height);
+  yv12_to_rgb(row_kernels().pair_to_rgb555, 2, dst, dst_stride, y_src, u_src, v_src, y_stride,
+              uv_stride, width, height);
 }
 
 void yv12_to_rgb565_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,
                       const uint8_t *v_src, int y_stride, int uv_stride, int width, int height) {
-  yv12_to_rgb(row_kernels().to_rgb565, 2, dst, dst_stride, y_src, u_src, v_src, y_stride, uv_stride,
-              width, height);
+  yv12_to_rgb(row_kernels().pair_to_rgb565, 2, dst, dst_stride, y_src, u_src, v_src, y_stride,
+              uv_stride, width, height);
 }
 
 // Cropping is the caller's business, through pointers, strides and sizes.
@@ -87,15 +86,15 @@ void yv12_to_rgb565_crop(uint8_t *dst, int dst_stride, const uint8_t *y_src, con
 
 void yv12_to_rgb24_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,
                      const uint8_t *v_src, int y_stride, int uv_stride, int width, int height) {
-  yv12_to_rgb(row_kernels().to_bgr24, 3, dst, dst_stride, y_src, u_src, v_src, y_stride, uv_stride,
-              width, height);
+  yv12_to_rgb(row_kernels().pair_to_bgr24, 3, dst, dst_stride, y_src, u_src, v_src, y_stride,
+              uv_stride, width, height);
 }
 
 // The plane in u_src plays V and the one in v_src plays U.
 void yv12_to_rgb32_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,
                      const uint8_t *v_src, int y_stride, int uv_stride, int width, int height) {
-  yv12_to_rgb(row_kernels().to_rgb0, 4, dst, dst_stride, y_src, v_src, u_src, y_stride, uv_stride,
-              width, height);
+  yv12_to_rgb(row_kernels().pair_to_rgb0, 4, dst, dst_stride, y_src, v_src, u_src, y_stride,
+              uv_stride, width, height);
 }
 
 void yv12_to_yuyv_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,

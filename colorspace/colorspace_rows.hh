@@ -20,6 +20,11 @@ using ToYv12Row = void (*)(const uint8_t *src0, const uint8_t *src1, uint8_t *y0
 using YuvToRgbRow = void (*)(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_t *dst,
                              int width);
 
+// Two luma rows over one chroma row (4:2:0) into two packed RGB rows; each
+// row is converted as by a YuvToRgbRow, the chroma terms formed once.
+using YuvPairToRgbRow = void (*)(const uint8_t *y0, const uint8_t *y1, const uint8_t *u,
+                                 const uint8_t *v, uint8_t *d0, uint8_t *d1, int width);
+
 // One luma row and a chroma row of alternating U and V into packed RGB.
 using InterleavedToRgbRow = void (*)(const uint8_t *y, const uint8_t *uv, uint8_t *dst, int width);
 
@@ -41,6 +46,10 @@ struct RowKernels {
   ToPackedRow to_uyvy;
   // The table-driven ones.  Vector versions hold only while the tables carry
   // the values that colorspace_init writes.
+  YuvPairToRgbRow pair_to_rgb555;
+  YuvPairToRgbRow pair_to_rgb565;
+  YuvPairToRgbRow pair_to_bgr24;
+  YuvPairToRgbRow pair_to_rgb0;
   YuvToRgbRow to_rgb555;  // carries the dropped low bits along the row
   YuvToRgbRow to_rgb565;  // the same
   YuvToRgbRow to_bgr24;   // bytes B G R, clipped

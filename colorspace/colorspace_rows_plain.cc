@@ -185,6 +185,13 @@ void yuv_to_rgb_row(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_
     pixel_pair(store, dst + 2 * i * Store::kBpp, y[2 * i], y[2 * i + 1], chroma_terms(u[i], v[i]));
 }
 
+template <class Store>
+void yuv_pair_to_rgb_row(const uint8_t *y0, const uint8_t *y1, const uint8_t *u, const uint8_t *v,
+                         uint8_t *d0, uint8_t *d1, int width) {
+  yuv_to_rgb_row<Store>(y0, u, v, d0, width);
+  yuv_to_rgb_row<Store>(y1, u, v, d1, width);
+}
+
 void interleaved_to_bgr24_row(const uint8_t *y, const uint8_t *uv, uint8_t *dst, int width) {
   StoreBgr24 store;
   for (int i = 0; i < width / 2; i++)
@@ -211,6 +218,10 @@ const RowKernels &plain_row_kernels() {
       packed_to_yv12_row<Uyvy>,
       to_packed_row<Yuyv>,
       to_packed_row<Uyvy>,
+      yuv_pair_to_rgb_row<StoreCarried16<false>>,
+      yuv_pair_to_rgb_row<StoreCarried16<true>>,
+      yuv_pair_to_rgb_row<StoreBgr24>,
+      yuv_pair_to_rgb_row<StoreRgb0>,
       yuv_to_rgb_row<StoreCarried16<false>>,
       yuv_to_rgb_row<StoreCarried16<true>>,
       yuv_to_rgb_row<StoreBgr24>,

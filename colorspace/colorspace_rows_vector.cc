@@ -43,61 +43,72 @@ using V8 = hn::Vec<D8>;
 using V16 = hn::Vec<D16>;
 
 // ---- YUV to RGB -----------------------------------------------------------
+//
+// A step takes N8 pixels as N8 / 2 pixel pairs: the even pixels in one set
+// of 16-bit lanes, the odd ones in another, and the chroma of each pair in
+// the lane of the pair, so chroma needs no widening and the terms of a chroma
+// pair are formed once.  The two sets meet again byte-wise at the store.
 
 struct Rgb16 {
   V16 b, g, r;
 };
 
-// The base colour terms of luma y and chroma u, v (one per lane):
-// floor((9535 y' + 16531 u') / 8192) and so on.  For a constant k and a
-// sample s, k s = 8192 floor(k s / 8192) + (k s mod 8192); the floor is the
-// high half of (8 s) x k, the remainder the low 13 bits of s x k.
-HWY_INLINE Rgb16 Terms(V16 y, V16 u, V16 v) {
+// For a constant k and a sample s, k s = 8192 floor(k s / 8192) + (k s mod
+// 8192): the floor is the high half of (8 s) x k, the remainder the low 13
+// bits of s x k.  The floor of a sum of such terms is the sum of the floors
+// plus the floor of the sum of the remainders, all within 16 bits.
+struct Split {
+  V16 hi, lo;
+};
+
+HWY_INLINE Split SplitTerm(V16 s, int16_t k) {
   const D16 d;
-  const V16 low13 = hn::Set(d, 8191);
-  const V16 ys = hn::Sub(y, hn::Set(d, 16));
-  const V16 us = hn::Sub(u, hn::Set(d, 128));
-  const V16 vs = hn::Sub(v, hn::Set(d, 128));
-  const V16 y8 = hn::ShiftLeft<3>(ys), u8 = hn::ShiftLeft<3>(us), v8 = hn::ShiftLeft<3>(vs);
-  const V16 hy = hn::MulHigh(y8, hn::Set(d, 9535));
-  const V16 ly = hn::And(hn::Mul(ys, hn::Set(d, 9535)), low13);
-  const V16 lb = hn::And(hn::Mul(us, hn::Set(d, 16531)), low13);
-  const V16 lgu = hn::And(hn::Mul(us, hn::Set(d, -3203)), low13);
-  const V16 lgv = hn::And(hn::Mul(vs, hn::Set(d, -6660)), low13);
-  const V16 lr = hn::And(hn::Mul(vs, hn::Set(d, 13074)), low13);
-  Rgb16 t;
-  t.b =
-      hn::Add(hn::Add(hy, hn::MulHigh(u8, hn::Set(d, 16531))), hn::ShiftRight<13>(hn::Add(ly, lb)));
-  t.g = hn::Add(
-      hn::Add(hy, hn::Add(hn::MulHigh(u8, hn::Set(d, -3203)), hn::MulHigh(v8, hn::Set(d, -6660)))),
-      hn::ShiftRight<13>(hn::Add(ly, hn::Add(lgu, lgv))));
-  t.r =
-      hn::Add(hn::Add(hy, hn::MulHigh(v8, hn::Set(d, 13074))), hn::ShiftRight<13>(hn::Add(ly, lr)));
-  return t;
+  return {hn::MulHigh(hn::ShiftLeft<3>(s), hn::Set(d, k)),
+          hn::And(hn::Mul(s, hn::Set(d, k)), hn::Set(d, 8191))};
 }
 
-// Each 16-bit lane of a 32-bit lane pair from the low (or high) half.
-HWY_INLINE V16 DupLow(hn::Vec<DU32> w) {
-  const auto lo = hn::And(w, hn::Set(DU32(), 0xFFFFu));
-  return hn::BitCast(D16(), hn::Or(lo, hn::ShiftLeft<16>(lo)));
-}
-HWY_INLINE V16 DupHigh(hn::Vec<DU32> w) {
-  const auto hi = hn::ShiftRight<16>(w);
-  return hn::BitCast(D16(), hn::Or(hi, hn::ShiftLeft<16>(hi)));
+// The chroma parts of the three terms: B_U, -(G_U + G_V), R_V.
+struct ChromaSplit {
+  Split b, g, r;
+};
+
+HWY_INLINE ChromaSplit ChromaTerms(V16 u, V16 v) {
+  const D16 d;
+  const V16 us = hn::Sub(u, hn::Set(d, 128)), vs = hn::Sub(v, hn::Set(d, 128));
+  const Split gu = SplitTerm(us, -3203), gv = SplitTerm(vs, -6660);
+  return {
+      SplitTerm(us, 16531), {hn::Add(gu.hi, gv.hi), hn::Add(gu.lo, gv.lo)}, SplitTerm(vs, 13074)};
 }
 
-// Sources: Get fills luma and per-pixel chroma for pixels [x, x + half);
-// Tail copies what is left from pixel x into zeroed scratch and points there.
+HWY_INLINE V16 Combine(const Split &y, const Split &c) {
+  return hn::Add(hn::Add(y.hi, c.hi), hn::ShiftRight<13>(hn::Add(y.lo, c.lo)));
+}
+
+HWY_INLINE Rgb16 Terms(V16 y, const ChromaSplit &c) {
+  const Split ys = SplitTerm(hn::Sub(y, hn::Set(D16(), 16)), 9535);
+  return {Combine(ys, c.b), Combine(ys, c.g), Combine(ys, c.r)};
+}
+
+// Sources: Get gives the even and odd luma and the chroma of N8 / 2 pairs
+// from pixel x on.  Tail copies what is left from pixel x into zeroed
+// scratch and points there.
 constexpr size_t kMaxStep = HWY_MAX_BYTES;
+
+struct Pairs {
+  V16 y_even, y_odd, u, v;
+};
+
+HWY_INLINE void SplitBytes(hn::Vec<DU16> w, V16 &low, V16 &high) {
+  low = hn::BitCast(D16(), hn::And(w, hn::Set(DU16(), 0xFF)));
+  high = hn::BitCast(D16(), hn::ShiftRight<8>(w));
+}
 
 struct PlanarSource {
   const uint8_t *y, *u, *v;
-  HWY_INLINE void Get(size_t x, V16 &ly, V16 &lu, V16 &lv) const {
-    ly = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), y + x)));
-    const auto wu = hn::PromoteTo(DU32(), hn::LoadU(D8q(), u + x / 2));
-    const auto wv = hn::PromoteTo(DU32(), hn::LoadU(D8q(), v + x / 2));
-    lu = DupLow(wu);
-    lv = DupLow(wv);
+  HWY_INLINE void Get(size_t x, Pairs &p) const {
+    SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(y + x)), p.y_even, p.y_odd);
+    p.u = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), u + x / 2)));
+    p.v = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), v + x / 2)));
   }
   PlanarSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
     std::memcpy(scratch, y + x, rem);
@@ -110,11 +121,9 @@ struct PlanarSource {
 // Luma, and a chroma row of U, V pairs.
 struct InterleavedSource {
   const uint8_t *y, *uv;
-  HWY_INLINE void Get(size_t x, V16 &ly, V16 &lu, V16 &lv) const {
-    ly = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), y + x)));
-    const auto w = hn::BitCast(DU32(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), uv + x)));
-    lu = DupLow(w);
-    lv = DupHigh(w);
+  HWY_INLINE void Get(size_t x, Pairs &p) const {
+    SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(y + x)), p.y_even, p.y_odd);
+    SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(uv + x)), p.u, p.v);
   }
   InterleavedSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
     std::memcpy(scratch, y + x, rem);
@@ -126,12 +135,11 @@ struct InterleavedSource {
 // Groups of Y0, V, Y1, U.
 struct YvyuSource {
   const uint8_t *src;
-  HWY_INLINE void Get(size_t x, V16 &ly, V16 &lu, V16 &lv) const {
-    const auto w = hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(src + 2 * x));
-    ly = hn::BitCast(D16(), hn::And(w, hn::Set(DU16(), 0xFF)));
-    const auto c = hn::BitCast(DU32(), hn::ShiftRight<8>(w));  // V | U << 16
-    lv = DupLow(c);
-    lu = DupHigh(c);
+  HWY_INLINE void Get(size_t x, Pairs &p) const {
+    V8 luma, chroma;
+    hn::LoadInterleaved2(D8(), src + 2 * x, luma, chroma);
+    SplitBytes(hn::BitCast(DU16(), luma), p.y_even, p.y_odd);
+    SplitBytes(hn::BitCast(DU16(), chroma), p.v, p.u);
   }
   YvyuSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
     std::memcpy(scratch, src + 2 * x, 2 * rem);
@@ -139,61 +147,67 @@ struct YvyuSource {
   }
 };
 
-HWY_INLINE V8 Bytes(V16 lo, V16 hi) {
-  return hn::Combine(D8(), hn::DemoteTo(D8h(), hi), hn::DemoteTo(D8h(), lo));
+// Even and odd values, each already within 0..255, back into pixel order.
+HWY_INLINE V8 Bytes(V16 even, V16 odd) {
+  return hn::BitCast(D8(), hn::Or(even, hn::ShiftLeft<8>(odd)));
+}
+HWY_INLINE V16 Clip(V16 c, int16_t low) {
+  return hn::Min(hn::Max(c, hn::Set(D16(), low)), hn::Set(D16(), 255));
 }
 
-// Stores: Put writes the pixels [0, N8) of one step from two halves.
+// Stores: Put writes the N8 pixels of one step.
 struct PutBgr24 {
   static constexpr int kBpp = 3;
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &lo, const Rgb16 &hi) {
-    hn::StoreInterleaved3(Bytes(lo.b, hi.b), Bytes(lo.g, hi.g), Bytes(lo.r, hi.r), D8(), d);
+  HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
+    hn::StoreInterleaved3(Bytes(Clip(e.b, 0), Clip(o.b, 0)), Bytes(Clip(e.g, 0), Clip(o.g, 0)),
+                          Bytes(Clip(e.r, 0), Clip(o.r, 0)), D8(), d);
   }
 };
 struct PutRgb0 {
   static constexpr int kBpp = 4;
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &lo, const Rgb16 &hi) {
-    hn::StoreInterleaved4(Bytes(lo.r, hi.r), Bytes(lo.g, hi.g), Bytes(lo.b, hi.b), hn::Zero(D8()),
-                          D8(), d);
+  HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
+    hn::StoreInterleaved4(Bytes(Clip(e.r, 0), Clip(o.r, 0)), Bytes(Clip(e.g, 0), Clip(o.g, 0)),
+                          Bytes(Clip(e.b, 0), Clip(o.b, 0)), hn::Zero(D8()), D8(), d);
   }
 };
 struct PutBgr24NoZero {
   static constexpr int kBpp = 3;
-  static HWY_INLINE V16 F(V16 c) { return hn::Max(c, hn::Set(D16(), 1)); }
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &lo, const Rgb16 &hi) {
-    hn::StoreInterleaved3(Bytes(F(lo.b), F(hi.b)), Bytes(F(lo.g), F(hi.g)), Bytes(F(lo.r), F(hi.r)),
-                          D8(), d);
+  HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
+    hn::StoreInterleaved3(Bytes(Clip(e.b, 1), Clip(o.b, 1)), Bytes(Clip(e.g, 1), Clip(o.g, 1)),
+                          Bytes(Clip(e.r, 1), Clip(o.r, 1)), D8(), d);
   }
 };
-// max(floor(clamp(c) x 31 / 255), 1) x 8; x / 255 is (x + 1 + (x >> 8)) >> 8
+// max(floor(clip(c) x 31 / 255), 1) x 8; x / 255 is (x + 1 + (x >> 8)) >> 8
 // for every x up to 255 x 31.
 struct PutBgr16In24 {
   static constexpr int kBpp = 3;
   static HWY_INLINE V16 F(V16 c) {
     const D16 d;
-    const V16 m = hn::Min(hn::Max(c, hn::Zero(d)), hn::Set(d, 255));
-    const V16 x = hn::Mul(m, hn::Set(d, 31));
+    const V16 x = hn::Mul(Clip(c, 0), hn::Set(d, 31));
     const V16 q = hn::ShiftRight<8>(hn::Add(hn::Add(x, hn::Set(d, 1)), hn::ShiftRight<8>(x)));
     return hn::ShiftLeft<3>(hn::Max(q, hn::Set(d, 1)));
   }
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &lo, const Rgb16 &hi) {
-    hn::StoreInterleaved3(Bytes(F(lo.b), F(hi.b)), Bytes(F(lo.g), F(hi.g)), Bytes(F(lo.r), F(hi.r)),
-                          D8(), d);
+  HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
+    hn::StoreInterleaved3(Bytes(F(e.b), F(o.b)), Bytes(F(e.g), F(o.g)), Bytes(F(e.r), F(o.r)), D8(),
+                          d);
   }
 };
 
 // The carry of a line: c_i = (c_{i-1} & 7) + t_i, so c_i & 7 is the running
 // sum of the terms mod 8, and c_i = t_i + (sum of the terms before i) & 7.
-// A prefix sum in the lanes (mod 2^16 is enough) replaces the serial chain.
+// A prefix sum over the lanes (mod 2^16 is enough) replaces the serial
+// chain; the lanes hold pixel pairs, so the sum before an odd pixel is the
+// sum through its pair less its own term.
 constexpr size_t kLanes16 = HWY_MAX_BYTES / 2;
 static_assert(kLanes16 == 8 || kLanes16 == 16, "carries are written for 128 and 256 bits");
 
 struct LineCarry {
   V16 run;  // the sum of all terms so far, in every lane
   LineCarry() : run(hn::Zero(D16())) {}
-  HWY_INLINE V16 Apply(V16 t) {
+  HWY_INLINE void Apply(V16 &even, V16 &odd) {
     const D16 d;
-    V16 p = hn::Add(t, hn::ShiftLeftLanes<1>(d, t));
+    const V16 pair = hn::Add(even, odd);
+    V16 p = hn::Add(pair, hn::ShiftLeftLanes<1>(d, pair));
     p = hn::Add(p, hn::ShiftLeftLanes<2>(d, p));
     p = hn::Add(p, hn::ShiftLeftLanes<4>(d, p));
     if constexpr (kLanes16 == 16) {
@@ -201,14 +215,16 @@ struct LineCarry {
       p = hn::Add(p, hn::ConcatLowerLower(d, hn::Broadcast<7>(p), hn::Zero(d)));
     }
     p = hn::Add(p, run);
-    const V16 before = hn::Sub(p, t);
+    const V16 seven = hn::Set(d, 7);
+    const V16 before_even = hn::Sub(p, pair), before_odd = hn::Sub(p, odd);
     if constexpr (kLanes16 == 16) {
       const V16 last = hn::Broadcast<7>(p);
       run = hn::ConcatUpperUpper(d, last, last);
     } else {
       run = hn::Broadcast<7>(p);
     }
-    return hn::Add(t, hn::And(before, hn::Set(d, 7)));
+    even = hn::Add(even, hn::And(before_even, seven));
+    odd = hn::Add(odd, hn::And(before_odd, seven));
   }
 };
 
@@ -217,40 +233,34 @@ struct PutCarried16 {
   static constexpr int kBpp = 2;
   LineCarry cb, cg, cr;
   PutCarried16() : cb(), cg(), cr() {}
-  HWY_INLINE void Half(uint8_t *d, const Rgb16 &t) {
-    const D16 d16;
-    const auto clip = [&](V16 c) {
-      return hn::BitCast(DU16(), hn::Min(hn::Max(c, hn::Zero(d16)), hn::Set(d16, 255)));
-    };
-    const auto b = clip(cb.Apply(t.b)), g = clip(cg.Apply(t.g)), r = clip(cr.Apply(t.r));
+  static HWY_INLINE hn::Vec<DU16> Word(V16 b, V16 g, V16 r) {
     const DU16 du;
-    hn::Vec<DU16> w;
-    if constexpr (k565) {
-      w = hn::Or(hn::Or(hn::And(hn::ShiftLeft<8>(r), hn::Set(du, 0xF800)),
-                        hn::And(hn::ShiftLeft<3>(g), hn::Set(du, 0x07E0))),
-                 hn::ShiftRight<3>(b));
-    } else {
-      w = hn::Or(hn::Or(hn::And(hn::ShiftLeft<7>(r), hn::Set(du, 0x7C00)),
-                        hn::And(hn::ShiftLeft<2>(g), hn::Set(du, 0x03E0))),
-                 hn::ShiftRight<3>(b));
-    }
-    hn::StoreU(w, du, reinterpret_cast<uint16_t *>(d));
+    const auto cb = hn::BitCast(du, Clip(b, 0)), cg = hn::BitCast(du, Clip(g, 0)),
+               cr = hn::BitCast(du, Clip(r, 0));
+    if constexpr (k565)
+      return hn::Or(hn::Or(hn::And(hn::ShiftLeft<8>(cr), hn::Set(du, 0xF800)),
+                           hn::And(hn::ShiftLeft<3>(cg), hn::Set(du, 0x07E0))),
+                    hn::ShiftRight<3>(cb));
+    else
+      return hn::Or(hn::Or(hn::And(hn::ShiftLeft<7>(cr), hn::Set(du, 0x7C00)),
+                           hn::And(hn::ShiftLeft<2>(cg), hn::Set(du, 0x03E0))),
+                    hn::ShiftRight<3>(cb));
   }
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &lo, const Rgb16 &hi) {
-    Half(d, lo);
-    Half(d + 2 * hn::Lanes(D16()), hi);
+  HWY_INLINE void Put(uint8_t *d, Rgb16 e, Rgb16 o) {
+    cb.Apply(e.b, o.b);
+    cg.Apply(e.g, o.g);
+    cr.Apply(e.r, o.r);
+    hn::StoreInterleaved2(Word(e.b, e.g, e.r), Word(o.b, o.g, o.r), DU16(),
+                          reinterpret_cast<uint16_t *>(d));
   }
 };
 
 template <class Put, class Source>
 HWY_INLINE void Step(Put &put, const Source &s, size_t x, uint8_t *d) {
-  const size_t half = hn::Lanes(D16());
-  V16 y, u, v;
-  s.Get(x, y, u, v);
-  const Rgb16 lo = Terms(y, u, v);
-  s.Get(x + half, y, u, v);
-  const Rgb16 hi = Terms(y, u, v);
-  put.Put(d, lo, hi);
+  Pairs p;
+  s.Get(x, p);
+  const ChromaSplit c = ChromaTerms(p.u, p.v);
+  put.Put(d, Terms(p.y_even, c), Terms(p.y_odd, c));
 }
 
 // Whole steps in place; the rest of the row through scratch copies, with the
@@ -266,6 +276,39 @@ HWY_INLINE void ToRgbRow(const Source &s, uint8_t *dst, int width) {
     alignas(64) uint8_t out[4 * kMaxStep];
     Step(put, s.Tail(x, w - x, in), 0, out);
     std::memcpy(dst + x * Put::kBpp, out, (w - x) * Put::kBpp);
+  }
+}
+
+// Two lines over one chroma row: the chroma terms serve both.  Each line
+// keeps its own state.
+template <class Put>
+void PlanarPairToRgb(const uint8_t *y0, const uint8_t *y1, const uint8_t *u, const uint8_t *v,
+                     uint8_t *d0, uint8_t *d1, int width) {
+  const size_t n = hn::Lanes(D8()), w = static_cast<size_t>(width);
+  Put put0, put1;
+  const auto step = [&](const uint8_t *ya, const uint8_t *yb, const uint8_t *cu, const uint8_t *cv,
+                        uint8_t *da, uint8_t *db) {
+    Pairs a, b;
+    PlanarSource{ya, cu, cv}.Get(0, a);
+    SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(yb)), b.y_even, b.y_odd);
+    const ChromaSplit c = ChromaTerms(a.u, a.v);
+    put0.Put(da, Terms(a.y_even, c), Terms(a.y_odd, c));
+    put1.Put(db, Terms(b.y_even, c), Terms(b.y_odd, c));
+  };
+  size_t x = 0;
+  for (; x + n <= w; x += n)
+    step(y0 + x, y1 + x, u + x / 2, v + x / 2, d0 + x * Put::kBpp, d1 + x * Put::kBpp);
+  if (x < w) {
+    const size_t rem = w - x;
+    alignas(64) uint8_t in[4 * kMaxStep] = {};
+    alignas(64) uint8_t out[8 * kMaxStep];
+    std::memcpy(in, y0 + x, rem);
+    std::memcpy(in + kMaxStep, y1 + x, rem);
+    std::memcpy(in + 2 * kMaxStep, u + x / 2, rem / 2);
+    std::memcpy(in + 3 * kMaxStep, v + x / 2, rem / 2);
+    step(in, in + kMaxStep, in + 2 * kMaxStep, in + 3 * kMaxStep, out, out + 4 * kMaxStep);
+    std::memcpy(d0 + x * Put::kBpp, out, rem * Put::kBpp);
+    std::memcpy(d1 + x * Put::kBpp, out + 4 * kMaxStep, rem * Put::kBpp);
   }
 }
 
@@ -443,6 +486,10 @@ void FillRowKernels(RowKernels *k) {
   k->uyvy_to_yv12 = PackedToYv12<false>;
   k->to_yuyv = ToPacked<true>;
   k->to_uyvy = ToPacked<false>;
+  k->pair_to_rgb555 = PlanarPairToRgb<PutCarried16<false> >;
+  k->pair_to_rgb565 = PlanarPairToRgb<PutCarried16<true> >;
+  k->pair_to_bgr24 = PlanarPairToRgb<PutBgr24>;
+  k->pair_to_rgb0 = PlanarPairToRgb<PutRgb0>;
   k->to_rgb555 = PlanarToRgb<PutCarried16<false> >;
   k->to_rgb565 = PlanarToRgb<PutCarried16<true> >;
   k->to_bgr24 = PlanarToRgb<PutBgr24>;

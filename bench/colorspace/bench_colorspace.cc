@@ -24,7 +24,11 @@ constexpr double kMegapixels = kW * double(kH) / 1e6;
 struct Pictures {
   std::vector<uint8_t> src, y, u, v, dst, dst2;
   Pictures()
-      : src(kW * kH * 4), y(kW * kH), u(kW * kH / 2), v(kW * kH / 2), dst(kW * kH * 4),
+      : src(kW * kH * 4),
+        y(kW * kH),
+        u(kW * kH / 2),
+        v(kW * kH / 2),
+        dst(kW * kH * 4),
         dst2(kW * kH * 4) {
     std::mt19937 rng(1);
     for (auto *b : {&src, &y, &u, &v})
@@ -38,14 +42,16 @@ Pictures &pics() {
 }
 
 struct Entry {
-  std::string name;     // ours
-  std::string libyuv;   // counterpart
-  int out_bytes;        // output bytes per pixel x 2 (so 4:2:0 gives 3)
+  std::string name;    // ours
+  std::string libyuv;  // counterpart
+  int out_bytes;       // output bytes per pixel x 2 (so 4:2:0 gives 3)
   std::function<void(Pictures &)> ours, theirs;
 };
 
-#define FROM(fn) [](Pictures &p) { fn(p.dst.data(), kW, p.y.data(), p.u.data(), p.v.data(), kW, kW / 2, kW, kH); }
-#define FROM422(fn) [](Pictures &p) { fn(p.dst.data(), kW, p.y.data(), p.u.data(), p.v.data(), kW, kW / 2, kW, kH); }
+#define FROM(fn) \
+  [](Pictures &p) { fn(p.dst.data(), kW, p.y.data(), p.u.data(), p.v.data(), kW, kW / 2, kW, kH); }
+#define FROM422(fn) \
+  [](Pictures &p) { fn(p.dst.data(), kW, p.y.data(), p.u.data(), p.v.data(), kW, kW / 2, kW, kH); }
 #define TO(fn) [](Pictures &p) { fn(p.y.data(), p.u.data(), p.v.data(), p.src.data(), kW, kH, kW); }
 
 std::vector<Entry> entries() {
@@ -72,13 +78,17 @@ std::vector<Entry> entries() {
       {"yuv_to_yv12_c", "I420Copy", 3, TO(yuv_to_yv12_c), copy_i420},
       {"yuyv_to_yv12_c", "YUY2ToI420", 3, TO(yuyv_to_yv12_c), to_i420(YUY2ToI420, 2)},
       {"uyvy_to_yv12_c", "UYVYToI420", 3, TO(uyvy_to_yv12_c), to_i420(UYVYToI420, 2)},
-      {"yv12_to_rgb555_c", "I420ToARGB1555", 4, FROM(yv12_to_rgb555_c), from_i420(I420ToARGB1555, 2)},
+      {"yv12_to_rgb555_c", "I420ToARGB1555", 4, FROM(yv12_to_rgb555_c),
+       from_i420(I420ToARGB1555, 2)},
       {"yv12_to_rgb565_c", "I420ToRGB565", 4, FROM(yv12_to_rgb565_c), from_i420(I420ToRGB565, 2)},
-      {"yv12_to_rgb565_crop", "I420ToRGB565", 4, FROM(yv12_to_rgb565_crop), from_i420(I420ToRGB565, 2)},
+      {"yv12_to_rgb565_crop", "I420ToRGB565", 4, FROM(yv12_to_rgb565_crop),
+       from_i420(I420ToRGB565, 2)},
       {"yv12_to_rgb24_c", "I420ToRGB24", 6, FROM(yv12_to_rgb24_c), from_i420(I420ToRGB24, 3)},
       {"yv12_to_rgb32_c", "I420ToABGR", 8, FROM(yv12_to_rgb32_c), from_i420(I420ToABGR, 4)},
       {"yv12_to_yuv_c", "I420Copy", 3,
-       [](Pictures &p) { yv12_to_yuv_c(p.dst.data(), kW, p.y.data(), p.u.data(), p.v.data(), kW, kW / 2, kW, kH); },
+       [](Pictures &p) {
+         yv12_to_yuv_c(p.dst.data(), kW, p.y.data(), p.u.data(), p.v.data(), kW, kW / 2, kW, kH);
+       },
        [](Pictures &p) {
          I420Copy(p.y.data(), kW, p.u.data(), kW / 2, p.v.data(), kW / 2, p.dst.data(), kW,
                   p.dst.data() + kW * kH, kW / 2, p.dst.data() + kW * kH * 5 / 4, kW / 2, kW, kH);
@@ -88,8 +98,12 @@ std::vector<Entry> entries() {
       {"yv16_to_rgb24_c", "I422ToRGB24", 6, FROM422(yv16_to_rgb24_c), from_i420(I422ToRGB24, 3)},
       {"yv16_to_rgb32_c", "I422ToABGR", 8, FROM422(yv16_to_rgb32_c), from_i420(I422ToABGR, 4)},
       {"yv16i_to_rgb24_c", "NV12ToRGB24", 6,
-       [](Pictures &p) { yv16i_to_rgb24_c(p.dst.data(), kW, p.y.data(), p.src.data(), kW, kW, kH); },
-       [](Pictures &p) { NV12ToRGB24(p.y.data(), kW, p.src.data(), kW, p.dst.data(), kW * 3, kW, kH); }},
+       [](Pictures &p) {
+         yv16i_to_rgb24_c(p.dst.data(), kW, p.y.data(), p.src.data(), kW, kW, kH);
+       },
+       [](Pictures &p) {
+         NV12ToRGB24(p.y.data(), kW, p.src.data(), kW, p.dst.data(), kW * 3, kW, kH);
+       }},
       {"yvyu_to_rgb24_c", "YUY2ToARGB", 6,
        [](Pictures &p) { yvyu_to_rgb24_c(p.dst.data(), kW, p.src.data(), kW, kW, kH); },
        [](Pictures &p) { YUY2ToARGB(p.src.data(), kW * 2, p.dst.data(), kW * 4, kW, kH); }},
@@ -156,8 +170,8 @@ int main(int argc, char **argv) {
   }
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  std::printf("\n%-20s %9s %9s %-16s %9s %7s %9s\n", "converter", "MP/s", "plain", "libyuv",
-              "MP/s", "ratio", "memcpy");
+  std::printf("\n%-20s %9s %9s %-16s %9s %7s %9s\n", "converter", "MP/s", "plain", "libyuv", "MP/s",
+              "ratio", "memcpy");
   for (const auto &e : list) {
     const double ours = reporter.rate["orlo/" + e.name];
     const double plain = reporter.rate["plain/" + e.name];
