@@ -1,5 +1,6 @@
 // libFuzzer target: the input is split as a command line, then typed into a
 // whole session as the key stream of a client that sends it and goes away.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,6 +64,14 @@ void type(const uint8_t *data, size_t size) {
 }
 
 }  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+  // Sessions set the console's attributes; keep a developer's terminal out of it.
+  int nothing = open("/dev/null", O_RDONLY);
+  dup2(nothing, STDIN_FILENO);
+  close(nothing);
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   split(data, size);

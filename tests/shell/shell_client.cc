@@ -1,6 +1,7 @@
 #include "shell_client.hh"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -44,6 +45,10 @@ int free_port() {
 
 int start_listener() {
   static int port = [] {
+    // Sessions set the console's attributes; keep a developer's terminal out of it.
+    int nothing = open("/dev/null", O_RDONLY);
+    dup2(nothing, STDIN_FILENO);
+    close(nothing);
     // The test commands live in this program's own section.
     EXPECT_EQ(0, shell_add_commands(&test_cmd_quit));
     int chosen = free_port();

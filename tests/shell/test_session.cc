@@ -1,9 +1,14 @@
 // Shell sessions over a real TCP connection: the exact bytes the server sends
 // for keys, recalled lines, completion and commands.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 
+#include "log_capture.hh"
 #include "shell.h"
 #include "shell_client.hh"
 
@@ -103,8 +108,10 @@ TEST_F(session, ThirtyOneLinesCanBeRecalled) {
   for (int i = 1; i <= 31; ++i) keys += "c" + std::to_string(i) + "\r";
   link.send(keys);
   link.read_prompts(31);
+  // With text typed on the head line, so that the walk cannot stop at an
+  // empty slot.
   std::string expected;
-  std::string shown;
+  std::string shown = "now";
   for (int i = 31; i >= 1; --i) {
     std::string older = "c" + std::to_string(i);
     expected += recalled(shown, older);
@@ -113,7 +120,7 @@ TEST_F(session, ThirtyOneLinesCanBeRecalled) {
   // 32 Ups: the last one finds the head slot and does nothing.
   std::string ups;
   for (int i = 0; i < 32; ++i) ups += "\x1b[A";
-  EXPECT_EQ(expected + "\r\n" + not_found("c1"), line(ups + "\r"));
+  EXPECT_EQ(expected + "\r\n" + not_found("c1"), line("now" + ups + "\r"));
 }
 
 TEST_F(session, TheThirtySecondLineDropsTheOldest) {
@@ -265,6 +272,25 @@ TEST(listener, SurvivesAClientThatResetsInTheMiddleOfOutput) {
   client second(port);
   EXPECT_EQ(greeting, second.read_until(prompt));
   EXPECT_EQ("\r\nzeta ran\r\n" + prompt, (second.send("Zeta\r"), second.read_until(prompt)));
+}
+
+TEST(listener, APortInUseIsReportedAndTheListenerReturns) {
+  testing_support::log_capture logs;
+  int busy = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(0, bind(busy, reinterpret_cast<sockaddr *>(&address), sizeof address));
+  ASSERT_EQ(0, listen(busy, 1));
+  ASSERT_EQ(0, getsockname(busy, reinterpret_cast<sockaddr *>(&address), &length));
+  const int port = ntohs(address.sin_port);
+  zebshell(port);  // returns instead of serving nothing for ever
+  EXPECT_EQ(1, logs.count("zebshell: cannot bind port " + std::to_string(port) +
+                          ": Address already in use\n"));
+  // The hooks point at the connection all the same.
+  EXPECT_EQ(&zeb_printf, shell_printf);
+  close(busy);
 }
 
 }  // namespace
