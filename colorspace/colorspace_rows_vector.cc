@@ -38,7 +38,6 @@ using DU16 = hn::Repartition<uint16_t, D8>;
 using DU32 = hn::Repartition<uint32_t, D8>;
 using D32 = hn::Repartition<int32_t, D8>;
 using D8h = hn::Rebind<uint8_t, D16>;
-using D8q = hn::Rebind<uint8_t, D32>;
 using V8 = hn::Vec<D8>;
 using V16 = hn::Vec<D16>;
 
@@ -325,8 +324,11 @@ void YvyuToRgb(const uint8_t *src, uint8_t *dst, int width) {
 }
 
 // ---- RGB into YV12 ---------------------------------------------------------
+//
+// The same pair layout: a step reads N8 pixels of two rows as even and odd
+// pixels in 16-bit lanes, so the four pixels of a 2x2 block sit in one lane.
 
-// r, g, b of the N8 / 2 pixels of one half, as 16-bit lanes.
+// r, g, b of the even or the odd pixels.
 struct Rgb {
   hn::Vec<DU16> r, g, b;
 };
@@ -334,31 +336,36 @@ struct Rgb {
 enum class Fmt { k555, k565, k24, k32 };
 
 template <Fmt F>
-HWY_INLINE Rgb Unpack(const uint8_t *p) {
+HWY_INLINE Rgb Channels16(hn::Vec<DU16> w) {
   const DU16 du;
-  Rgb c;
+  const auto f8 = hn::Set(du, 0xF8);
+  if constexpr (F == Fmt::k555)
+    return {hn::And(hn::ShiftRight<7>(w), f8), hn::And(hn::ShiftRight<2>(w), f8),
+            hn::And(hn::ShiftLeft<3>(w), f8)};
+  else
+    return {hn::And(hn::ShiftRight<8>(w), f8), hn::And(hn::ShiftRight<3>(w), hn::Set(du, 0xFC)),
+            hn::And(hn::ShiftLeft<3>(w), f8)};
+}
+
+template <Fmt F>
+HWY_INLINE void Unpack(const uint8_t *p, Rgb &even, Rgb &odd) {
+  const DU16 du;
   if constexpr (F == Fmt::k24 || F == Fmt::k32) {
-    hn::Vec<D8h> b, g, r, a;
+    V8 b, g, r, a;
     if constexpr (F == Fmt::k24)
-      hn::LoadInterleaved3(D8h(), p, b, g, r);
+      hn::LoadInterleaved3(D8(), p, b, g, r);
     else
-      hn::LoadInterleaved4(D8h(), p, b, g, r, a);
-    c.r = hn::PromoteTo(du, r);
-    c.g = hn::PromoteTo(du, g);
-    c.b = hn::PromoteTo(du, b);
+      hn::LoadInterleaved4(D8(), p, b, g, r, a);
+    const auto low = [&](V8 v) { return hn::And(hn::BitCast(du, v), hn::Set(du, 0xFF)); };
+    const auto high = [&](V8 v) { return hn::ShiftRight<8>(hn::BitCast(du, v)); };
+    even = {low(r), low(g), low(b)};
+    odd = {high(r), high(g), high(b)};
   } else {
-    const auto w = hn::LoadU(du, reinterpret_cast<const uint16_t *>(p));
-    const auto f8 = hn::Set(du, 0xF8);
-    if constexpr (F == Fmt::k555) {
-      c.r = hn::And(hn::ShiftRight<7>(w), f8);
-      c.g = hn::And(hn::ShiftRight<2>(w), f8);
-    } else {
-      c.r = hn::And(hn::ShiftRight<8>(w), f8);
-      c.g = hn::And(hn::ShiftRight<3>(w), hn::Set(du, 0xFC));
-    }
-    c.b = hn::And(hn::ShiftLeft<3>(w), f8);
+    hn::Vec<DU16> we, wo;
+    hn::LoadInterleaved2(du, reinterpret_cast<const uint16_t *>(p), we, wo);
+    even = Channels16<F>(we);
+    odd = Channels16<F>(wo);
   }
-  return c;
 }
 
 // ((66 r + 129 g + 25 b) >> 8) + 16: at most 56100, exact in unsigned 16 bits.
@@ -369,18 +376,20 @@ HWY_INLINE hn::Vec<DU16> Luma(const Rgb &c) {
   return hn::Add(hn::ShiftRight<8>(sum), hn::Set(du, 16));
 }
 
-// Sums of horizontal neighbours: 32-bit lanes, one per chroma sample.
-HWY_INLINE hn::Vec<D32> PairSums(hn::Vec<DU16> v) {
-  const auto w = hn::BitCast(DU32(), v);
-  return hn::BitCast(D32(), hn::Add(hn::And(w, hn::Set(DU32(), 0xFFFF)), hn::ShiftRight<16>(w)));
-}
-
-HWY_INLINE hn::Vec<D8q> Chroma(hn::Vec<D32> r4, hn::Vec<D32> g4, hn::Vec<D32> b4, int kr, int kg,
-                               int kb) {
-  const D32 d;
-  const auto sum = hn::Add(hn::Add(hn::Mul(r4, hn::Set(d, kr)), hn::Mul(g4, hn::Set(d, kg))),
-                           hn::Mul(b4, hn::Set(d, kb)));
-  return hn::DemoteTo(D8q(), hn::Add(hn::ShiftRight<10>(sum), hn::Set(d, 128)));
+// ((kr r4 + kg g4 + kb b4) >> 10) + 128 for sums of four up to 1020: each
+// product splits into floor(k s / 1024), the high half of (32 s) x 2k, and
+// the low ten bits of s x k, as for the lookup terms above.
+HWY_INLINE hn::Vec<D8h> Chroma(V16 r4, V16 g4, V16 b4, int16_t kr, int16_t kg, int16_t kb) {
+  const D16 d;
+  const V16 low10 = hn::Set(d, 1023);
+  const auto part = [&](V16 s, int16_t k, V16 &lo) {
+    lo = hn::Add(lo, hn::And(hn::Mul(s, hn::Set(d, k)), low10));
+    return hn::MulHigh(hn::ShiftLeft<5>(s), hn::Set(d, static_cast<int16_t>(2 * k)));
+  };
+  V16 lo = hn::Zero(d);
+  const V16 hi = hn::Add(hn::Add(part(r4, kr, lo), part(g4, kg, lo)), part(b4, kb, lo));
+  const V16 c = hn::Add(hn::Add(hi, hn::ShiftRight<10>(lo)), hn::Set(d, 128));
+  return hn::DemoteTo(D8h(), c);
 }
 
 template <Fmt F>
@@ -392,16 +401,22 @@ template <Fmt F>
 void RgbToYv12(const uint8_t *s0, const uint8_t *s1, uint8_t *y0, uint8_t *y1, uint8_t *u,
                uint8_t *v, int width) {
   constexpr int kBpp = BytesPerPixel<F>();
-  const size_t n = hn::Lanes(D16()), w = static_cast<size_t>(width);
+  const D8 d;
+  const size_t n = hn::Lanes(d), w = static_cast<size_t>(width);
   size_t x = 0;
   for (; x + n <= w; x += n) {
-    const Rgb a = Unpack<F>(s0 + x * kBpp), b = Unpack<F>(s1 + x * kBpp);
-    hn::StoreU(hn::DemoteTo(D8h(), hn::BitCast(D16(), Luma(a))), D8h(), y0 + x);
-    hn::StoreU(hn::DemoteTo(D8h(), hn::BitCast(D16(), Luma(b))), D8h(), y1 + x);
-    const auto r4 = PairSums(hn::Add(a.r, b.r)), g4 = PairSums(hn::Add(a.g, b.g)),
-               b4 = PairSums(hn::Add(a.b, b.b));
-    hn::StoreU(Chroma(r4, g4, b4, -38, -74, 112), D8q(), u + x / 2);
-    hn::StoreU(Chroma(r4, g4, b4, 112, -94, -18), D8q(), v + x / 2);
+    Rgb ae, ao, be, bo;
+    Unpack<F>(s0 + x * kBpp, ae, ao);
+    Unpack<F>(s1 + x * kBpp, be, bo);
+    hn::StoreU(hn::BitCast(d, hn::Or(Luma(ae), hn::ShiftLeft<8>(Luma(ao)))), d, y0 + x);
+    hn::StoreU(hn::BitCast(d, hn::Or(Luma(be), hn::ShiftLeft<8>(Luma(bo)))), d, y1 + x);
+    const auto sum4 = [](hn::Vec<DU16> p, hn::Vec<DU16> q, hn::Vec<DU16> r, hn::Vec<DU16> t) {
+      return hn::BitCast(D16(), hn::Add(hn::Add(p, q), hn::Add(r, t)));
+    };
+    const V16 r4 = sum4(ae.r, ao.r, be.r, bo.r), g4 = sum4(ae.g, ao.g, be.g, bo.g),
+              b4 = sum4(ae.b, ao.b, be.b, bo.b);
+    hn::StoreU(Chroma(r4, g4, b4, -38, -74, 112), D8h(), u + x / 2);
+    hn::StoreU(Chroma(r4, g4, b4, 112, -94, -18), D8h(), v + x / 2);
   }
   if (x < w) {
     const auto plain = F == Fmt::k555   ? plain_row_kernels().rgb555_to_yv12
