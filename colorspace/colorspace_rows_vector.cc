@@ -30,13 +30,11 @@ namespace hn = hwy::HWY_NAMESPACE;
 void FillRowKernels(RowKernels *) {}
 #else
 
-// One step covers a full vector of bytes in pixels; the arithmetic runs on
-// two halves of 16-bit lanes.
+// One step covers as many pixels as a vector has bytes; the arithmetic runs
+// on 16-bit lanes that each hold one pixel pair.
 using D8 = hn::ScalableTag<uint8_t>;
 using D16 = hn::Repartition<int16_t, D8>;
 using DU16 = hn::Repartition<uint16_t, D8>;
-using DU32 = hn::Repartition<uint32_t, D8>;
-using D32 = hn::Repartition<int32_t, D8>;
 using D8h = hn::Rebind<uint8_t, D16>;
 using V8 = hn::Vec<D8>;
 using V16 = hn::Vec<D16>;
@@ -350,16 +348,19 @@ HWY_INLINE Rgb Channels16(hn::Vec<DU16> w) {
 template <Fmt F>
 HWY_INLINE void Unpack(const uint8_t *p, Rgb &even, Rgb &odd) {
   const DU16 du;
-  if constexpr (F == Fmt::k24 || F == Fmt::k32) {
-    V8 b, g, r, a;
-    if constexpr (F == Fmt::k24)
-      hn::LoadInterleaved3(D8(), p, b, g, r);
-    else
-      hn::LoadInterleaved4(D8(), p, b, g, r, a);
-    const auto low = [&](V8 v) { return hn::And(hn::BitCast(du, v), hn::Set(du, 0xFF)); };
-    const auto high = [&](V8 v) { return hn::ShiftRight<8>(hn::BitCast(du, v)); };
-    even = {low(r), low(g), low(b)};
-    odd = {high(r), high(g), high(b)};
+  const auto low = [&](hn::Vec<DU16> v) { return hn::And(v, hn::Set(du, 0xFF)); };
+  if constexpr (F == Fmt::k24) {
+    V8 b, g, r;
+    hn::LoadInterleaved3(D8(), p, b, g, r);
+    even = {low(hn::BitCast(du, r)), low(hn::BitCast(du, g)), low(hn::BitCast(du, b))};
+    odd = {hn::ShiftRight<8>(hn::BitCast(du, r)), hn::ShiftRight<8>(hn::BitCast(du, g)),
+           hn::ShiftRight<8>(hn::BitCast(du, b))};
+  } else if constexpr (F == Fmt::k32) {
+    // As 16-bit words a pixel is B | G << 8, R | A << 8.
+    hn::Vec<DU16> bg_e, ra_e, bg_o, ra_o;
+    hn::LoadInterleaved4(du, reinterpret_cast<const uint16_t *>(p), bg_e, ra_e, bg_o, ra_o);
+    even = {low(ra_e), hn::ShiftRight<8>(bg_e), low(bg_e)};
+    odd = {low(ra_o), hn::ShiftRight<8>(bg_o), low(bg_o)};
   } else {
     hn::Vec<DU16> we, wo;
     hn::LoadInterleaved2(du, reinterpret_cast<const uint16_t *>(p), we, wo);
