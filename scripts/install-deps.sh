@@ -8,7 +8,7 @@ PKGS=(
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
-  libyuv-dev libhwy-dev libjpeg62-turbo-dev
+  libyuv-dev libhwy-dev libjpeg62-turbo-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev socat
 )

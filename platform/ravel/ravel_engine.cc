@@ -1,72 +1,118 @@
-// The software media engine: answers every engine call of liborlo.
+// The software media engine: bring-up, streams, regions and still images.
 //
-// This first cut keeps the engine's state and answers as the device does;
-// decoding, composing and JPEG encoding come later.  Frames that it accepts
-// go back through the release function, exactly once each, from the engine's
-// own thread.
-#include <condition_variable>
+// Each engine port decodes on a thread of its own, the compositor draws both
+// displays 25 times a second, and JPEG requests are served on a third kind of
+// thread: callers never wait for decoding.
+#include <glib.h>
+
 #include <cstring>
-#include <deque>
-#include <memory>
-#include <mutex>
-#include <thread>
 
-#include "ravel.h"
+#include "engine.hh"
+#include "log_domain.hh"
 
-struct ravel {
-  ravel_release_fn release = nullptr;
-  int32_t ch_count = 0;
-  bool started = false;
-  std::mutex lock;
-  std::condition_variable wake;
-  std::deque<void *> done;
-  bool quit = false;
-  std::thread releaser;
+namespace {
 
-  ~ravel() {
-    {
-      std::lock_guard<std::mutex> g(lock);
-      quit = true;
-    }
-    wake.notify_all();
-    if (releaser.joinable()) releaser.join();
+struct display_size {
+  int width;
+  int height;
+};
+
+// The size of display 0 for a display format number, as the device's
+// outputs know them.
+display_size size_of_format(int32_t format) {
+  switch (format) {
+    case 0:
+    case 1:
+    case 9:
+    case 11:
+      return {1920, 1080};
+    case 3:
+    case 10:
+    case 15:
+      return {1280, 720};
+    case 4:
+    case 13:
+      return {1280, 1024};
+    case 6:
+    case 17:
+      return {800, 600};
+    case 18:
+    case 19:
+      return {640, 480};
+    case 7:
+      return {720, 576};
+    case 8:
+      return {720, 480};
+    default:
+      return {0, 0};
   }
+}
 
-  void run_releaser() {
-    std::unique_lock<std::mutex> g(lock);
-    for (;;) {
-      wake.wait(g, [this] { return quit || !done.empty(); });
-      while (!done.empty()) {
-        void *b = done.front();
-        done.pop_front();
-        g.unlock();
-        release(b);
-        g.lock();
-      }
-      if (quit) return;
+// One engine per process.  At exit its threads end, but its memory stays to
+// the end: a thread of the application that still pushes a frame while the
+// process exits finds a closed engine rather than freed memory.
+struct engine_keeper {
+  std::unique_ptr<ravel> engine;
+  ravel *kept = nullptr;
+  ~engine_keeper() {
+    if (engine) {
+      engine->shutdown();
+      kept = engine.release();
     }
   }
 };
+engine_keeper keeper;
+std::atomic<ravel *> current{nullptr};
 
-namespace {
-constexpr int32_t kPorts = 18;
-// One engine per process; it lives to the end of the process.
-std::unique_ptr<ravel> the_engine;
 }  // namespace
+
+ravel::ravel(ravel_release_fn release_fn, int32_t channels, int width0, int height0)
+    : release(release_fn), ch_count(channels) {
+  for (int i = 0; i < ravel_soft::kPorts; i++)
+    ports[i] = std::make_unique<ravel_soft::port_decoder>(i, release, stats);
+  compositor = std::make_unique<ravel_soft::compositor>(
+      [this](int port) { return ports[port]->latest(); }, stats, width0, height0);
+  stills = std::make_unique<ravel_soft::still_requests>(
+      [this](int port) { return ports[port]->latest(); },
+      [this](int port) { return jpeg[port].timestamp.load(); }, stats);
+}
+
+void ravel::shutdown() {
+  closed = true;
+  for (int i = 0; i < ravel_soft::compositor::kDisplays; i++) compositor->set_observer(i, nullptr);
+  compositor->shutdown();
+  {
+    std::lock_guard<std::mutex> g(windows_lock);
+    for (auto &w : windows)
+      if (w) w->close();
+  }
+  stills->shutdown();
+  for (auto &p : ports) p->shutdown();
+}
+
+ravel *ravel_current() { return current.load(); }
 
 extern "C" {
 
 ravel_t *ravel_new(const int32_t *formats, int32_t, int32_t ch_count, int32_t, int32_t,
                    ravel_release_fn release, int32_t, int32_t, int32_t, int32_t, const int32_t *,
                    int32_t, const int32_t *) {
-  if (formats == nullptr || release == nullptr) return nullptr;
-  if (the_engine) return the_engine.get();
-  the_engine = std::make_unique<ravel>();
-  the_engine->release = release;
-  the_engine->ch_count = ch_count;
-  ravel *e = the_engine.get();
-  e->releaser = std::thread([e] { e->run_releaser(); });
-  return e;
+  if (formats == nullptr || release == nullptr) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "ravel_new: %s is missing",
+          formats == nullptr ? "the display format" : "the release function");
+    return nullptr;
+  }
+  if (keeper.engine) return keeper.engine.get();
+  display_size size = size_of_format(formats[0]);
+  if (size.width == 0) {
+    // The caller refuses such a format itself; the engine still comes up.
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+          "display format %d is unknown: display 0 is 1920 x 1080", formats[0]);
+    size = {1920, 1080};
+  }
+  keeper.engine = std::make_unique<ravel>(release, ch_count, size.width, size.height);
+  current = keeper.engine.get();
+  return keeper.engine.get();
 }
 
 int32_t ravel_init_dec_config_param(ravel_t *engine, ravel_dec_config_t *dec_block) {
@@ -93,106 +139,124 @@ int32_t ravel_init_enc_config_param(ravel_t *engine, void *enc_block) {
 }
 
 int32_t ravel_change_pipe_config(ravel_t *engine, ravel_dec_config_t *dec_block, int32_t count,
-                                 void *, int32_t) {
+                                 void *, int32_t ch_count) {
   if (engine == nullptr || dec_block == nullptr || count < 0 || count > RAVEL_DEC_CONFIG_COUNT)
     return -1;
+  std::lock_guard<std::mutex> g(engine->control.lock);
+  // Count 0 stands for the whole block as the engine filled it.
+  int n = count == 0 ? RAVEL_DEC_CONFIG_COUNT : count;
+  std::memcpy(engine->control.dec_config.data(), dec_block, sizeof(ravel_dec_config_t) * n);
+  engine->control.dec_config_count = count;
+  engine->control.enc_ch_count = ch_count;
   return 0;
 }
 
 int32_t ravel_start(ravel_t *engine) {
-  if (engine == nullptr) return -1;
+  if (engine == nullptr || engine->closed) return -1;
   engine->started = true;
+  engine->idle_refusal_logged = false;
+  for (auto &p : engine->ports) p->set_running(true);
+  engine->compositor->set_running(true);
   return 0;
 }
 
 int32_t ravel_stop(ravel_t *engine) {
   if (engine == nullptr) return -1;
   engine->started = false;
+  engine->idle_refusal_logged = false;
+  // Queued frames go back undecoded; the displays keep their last picture.
+  for (auto &p : engine->ports) p->set_running(false);
+  engine->compositor->set_running(false);
   return 0;
 }
 
 int32_t ravel_change_geometry(ravel_t *engine, const ravel_region_t *regions, int32_t count,
-                              int32_t display, int32_t) {
-  if (engine == nullptr || (count > 0 && regions == nullptr) || count < 0 || count > 37) return -1;
-  if (display != 0 && display != 2) return -1;
+                              int32_t display, int32_t playback) {
+  if (engine == nullptr) return -1;
+  int index = ravel_soft::compositor::index_of(display);
+  if (index < 0 || count < 0 || count > 37 || (count > 0 && regions == nullptr)) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+          "ravel_change_geometry: refused (display %d, %d regions)", display, count);
+    return -1;
+  }
+  for (int i = 0; i < count; i++) {
+    if (!engine->port_ok(regions[i].ch))
+      g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_MESSAGE,
+            "display %d: region %d names %d, which is no engine port: it shows black", display, i,
+            regions[i].ch);
+  }
+  engine->compositor->set_regions(index, regions, count, playback);
   return 0;
 }
 
 int32_t ravel_put_decode_stream(ravel_t *engine, int32_t port, void *buffer, const uint8_t *data,
-                                int32_t size, int32_t, ravel_jpeg_cb, ravel_image_cb, int32_t,
-                                int32_t) {
-  if (engine == nullptr || port < 0 || port >= kPorts || buffer == nullptr || data == nullptr ||
-      size < 0)
+                                int32_t size, int32_t, ravel_jpeg_cb jpeg_cb,
+                                ravel_image_cb image_cb, int32_t, int32_t) {
+  if (engine == nullptr) return -1;
+  if (!engine->port_ok(port) || buffer == nullptr || data == nullptr || size <= 0) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+          "ravel_put_decode_stream: frame refused (port %d, %d bytes%s)", port, size,
+          buffer == nullptr || data == nullptr ? ", no data" : "");
+    if (engine->port_ok(port)) engine->stats.port[port].refused++;
     return -1;
-  {
-    std::lock_guard<std::mutex> g(engine->lock);
-    engine->done.push_back(buffer);
   }
-  engine->wake.notify_one();
+  if (!engine->running()) {
+    // Frames are taken between ravel_start and ravel_stop only.
+    if (!engine->idle_refusal_logged.exchange(true))
+      g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+            "port %d: frame refused, the engine is not running", port);
+    engine->stats.port[port].refused++;
+    return -1;
+  }
+  ravel_soft::pending_frame f;
+  f.buffer = buffer;
+  f.data = data;
+  f.size = size;
+  f.jpeg_cb = jpeg_cb;
+  f.image_cb = image_cb;
+  f.jpeg_timestamp = engine->jpeg[port].timestamp.load();
+  return engine->ports[port]->offer(f);
+}
+
+int32_t ravel_jpeg_enc(ravel_t *engine, int32_t ch, int32_t flag, ravel_jpeg_cb cb) {
+  if (engine == nullptr || cb == nullptr || engine->closed) return -1;
+  if (!engine->port_ok(ch)) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "ravel_jpeg_enc: %d is no engine port", ch);
+    return -1;
+  }
+  if (!engine->ports[ch]->latest()) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "ravel_jpeg_enc: port %d has no picture yet", ch);
+    return -1;
+  }
+  engine->stills->request(ch, flag, cb);
   return 0;
 }
 
-int32_t ravel_jpeg_enc(ravel_t *engine, int32_t, int32_t, ravel_jpeg_cb cb) {
-  return engine == nullptr || cb == nullptr ? -1 : -1;
+int32_t ravel_set_jpeg_dstntimeimg(ravel_t *engine, int32_t ch, uint32_t dstn, uint32_t timeimg) {
+  if (engine == nullptr || !engine->port_ok(ch)) return -1;
+  engine->jpeg[ch].dstn = dstn;
+  engine->jpeg[ch].timeimg = timeimg;
+  return 0;
 }
-int32_t ravel_set_jpeg_dstntimeimg(ravel_t *engine, int32_t, uint32_t, uint32_t) {
-  return engine == nullptr ? -1 : 0;
+
+int32_t ravel_set_jpeg_timestamp(ravel_t *engine, int32_t port, uint32_t timestamp) {
+  if (engine == nullptr || !engine->port_ok(port)) return -1;
+  engine->jpeg[port].timestamp = timestamp;
+  return 0;
 }
-int32_t ravel_set_jpeg_timestamp(ravel_t *engine, int32_t, uint32_t) {
-  return engine == nullptr ? -1 : 0;
-}
+
 int32_t ravel_pause_frame(ravel_t *engine, int32_t port) {
-  return engine == nullptr || port < 0 || port >= kPorts ? -1 : 0;
-}
-
-int32_t ravel_capture_drv_start(ravel_t *engine, int32_t) { return engine ? 0 : -1; }
-int32_t ravel_capture_drv_stop(ravel_t *engine, int32_t) { return engine ? 0 : -1; }
-int32_t ravel_register_get_encode_stream(ravel_t *engine, void *, void *) {
-  return engine ? 0 : -1;
-}
-int32_t ravel_register_captmode_change(ravel_t *engine, void *, void *) { return engine ? 0 : -1; }
-int32_t ravel_register_encode_mosaic_stream(ravel_t *engine, void *, void *, int32_t, int32_t) {
-  return engine ? 0 : -1;
-}
-int32_t ravel_encode_change(ravel_t *engine, int32_t, int32_t, void *) { return engine ? 0 : -1; }
-int32_t ravel_set_encode_bitrate(ravel_t *engine, int32_t, int32_t, int32_t) {
-  return engine ? 0 : -1;
-}
-int32_t ravel_get_encode_bitrate(ravel_t *engine, int32_t, int32_t, int32_t *bitrate) {
-  if (engine == nullptr || bitrate == nullptr) return -1;
-  *bitrate = 0;
+  if (engine == nullptr || !engine->port_ok(port)) return -1;
+  // The port's current picture serves the requests that wait on it; with
+  // none waiting there is nothing to do.
+  engine->stills->serve_now(port);
   return 0;
 }
-int32_t ravel_motion_detect_config_param(ravel_t *engine, int32_t, void *, int32_t) {
-  return engine ? 0 : -1;
+
+int32_t ravel_print_statistics(ravel_t *engine, int32_t, int32_t) {
+  if (engine == nullptr) return -1;
+  engine->stats.print();
+  return 0;
 }
-int32_t ravel_set_time(ravel_t *engine, int32_t, uint64_t, int32_t) { return engine ? 0 : -1; }
-int32_t ravel_set_sys_time_init(uint64_t) { return 0; }
-int32_t ravel_set_sys_time_sync(uint64_t) { return 0; }
-uintptr_t ravel_get_hostcomm_addr(ravel_t *engine, int32_t, int32_t) {
-  return engine ? reinterpret_cast<uintptr_t>(engine) : 0;
-}
-int32_t ravel_set_display_enable(ravel_t *engine, int32_t, int32_t) { return engine ? 0 : -1; }
-int32_t ravel_set_osd_enable(ravel_t *engine, int32_t, int32_t, int32_t) {
-  return engine ? 0 : -1;
-}
-int32_t ravel_set_osd_option(ravel_t *engine, int32_t, int32_t, int32_t) {
-  return engine ? 0 : -1;
-}
-int32_t ravel_set_mask(ravel_t *engine, const ravel_mask_t *m) { return engine && m ? 0 : -1; }
-int32_t ravel_set_ROI_coordinate(ravel_t *engine, const ravel_roi_t *r) {
-  return engine && r ? 0 : -1;
-}
-int32_t ravel_set_dnr(ravel_t *engine, const ravel_dnr_t *d) { return engine && d ? 0 : -1; }
-int32_t ravel_set_mirror(ravel_t *engine, const int32_t *m) { return engine && m ? 0 : -1; }
-int32_t ravel_set_rotate(ravel_t *engine, const int32_t *r) { return engine && r ? 0 : -1; }
-int32_t ravel_set_datetime_format(ravel_t *engine, const ravel_datetime_format_t *f) {
-  return engine && f ? 0 : -1;
-}
-int32_t ravel_set_ip_osd_enable(ravel_t *engine, const ravel_ip_osd_t *o) {
-  return engine && o ? 0 : -1;
-}
-int32_t ravel_check_alive_m3(ravel_t *engine, int32_t, int32_t) { return engine ? 1 : -1; }
-int32_t ravel_print_statistics(ravel_t *engine, int32_t, int32_t) { return engine ? 0 : -1; }
 
 }  // extern "C"

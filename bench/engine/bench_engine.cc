@@ -1,0 +1,185 @@
+// The software engine under a live load: N channels of 640 x 360 at 25 frames
+// a second, decoded and composed into a mosaic on 1920 x 1080.
+//
+//   BM_LiveMosaic/N     frames paced in real time; reports the CPU the whole
+//                       process used (cores busy), frames decoded per second
+//                       and whether the engine kept up (no refusals, every
+//                       frame decoded).
+//   BM_DecodeFlatOut    16 ports fed as fast as the engine takes frames;
+//                       frames per second, and from it the number of 25 fps
+//                       channels that fit on the cores the machine has.
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <ctime>
+#include <thread>
+#include <vector>
+
+#include "ravel.h"
+#include "ravel_soft.h"
+#include "synth_stream.hh"
+
+namespace {
+
+constexpr int kWidth = 640;
+constexpr int kHeight = 360;
+constexpr int kFrames = 50;  // two seconds, an intra frame every second; played in a loop
+
+struct channel {
+  std::vector<ravel_synth::frame> frames;
+};
+
+std::atomic<uint64_t> released{0};
+void on_release(void *) { released++; }
+
+ravel_t *engine() {
+  static ravel_t *e = [] {
+    int32_t formats[1] = {0};
+    ravel_t *made = ravel_new(formats, 0, 16, 0, 0, on_release, 0, 0, 0, 24, nullptr, 6, nullptr);
+    ravel_start(made);
+    return made;
+  }();
+  return e;
+}
+
+const std::vector<channel> &channels() {
+  static std::vector<channel> all = [] {
+    std::vector<channel> out(RAVEL_SOFT_PORTS);
+    for (int i = 0; i < RAVEL_SOFT_PORTS; i++) {
+      ravel_synth::stream_options opt;
+      opt.width = kWidth;
+      opt.height = kHeight;
+      opt.frames = kFrames;
+      opt.gop = 25;
+      opt.pattern = true;
+      opt.bitrate_kbps = 1000;
+      uint8_t c = static_cast<uint8_t>(40 + i * 10);
+      out[i].frames = ravel_synth::encode({c, static_cast<uint8_t>(255 - c), 128}, opt);
+    }
+    return out;
+  }();
+  return all;
+}
+
+// A square mosaic big enough for n channels, on display 0.
+void mosaic(int n) {
+  int side = static_cast<int>(std::ceil(std::sqrt(n)));
+  std::vector<ravel_region_t> regions;
+  for (int i = 0; i < n; i++) {
+    int w = 1920 / side, h = 1080 / side;
+    regions.push_back({i, (i % side) * w, (i / side) * h, w, h, 1, -1, -1, -1, -1, 0});
+  }
+  ravel_change_geometry(engine(), regions.data(), n, 0, 0);
+}
+
+double cpu_seconds() {
+  timespec t;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+struct totals {
+  uint64_t decoded = 0, refused = 0, shown = 0, errors = 0;
+};
+totals sum(int n) {
+  totals t;
+  for (int p = 0; p < n; p++) {
+    ravel_soft_port_stats_t s;
+    ravel_soft_port_stats(engine(), p, &s);
+    t.decoded += s.decoded;
+    t.refused += s.refused;
+    t.shown += s.shown;
+    t.errors += s.decode_errors;
+  }
+  return t;
+}
+
+// Offers a frame until the port takes it (the library's retries do the same).
+void offer(int port, const ravel_synth::frame &f) {
+  auto *data = const_cast<uint8_t *>(f.data.data());
+  while (ravel_put_decode_stream(engine(), port, data, data, static_cast<int32_t>(f.data.size()),
+                                 0, nullptr, nullptr, 0, 0) != 0)
+    std::this_thread::sleep_for(std::chrono::microseconds(500));
+}
+
+void BM_LiveMosaic(benchmark::State &state) {
+  const int n = static_cast<int>(state.range(0));
+  const auto &chs = channels();
+  mosaic(n);
+  constexpr int kSeconds = 6;
+  for (auto _ : state) {
+    // Each channel starts at an intra frame and runs in step at 25 fps.
+    totals before = sum(n);
+    uint64_t passes0 = ravel_soft_compose_passes(engine());
+    double cpu0 = cpu_seconds();
+    auto t0 = std::chrono::steady_clock::now();
+    uint64_t refused = 0;
+    for (int i = 0; i < kSeconds * 25; i++) {
+      std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * i));
+      for (int p = 0; p < n; p++) {
+        const auto &f = chs[p].frames[i % kFrames];
+        auto *data = const_cast<uint8_t *>(f.data.data());
+        // A live source does not wait: a refused frame is a frame lost.
+        if (ravel_put_decode_stream(engine(), p, data, data, static_cast<int32_t>(f.data.size()),
+                                    0, nullptr, nullptr, 0, 0) != 0)
+          refused++;
+      }
+    }
+    std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * kSeconds * 25));
+    double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    double cpu = cpu_seconds() - cpu0;
+    totals after = sum(n);
+    uint64_t decoded = after.decoded - before.decoded;
+    state.counters["channels"] = n;
+    state.counters["cpu_cores"] = cpu / wall;
+    state.counters["cpu_ms_per_frame"] = 1000.0 * cpu / static_cast<double>(decoded ? decoded : 1);
+    state.counters["decoded_fps"] = static_cast<double>(decoded) / wall;
+    state.counters["target_fps"] = 25.0 * n;
+    state.counters["compose_per_s"] =
+        static_cast<double>(ravel_soft_compose_passes(engine()) - passes0) / wall;
+    state.counters["refused"] = static_cast<double>(refused);
+    state.counters["decode_errors"] = static_cast<double>(after.errors - before.errors);
+    state.counters["real_time"] =
+        refused == 0 && decoded + static_cast<uint64_t>(n) >= static_cast<uint64_t>(n) * kSeconds * 25
+            ? 1
+            : 0;
+    state.SetIterationTime(wall);
+  }
+}
+BENCHMARK(BM_LiveMosaic)->Arg(16)->Arg(18)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+
+void BM_DecodeFlatOut(benchmark::State &state) {
+  constexpr int n = 16;
+  const auto &chs = channels();
+  mosaic(n);
+  constexpr int kPerPort = 150;
+  for (auto _ : state) {
+    totals before = sum(n);
+    double cpu0 = cpu_seconds();
+    auto t0 = std::chrono::steady_clock::now();
+    // Round robin over the ports, each frame offered until taken.
+    for (int i = 0; i < kPerPort; i++)
+      for (int p = 0; p < n; p++) offer(p, chs[p].frames[i % kFrames]);
+    uint64_t target = before.decoded + uint64_t{n} * kPerPort;
+    while (sum(n).decoded + sum(n).errors < target)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    double cpu = cpu_seconds() - cpu0;
+    double fps = static_cast<double>(n * kPerPort) / wall;
+    state.counters["decoded_fps"] = fps;
+    state.counters["cpu_cores"] = cpu / wall;
+    state.counters["cpu_ms_per_frame"] = 1000.0 * cpu / (n * kPerPort);
+    // 25 fps channels that the cores of this machine carry, decoding and
+    // composing included.
+    state.counters["channels_real_time"] = fps / 25.0;
+    state.counters["channels_on_2_cores"] = 2.0 / (cpu / (n * kPerPort) * 25.0);
+    state.SetIterationTime(wall);
+  }
+}
+BENCHMARK(BM_DecodeFlatOut)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,71 @@
+#include "display_window.hh"
+
+#include <gst/app/gstappsrc.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "log_domain.hh"
+
+namespace ravel_soft {
+
+bool graphical_display_available() {
+  const char *x11 = std::getenv("DISPLAY");
+  const char *wayland = std::getenv("WAYLAND_DISPLAY");
+  return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
+}
+
+display_window::~display_window() { close(); }
+
+bool display_window::open(int width, int height, const char *title) {
+  if (pipeline_) return true;
+  if (!graphical_display_available()) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_MESSAGE, "no graphical display: %s stays headless", title);
+    return false;
+  }
+  gst_init(nullptr, nullptr);
+  gchar *launch = g_strdup_printf(
+      "appsrc name=src is-live=true do-timestamp=true format=time "
+      "caps=video/x-raw,format=I420,width=%d,height=%d,framerate=25/1 "
+      "! queue leaky=downstream max-size-buffers=2 ! videoconvert "
+      "! autovideosink sync=false",
+      width, height);
+  GError *error = nullptr;
+  GstElement *made = gst_parse_launch(launch, &error);
+  g_free(launch);
+  // The launch gives a floating reference; sinking it makes it ours.
+  auto pipeline = orlo::adopt(made != nullptr ? GST_ELEMENT(gst_object_ref_sink(made)) : nullptr);
+  if (!pipeline || error != nullptr) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "cannot build the window of %s: %s", title,
+          error != nullptr ? error->message : "unknown");
+    g_clear_error(&error);
+    return false;
+  }
+  if (gst_element_set_state(pipeline.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "the window of %s does not start", title);
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+    return false;
+  }
+  src_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipeline.get()), "src"));
+  pipeline_ = std::move(pipeline);
+  return true;
+}
+
+void display_window::push(const canvas &c) {
+  if (!src_) return;
+  size_t ys = c.y.size(), cs = c.u.size();
+  GstBuffer *buf = gst_buffer_new_allocate(nullptr, ys + 2 * cs, nullptr);
+  gst_buffer_fill(buf, 0, c.y.data(), ys);
+  gst_buffer_fill(buf, ys, c.u.data(), cs);
+  gst_buffer_fill(buf, ys + cs, c.v.data(), cs);
+  gst_app_src_push_buffer(GST_APP_SRC(src_.get()), buf);  // takes the buffer
+}
+
+void display_window::close() {
+  if (!pipeline_) return;
+  gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  src_.reset();
+  pipeline_.reset();
+}
+
+}  // namespace ravel_soft

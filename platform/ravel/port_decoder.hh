@@ -1,0 +1,87 @@
+// One engine port: a short queue of frames and the decoder thread that
+// empties it, keeping the port's latest good picture.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "h264_decoder.hh"
+#include "picture.hh"
+#include "ravel.h"
+#include "statistics.hh"
+
+namespace ravel_soft {
+
+struct pending_frame {
+  void *buffer = nullptr;
+  const uint8_t *data = nullptr;
+  int32_t size = 0;
+  ravel_jpeg_cb jpeg_cb = nullptr;
+  ravel_image_cb image_cb = nullptr;
+  uint32_t jpeg_timestamp = 0;  // the port's JPEG time stamp when the frame came in
+};
+
+class port_decoder {
+ public:
+  // Short on purpose: a full queue is the back-pressure that makes the
+  // pushing side retry, and a live mosaic should not lag behind its sources.
+  static constexpr size_t kQueueDepth = 6;
+
+  port_decoder(int port, ravel_release_fn release, statistics &stats);
+  ~port_decoder();
+  port_decoder(const port_decoder &) = delete;
+  port_decoder &operator=(const port_decoder &) = delete;
+
+  // 0: queued, the engine owns the buffer until it releases it.  -1: the
+  // queue is full or the port does not run; the frame stays with the caller.
+  int32_t offer(const pending_frame &frame);
+  picture_ptr latest() const;
+
+  // A port that does not run refuses frames and hands back what it queued.
+  void set_running(bool on);
+  // Test hook: a held port takes nothing from its queue.
+  void hold(bool on);
+  // Ends the thread; queued frames are released without their callbacks.
+  void shutdown();
+
+ private:
+  struct jpeg_wait {
+    int64_t tag;
+    ravel_jpeg_cb cb;
+    uint32_t timestamp;
+  };
+
+  void run();
+  void handle(const pending_frame &f);
+  void decode_for_image(const pending_frame &f);
+  void publish(std::shared_ptr<picture> pic, int64_t tag);
+  void fail_jpeg_waits(int64_t up_to_tag);
+  void give_back(const pending_frame &f);
+
+  const int port_;
+  const ravel_release_fn release_;
+  statistics &stats_;
+  port_counters &counters_;
+
+  mutable std::mutex lock_;
+  std::condition_variable wake_;
+  std::deque<pending_frame> queue_;
+  bool running_ = false;
+  bool held_ = false;
+  bool quit_ = false;
+  picture_ptr latest_;
+
+  // Owned by the decoder thread.
+  h264_decoder decoder_;
+  bool wait_intra_ = true;
+  int64_t next_tag_ = 1;
+  uint64_t next_seq_ = 1;
+  std::deque<jpeg_wait> jpeg_waits_;
+
+  std::thread thread_;
+};
+
+}  // namespace ravel_soft

@@ -1,0 +1,90 @@
+// The software engine's own calls (ravel_soft.h).
+#include "ravel_soft.h"
+
+#include <vector>
+
+#include "engine.hh"
+#include "picture_file.hh"
+
+extern "C" {
+
+ravel_t *ravel_soft_engine(void) { return ravel_current(); }
+
+int32_t ravel_soft_port_stats(ravel_t *engine, int32_t port, ravel_soft_port_stats_t *out) {
+  if (engine == nullptr || out == nullptr || !engine->port_ok(port)) return -1;
+  const ravel_soft::port_counters &c = engine->stats.port[port];
+  out->accepted = c.accepted.load();
+  out->refused = c.refused.load();
+  out->decoded = c.decoded.load();
+  out->shown = c.shown.load();
+  out->decode_errors = c.decode_errors.load();
+  out->skipped = c.skipped.load();
+  out->released = c.released.load();
+  ravel_soft::picture_ptr pic = engine->ports[port]->latest();
+  out->width = pic ? pic->width() : 0;
+  out->height = pic ? pic->height() : 0;
+  return 0;
+}
+
+uint64_t ravel_soft_compose_passes(ravel_t *engine) {
+  return engine == nullptr ? 0 : engine->stats.compose_passes.load();
+}
+
+int32_t ravel_soft_display_size(ravel_t *engine, int32_t display, int32_t *width, int32_t *height) {
+  int index = ravel_soft::compositor::index_of(display);
+  if (engine == nullptr || index < 0 || width == nullptr || height == nullptr) return -1;
+  int w, h;
+  engine->compositor->size(index, &w, &h);
+  *width = w;
+  *height = h;
+  return 0;
+}
+
+int32_t ravel_soft_read_display(ravel_t *engine, int32_t display, uint8_t *rgb, int32_t stride) {
+  int index = ravel_soft::compositor::index_of(display);
+  if (engine == nullptr || index < 0 || rgb == nullptr) return -1;
+  int w, h;
+  engine->compositor->size(index, &w, &h);
+  if (stride < 3 * w) return -1;
+  engine->compositor->read_rgb(index, rgb, stride);
+  return 0;
+}
+
+int32_t ravel_soft_write_display(ravel_t *engine, int32_t display, const char *path) {
+  int index = ravel_soft::compositor::index_of(display);
+  if (engine == nullptr || index < 0 || path == nullptr) return -1;
+  int w, h;
+  engine->compositor->size(index, &w, &h);
+  std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+  engine->compositor->read_rgb(index, rgb.data(), w * 3);
+  return ravel_soft::write_png(path, rgb.data(), w, h, w * 3) ? 0 : -1;
+}
+
+int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_ms) {
+  if (engine == nullptr || timeout_ms < 0) return -1;
+  return engine->compositor->wait_pass(std::chrono::milliseconds(timeout_ms)) ? 0 : -1;
+}
+
+int32_t ravel_soft_show_window(ravel_t *engine, int32_t display) {
+  int index = ravel_soft::compositor::index_of(display);
+  if (engine == nullptr || index < 0 || engine->closed) return -1;
+  std::lock_guard<std::mutex> g(engine->windows_lock);
+  auto &window = engine->windows[index];
+  if (window) return 0;
+  auto made = std::make_unique<ravel_soft::display_window>();
+  int w, h;
+  engine->compositor->size(index, &w, &h);
+  if (!made->open(w, h, display == 0 ? "display 0" : "display 2")) return -1;
+  window = std::move(made);
+  ravel_soft::display_window *shown = window.get();
+  engine->compositor->set_observer(index, [shown](const ravel_soft::canvas &c) { shown->push(c); });
+  return 0;
+}
+
+int32_t ravel_soft_hold_port(ravel_t *engine, int32_t port, int32_t hold) {
+  if (engine == nullptr || !engine->port_ok(port)) return -1;
+  engine->ports[port]->hold(hold != 0);
+  return 0;
+}
+
+}  // extern "C"

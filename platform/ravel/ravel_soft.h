@@ -1,0 +1,125 @@
+/* What the software engine (libravel.so.0 of this project) offers beyond the
+ * engine calls of ravel.h: pictures of the composed displays, a window,
+ * statistics and test hooks.  The device's engine has none of this; only
+ * programs that run over the software engine (the demo, tests, benchmarks)
+ * include this header.
+ *
+ * How the software engine answers the calls of ravel.h:
+ *
+ * - Ports.  18 engine ports, 0..17, each with its own H.264 decoder and
+ *   thread.  ravel_put_decode_stream queues the frame (an Annex B access unit
+ *   at `data`, `size` bytes) on a queue of RAVEL_SOFT_QUEUE_DEPTH frames and
+ *   returns 0; a full queue, a bad argument, or an engine not between
+ *   ravel_start and ravel_stop gives -1 and leaves the frame with the caller.
+ *   Every accepted buffer goes back through the release function exactly
+ *   once, on the port's thread, as soon as the decoder has read it (at
+ *   ravel_stop, queued frames go back undecoded).
+ * - A port starts, and restarts after a damaged frame, at an IDR frame:
+ *   frames before it are skipped (counted as `skipped`), a damaged or
+ *   truncated frame counts as a decode error, and the port keeps showing
+ *   its last good picture.
+ * - Regions.  ravel_change_geometry takes up to 37 regions for display 0 (the
+ *   size of the display format given to ravel_new) or display 2 (1280 x 720).
+ *   A region's `ch` is read as an engine port number; a region whose port
+ *   has no picture, or whose `ch` is no port (below 0, above 17), is black.
+ *   Layer 2 is drawn above layer 1 (in general: ascending `layer`, then list
+ *   order).  The crop fields, when all four are set (x, y >= 0, width,
+ *   height > 0), select a part of the picture given in the layout space of
+ *   1920 x 1080 that stands for the whole picture.  `flag` is not read.
+ *   The compositor draws 25 times a second while the engine runs.
+ * - JPEG callback words (ravel_jpeg_cb): the address of the JPEG data
+ *   (malloc'ed, released with free(); NULL when no picture could be encoded,
+ *   which tells the waiting caller at once), then
+ *     word1  the engine port,
+ *     word2  the size of the JPEG data in bytes (0 with a NULL address),
+ *     word3  the picture's width in pixels,
+ *     word4  the picture's height in lines,
+ *     word5  the port's time stamp from ravel_set_jpeg_timestamp (as it was
+ *            when the frame was queued, for a frame's jpeg_cb; as it is when
+ *            the request is served, for ravel_jpeg_enc).
+ *   The callback runs on an engine thread: a port's thread for a jpeg_cb
+ *   given with a frame (once that frame is decoded), the JPEG thread for
+ *   ravel_jpeg_enc.
+ * - ravel_jpeg_enc(engine, port, flag, cb): -1 when the port has no picture
+ *   yet; else the request is served from the port's latest picture 20 ms
+ *   later, or at once by ravel_pause_frame on that port (so that the
+ *   settings made right after the request apply to it).  `flag` is kept
+ *   with the request and does not change the picture.
+ * - image_cb with a frame: the frame is decoded by a decoder of its own (the
+ *   port's stream is not disturbed, nothing is shown) and handed over as
+ *   packed Y V Y U, 2 bytes a pixel, rows of width x 2 bytes, allocated with
+ *   g_malloc (g_free releases it); the address is NULL when the frame gave
+ *   no picture.
+ * - ravel_print_statistics prints, for every port that saw a frame, the
+ *   frames accepted, refused, decoded, shown and damaged, the frames skipped
+ *   before an intra frame, and the rates since the previous printout.
+ */
+#ifndef RAVEL_SOFT_H
+#define RAVEL_SOFT_H
+
+#include <stdint.h>
+
+#include "ravel.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define RAVEL_SOFT_API __attribute__((visibility("default")))
+#else
+#define RAVEL_SOFT_API
+#endif
+
+#define RAVEL_SOFT_PORTS 18
+#define RAVEL_SOFT_QUEUE_DEPTH 6
+
+typedef struct ravel_soft_port_stats {
+  uint64_t accepted;      /* frames taken by ravel_put_decode_stream */
+  uint64_t refused;       /* frames refused by it */
+  uint64_t decoded;       /* good pictures decoded */
+  uint64_t shown;         /* distinct pictures that reached a composed display */
+  uint64_t decode_errors; /* damaged or truncated frames */
+  uint64_t skipped;       /* frames passed over while waiting for an intra frame */
+  uint64_t released;      /* buffers given back through the release function */
+  int32_t width;          /* of the latest picture; 0 without one */
+  int32_t height;
+} ravel_soft_port_stats_t;
+
+/* The engine that ravel_new made in this process, NULL before. */
+RAVEL_SOFT_API ravel_t *ravel_soft_engine(void);
+
+/* Counters of one port.  0, or -1 for a bad port. */
+RAVEL_SOFT_API int32_t ravel_soft_port_stats(ravel_t *engine, int32_t port,
+                                             ravel_soft_port_stats_t *out);
+/* Compose passes made since creation. */
+RAVEL_SOFT_API uint64_t ravel_soft_compose_passes(ravel_t *engine);
+
+/* Size of engine display 0 or 2.  0, or -1 for another display number. */
+RAVEL_SOFT_API int32_t ravel_soft_display_size(ravel_t *engine, int32_t display, int32_t *width,
+                                               int32_t *height);
+/* Copies the last composed picture of a display as R, G, B bytes, `stride`
+ * bytes a row (at least 3 x width).  0 or -1. */
+RAVEL_SOFT_API int32_t ravel_soft_read_display(ravel_t *engine, int32_t display, uint8_t *rgb,
+                                               int32_t stride);
+/* Writes the last composed picture of a display to `path` as PNG.  0, or -1
+ * (logged) when the file can't be written. */
+RAVEL_SOFT_API int32_t ravel_soft_write_display(ravel_t *engine, int32_t display, const char *path);
+/* Waits until a compose pass that starts after the call has ended: what was
+ * pushed and decoded before the call is then on the displays.  0, or -1
+ * after `timeout_ms` (the engine does not run). */
+RAVEL_SOFT_API int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_ms);
+/* Shows a display in a window (GStreamer autovideosink) from now on.  0, or
+ * -1 when no graphical display is available (DISPLAY / WAYLAND_DISPLAY) or
+ * the window can't be made; the engine is headless until this is called. */
+RAVEL_SOFT_API int32_t ravel_soft_show_window(ravel_t *engine, int32_t display);
+
+/* Test hook: a held port takes no frame from its queue, so that the queue
+ * fills and pushes are refused; 0 lets it go on.  0 or -1. */
+RAVEL_SOFT_API int32_t ravel_soft_hold_port(ravel_t *engine, int32_t port, int32_t hold);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* RAVEL_SOFT_H */

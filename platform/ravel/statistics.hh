@@ -1,0 +1,44 @@
+// The engine's counters, per port, and their printout.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+
+namespace ravel_soft {
+
+constexpr int kPorts = 18;
+
+struct port_counters {
+  std::atomic<uint64_t> accepted{0};       // frames taken into the port's queue
+  std::atomic<uint64_t> refused{0};        // frames refused (queue full, engine not running)
+  std::atomic<uint64_t> decoded{0};        // good pictures out of the decoder
+  std::atomic<uint64_t> shown{0};          // distinct pictures that reached a composed display
+  std::atomic<uint64_t> decode_errors{0};  // damaged frames, skipped
+  std::atomic<uint64_t> skipped{0};        // frames passed over while waiting for an intra frame
+  std::atomic<uint64_t> released{0};       // frame buffers given back
+};
+
+class statistics {
+ public:
+  std::array<port_counters, kPorts> port;
+  std::atomic<uint64_t> compose_passes{0};
+  std::atomic<uint64_t> jpegs{0};
+
+  // Prints the ports that saw any frame, with rates over the time since the
+  // previous printout (or since the engine was created).
+  void print();
+
+ private:
+  struct snapshot {
+    uint64_t accepted = 0, decoded = 0, shown = 0;
+  };
+  std::mutex lock_;
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+  std::array<snapshot, kPorts> previous_{};
+  uint64_t previous_passes_ = 0;
+};
+
+}  // namespace ravel_soft

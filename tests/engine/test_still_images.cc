@@ -1,0 +1,178 @@
+// Still images: JPEG of a port's picture (by request, by paused frame, for
+// one pushed frame) and a frame decoded to packed YVYU.
+#include <glib.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+// clang-format off
+#include <jpeglib.h>  // after <cstdio>: it uses FILE without including it
+// clang-format on
+
+#include "engine_harness.hh"
+
+namespace engine_test {
+namespace {
+
+const rgb kGreen = {40, 190, 70};
+const rgb kPurple = {150, 40, 190};
+
+// What an engine callback delivered; the callbacks carry no user data.
+struct delivery {
+  std::mutex lock;
+  std::condition_variable cond;
+  int calls = 0;
+  void *buf = nullptr;
+  uint32_t words[5] = {0, 0, 0, 0, 0};
+};
+delivery got;
+
+void on_jpeg(void **pbuf, uint32_t w1, uint32_t w2, uint32_t w3, uint32_t w4, uint32_t w5) {
+  std::lock_guard<std::mutex> g(got.lock);
+  got.calls++;
+  got.buf = *pbuf;
+  uint32_t w[5] = {w1, w2, w3, w4, w5};
+  std::copy(w, w + 5, got.words);
+  got.cond.notify_all();
+}
+
+void on_image(void **pimage) {
+  std::lock_guard<std::mutex> g(got.lock);
+  got.calls++;
+  got.buf = *pimage;
+  got.cond.notify_all();
+}
+
+bool wait_calls(int n) {
+  std::unique_lock<std::mutex> g(got.lock);
+  return got.cond.wait_for(g, std::chrono::seconds(20), [&] { return got.calls >= n; });
+}
+
+// Decodes a JPEG with libjpeg; the mean colour, and the size.
+rgb decode_jpeg(const uint8_t *data, size_t size, int *width, int *height) {
+  jpeg_decompress_struct cinfo;
+  jpeg_error_mgr err;
+  cinfo.err = jpeg_std_error(&err);
+  jpeg_create_decompress(&cinfo);
+  jpeg_mem_src(&cinfo, data, size);
+  jpeg_read_header(&cinfo, TRUE);
+  cinfo.out_color_space = JCS_RGB;
+  jpeg_start_decompress(&cinfo);
+  *width = static_cast<int>(cinfo.output_width);
+  *height = static_cast<int>(cinfo.output_height);
+  std::vector<uint8_t> pic(static_cast<size_t>(*width) * *height * 3);
+  while (cinfo.output_scanline < cinfo.output_height) {
+    JSAMPROW row = pic.data() + static_cast<size_t>(cinfo.output_scanline) * *width * 3;
+    jpeg_read_scanlines(&cinfo, &row, 1);
+  }
+  jpeg_finish_decompress(&cinfo);
+  jpeg_destroy_decompress(&cinfo);
+  return mean_colour(pic, *width, 0, 0, *width, *height);
+}
+
+class still_images : public engine_harness {
+ protected:
+  void check_jpeg(rgb colour, uint32_t port, uint32_t timestamp) {
+    ASSERT_NE(got.buf, nullptr);
+    EXPECT_EQ(got.words[0], port);
+    EXPECT_GT(got.words[1], 100u);
+    EXPECT_EQ(got.words[2], 160u);
+    EXPECT_EQ(got.words[3], 96u);
+    EXPECT_EQ(got.words[4], timestamp);
+    int w, h;
+    rgb c = decode_jpeg(static_cast<uint8_t *>(got.buf), got.words[1], &w, &h);
+    EXPECT_EQ(w, 160);
+    EXPECT_EQ(h, 96);
+    EXPECT_TRUE(near(c, ravel_synth::through_yuv(colour))) << str(c);
+    std::free(got.buf);
+    got.buf = nullptr;
+  }
+};
+
+TEST_F(still_images, JpegOfThePortsLatestPictureByRequestAndByPausedFrame) {
+  start(0);
+  EXPECT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), -1) << "no picture yet";
+  EXPECT_EQ(ravel_jpeg_enc(engine_, 18, 0, on_jpeg), -1);
+  EXPECT_EQ(ravel_jpeg_enc(engine_, 2, 0, nullptr), -1);
+  push_all(2, stream(kGreen, 3));
+  ASSERT_TRUE(handled(2, 3));
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 2, 1234), 0);
+  ASSERT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), 0);
+  ASSERT_TRUE(wait_calls(1));
+  check_jpeg(kGreen, 2, 1234);
+  // A paused-frame request: the time stamp set after the request is the one
+  // reported, and the pause serves it.
+  ASSERT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), 0);
+  ASSERT_EQ(ravel_set_jpeg_dstntimeimg(engine_, 2, 1, 2), 0);
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 2, 777), 0);
+  ASSERT_EQ(ravel_pause_frame(engine_, 2), 0);
+  ASSERT_TRUE(wait_calls(2));
+  check_jpeg(kGreen, 2, 777);
+  EXPECT_EQ(ravel_pause_frame(engine_, 2), 0) << "nothing waits: nothing to do";
+  EXPECT_EQ(ravel_pause_frame(engine_, 18), -1);
+}
+
+TEST_F(still_images, AJpegCallbackWithAFrameEncodesThatFrame) {
+  start(0);
+  auto green = stream(kGreen, 4);
+  auto purple = stream(kPurple, 2);
+  push_all(4, green);
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 4, 99), 0);
+  ASSERT_EQ(push(4, purple[0], on_jpeg), 0);
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 4, 100), 0);
+  ASSERT_TRUE(wait_calls(1));
+  check_jpeg(kPurple, 4, 99);
+  // A frame that can't be decoded still answers, with no picture.
+  test_frame cut;
+  cut.data.assign(purple[0]->data.begin(), purple[0]->data.begin() + purple[0]->data.size() / 2);
+  ASSERT_EQ(push(4, &cut, on_jpeg), 0);
+  ASSERT_TRUE(wait_calls(2));
+  EXPECT_EQ(got.buf, nullptr);
+  EXPECT_EQ(got.words[1], 0u);
+  ASSERT_TRUE(handled(4, 6));
+  EXPECT_EQ(stats(4).decode_errors, 1u);
+}
+
+TEST_F(still_images, AnImageCallbackGetsTheFrameAsYvyuAndItIsNotShown) {
+  start(0);
+  push_all(0, stream(kGreen, 3));
+  ASSERT_TRUE(handled(0, 3));
+  regions(0, {region(0, 0, 0, 1920, 1080)});
+  auto purple = stream(kPurple, 1);
+  ASSERT_EQ(push(0, purple[0], nullptr, on_image), 0);
+  ASSERT_TRUE(wait_calls(1));
+  ASSERT_NE(got.buf, nullptr);
+  // Y V Y U: the same Y twice, then the chroma of the purple picture.
+  const auto *p = static_cast<const uint8_t *>(got.buf);
+  int y = (66 * kPurple.r + 129 * kPurple.g + 25 * kPurple.b + 128) / 256 + 16;
+  int u = (-38 * kPurple.r - 74 * kPurple.g + 112 * kPurple.b + 128) / 256 + 128;
+  int v = (112 * kPurple.r - 94 * kPurple.g - 18 * kPurple.b + 128) / 256 + 128;
+  size_t mid = (48 * 160 + 80) * 2;
+  EXPECT_NEAR(p[mid], y, 3);
+  EXPECT_NEAR(p[mid + 1], v, 3);
+  EXPECT_NEAR(p[mid + 2], y, 3);
+  EXPECT_NEAR(p[mid + 3], u, 3);
+  g_free(got.buf);
+  // The port still shows its stream, and that stream goes on decoding.
+  int32_t w, h;
+  auto pic = display(0, &w, &h);
+  EXPECT_TRUE(near(mean_colour(pic, w, 0, 0, w, h), ravel_synth::through_yuv(kGreen)));
+  auto more = stream(kGreen, 3);
+  push_all(0, {more[1], more[2]});
+  ASSERT_TRUE(handled(0, 6));
+  EXPECT_EQ(stats(0).decode_errors, 0u);
+}
+
+TEST_F(still_images, AnImageCallbackForAnUndecodableFrameGetsNoPicture) {
+  start(0);
+  auto green = stream(kGreen, 2);
+  ASSERT_EQ(push(1, green[1], nullptr, on_image), 0) << "an inter frame alone";
+  ASSERT_TRUE(wait_calls(1));
+  EXPECT_EQ(got.buf, nullptr);
+  ASSERT_TRUE(handled(1, 1));
+}
+
+}  // namespace
+}  // namespace engine_test
