@@ -292,3 +292,21 @@ TEST(LumenSrc, CallbacksSeeFramesAndStreamCaps) {
   EXPECT_TRUE(s.caps.has(24, "video/x-h264"));
   gst_lumen_src_set_handoff_callback(h.src(), nullptr, nullptr);
 }
+
+// A network camera that doesn't answer: refused at once or lost soon after,
+// either way reported, and the camera can be opened again.
+TEST(LumenSrc, AnUnreachableNetworkCameraIsReportedAndCanBeOpenedAgain) {
+  lumen_harness h;
+  h.play();
+  events ev;
+  gst_lumen_src_set_cmd_callback(h.src(), &events::record, &ev);
+  g_object_set(h.src(), "channel", 4, "stream", 0, "uri", "rtsp://127.0.0.1:1/none", nullptr);
+  if (gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN) == 0) {
+    h.collect([&](const std::vector<frame> &) { return ev.has(4, "lost: "); });
+    EXPECT_TRUE(ev.has(4, "lost: "));
+  }
+  g_object_set(h.src(), "channel", 4, "stream", 0, "uri", nullptr, nullptr);
+  EXPECT_EQ(gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN), 0);
+  auto frames = h.collect(has_intra(4, 1));
+  EXPECT_GE(count_of(frames, 4, 1), 1u);
+}
