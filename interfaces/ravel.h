@@ -28,13 +28,17 @@ typedef struct ravel ravel_t;
 typedef void (*ravel_release_fn)(void *buffer);
 
 /* A finished JPEG.  `pbuf` points at the word that holds the address of the
- * JPEG data (released with free()); the five words are the engine's (see the
- * engine's own header for what the software engine puts there). */
+ * JPEG data (released with free()); the five words are the engine's.  The
+ * software engine (platform/ravel/ravel_soft.h) puts there: word1 the engine
+ * port, word2 the JPEG's size in bytes, word3 its width, word4 its height,
+ * word5 the port's time stamp from ravel_set_jpeg_timestamp; a NULL address
+ * (word2 0) when there was no picture to encode. */
 typedef void (*ravel_jpeg_cb)(void **pbuf, uint32_t word1, uint32_t word2, uint32_t word3,
                               uint32_t word4, uint32_t word5);
 
 /* A decoded picture, packed YVYU, released with g_free().  `pimage` points
- * at the word that holds its address. */
+ * at the word that holds its address (NULL in the software engine when the
+ * frame gave no picture); the picture has the frame's own size. */
 typedef void (*ravel_image_cb)(void **pimage);
 
 /* One region of a display: 11 signed words, 44 bytes. */

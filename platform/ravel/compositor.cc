@@ -185,6 +185,7 @@ void compositor::note_shown(int port, uint64_t seq) {
   if (seq > last_shown_[port]) {
     last_shown_[port] = seq;
     stats_.port[port].shown++;
+    stats_.port[port].last_shown_seq = seq;
   }
 }
 

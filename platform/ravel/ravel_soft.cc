@@ -20,6 +20,7 @@ int32_t ravel_soft_port_stats(ravel_t *engine, int32_t port, ravel_soft_port_sta
   out->decode_errors = c.decode_errors.load();
   out->skipped = c.skipped.load();
   out->released = c.released.load();
+  out->last_shown = c.last_shown_seq.load();
   ravel_soft::picture_ptr pic = engine->ports[port]->latest();
   out->width = pic ? pic->width() : 0;
   out->height = pic ? pic->height() : 0;

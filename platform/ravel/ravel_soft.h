@@ -82,6 +82,8 @@ typedef struct ravel_soft_port_stats {
   uint64_t decode_errors; /* damaged or truncated frames */
   uint64_t skipped;       /* frames passed over while waiting for an intra frame */
   uint64_t released;      /* buffers given back through the release function */
+  uint64_t last_shown;    /* the last picture that reached a display, counted from 1 in the
+                             order the port decoded its stream's pictures; 0 for none */
   int32_t width;          /* of the latest picture; 0 without one */
   int32_t height;
 } ravel_soft_port_stats_t;

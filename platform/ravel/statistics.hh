@@ -12,13 +12,14 @@ namespace ravel_soft {
 constexpr int kPorts = 18;
 
 struct port_counters {
-  std::atomic<uint64_t> accepted{0};       // frames taken into the port's queue
-  std::atomic<uint64_t> refused{0};        // frames refused (queue full, engine not running)
-  std::atomic<uint64_t> decoded{0};        // good pictures out of the decoder
-  std::atomic<uint64_t> shown{0};          // distinct pictures that reached a composed display
-  std::atomic<uint64_t> decode_errors{0};  // damaged frames, skipped
-  std::atomic<uint64_t> skipped{0};        // frames passed over while waiting for an intra frame
-  std::atomic<uint64_t> released{0};       // frame buffers given back
+  std::atomic<uint64_t> accepted{0};        // frames taken into the port's queue
+  std::atomic<uint64_t> refused{0};         // frames refused (queue full, engine not running)
+  std::atomic<uint64_t> decoded{0};         // good pictures out of the decoder
+  std::atomic<uint64_t> shown{0};           // distinct pictures that reached a composed display
+  std::atomic<uint64_t> decode_errors{0};   // damaged frames, skipped
+  std::atomic<uint64_t> skipped{0};         // frames passed over while waiting for an intra frame
+  std::atomic<uint64_t> released{0};        // frame buffers given back
+  std::atomic<uint64_t> last_shown_seq{0};  // sequence number of the last picture shown
 };
 
 class statistics {

@@ -36,19 +36,24 @@ yuv to_yuv(rgb c) {
   return {clamp(y), clamp(u), clamp(v)};
 }
 
-void paint(AVFrame *f, yuv c, int index, bool pattern) {
+void paint(AVFrame *f, yuv c, yuv right, int index, bool pattern) {
+  const int half = f->width / 2;
   for (int y = 0; y < f->height; y++) {
     uint8_t *row = f->data[0] + y * f->linesize[0];
     for (int x = 0; x < f->width; x++) {
       // A diagonal texture that moves by a few pixels a frame: real work for
       // motion search and the decoder, with the tint still dominant.
       int t = pattern ? (((x + y + 3 * index) & 31) - 16) + (((x * 7 + y * 13) ^ index) & 7) : 0;
-      row[x] = static_cast<uint8_t>(std::clamp(c.y + t, 16, 235));
+      row[x] = static_cast<uint8_t>(std::clamp((x < half ? c.y : right.y) + t, 16, 235));
     }
   }
   for (int y = 0; y < f->height / 2; y++) {
-    std::fill_n(f->data[1] + y * f->linesize[1], f->width / 2, c.u);
-    std::fill_n(f->data[2] + y * f->linesize[2], f->width / 2, c.v);
+    uint8_t *u = f->data[1] + y * f->linesize[1];
+    uint8_t *v = f->data[2] + y * f->linesize[2];
+    for (int x = 0; x < f->width / 2; x++) {
+      u[x] = x < half / 2 ? c.u : right.u;
+      v[x] = x < half / 2 ? c.v : right.v;
+    }
   }
 }
 
@@ -92,6 +97,7 @@ std::vector<frame> encode(rgb colour, const stream_options &opt) {
   if (av_frame_get_buffer(pic.get(), 0) < 0) return out;
   std::unique_ptr<AVPacket, packet_free> pkt(av_packet_alloc());
   const yuv c = to_yuv(colour);
+  const yuv right = opt.right != nullptr ? to_yuv(*opt.right) : c;
 
   auto drain = [&] {
     while (avcodec_receive_packet(ctx.get(), pkt.get()) == 0) {
@@ -104,7 +110,7 @@ std::vector<frame> encode(rgb colour, const stream_options &opt) {
   };
   for (int i = 0; i < opt.frames; i++) {
     if (av_frame_make_writable(pic.get()) < 0) return {};
-    paint(pic.get(), c, i, opt.pattern);
+    paint(pic.get(), c, right, i, opt.pattern);
     pic->pts = i;
     if (avcodec_send_frame(ctx.get(), pic.get()) < 0) return {};
     drain();

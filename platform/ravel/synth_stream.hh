@@ -15,9 +15,10 @@ struct stream_options {
   int width = 160;
   int height = 96;
   int frames = 10;
-  int gop = 10;          // an intra frame every `gop` frames
-  bool pattern = false;  // a moving texture instead of a flat colour (costs the decoder more)
-  int bitrate_kbps = 0;  // 0: constant quality
+  int gop = 10;                // an intra frame every `gop` frames
+  bool pattern = false;        // a moving texture instead of a flat colour (costs the decoder more)
+  int bitrate_kbps = 0;        // 0: constant quality
+  const rgb *right = nullptr;  // when set, the right half of the picture has this colour
 };
 
 struct frame {

@@ -76,6 +76,43 @@ TEST_F(compose, DisplayZeroTakesTheSizeOfItsFormatAndClipsRegions) {
   EXPECT_TRUE(near(mean_colour(d0, w, 0, 0, 380, 280), kBlack, 4));
 }
 
+TEST_F(compose, CropFieldsShowPartOfThePicture) {
+  start(0);
+  // Left half of the picture in one colour, right half in another.
+  ravel_synth::stream_options opt;
+  opt.width = 320;
+  opt.height = 180;
+  opt.frames = 2;
+  opt.right = &kColours[2];
+  for (auto &f : ravel_synth::encode(kColours[0], opt)) {
+    frames_.push_back(std::make_unique<test_frame>());
+    frames_.back()->data = std::move(f.data);
+    ASSERT_EQ(push(0, frames_.back().get()), 0);
+  }
+  ASSERT_TRUE(handled(0, 2));
+  // The crop is given in the layout space that stands for the whole
+  // picture: x 0..960 of 1920 is the left half.
+  auto cropped = [](int x, int y, int crop_x) {
+    ravel_region_t r = region(0, x, y, 960, 540);
+    r.crop_x = crop_x;
+    r.crop_y = 0;
+    r.crop_width = 960;
+    r.crop_height = 1080;
+    return r;
+  };
+  ravel_region_t beyond = cropped(960, 540, 5000);  // clamped to the picture's last columns
+  regions(0, {region(0, 0, 0, 960, 540), cropped(960, 0, 0), cropped(0, 540, 960), beyond});
+  int32_t w, h;
+  auto d0 = display(0, &w, &h);
+  auto left = ravel_synth::through_yuv(kColours[0]);
+  auto right = ravel_synth::through_yuv(kColours[2]);
+  EXPECT_TRUE(near(mean_colour(d0, w, 20, 20, 420, 500), left));
+  EXPECT_TRUE(near(mean_colour(d0, w, 500, 20, 420, 500), right));
+  EXPECT_TRUE(near(mean_colour(d0, w, 980, 20, 900, 500), left)) << "left half only";
+  EXPECT_TRUE(near(mean_colour(d0, w, 20, 560, 900, 500), right)) << "right half only";
+  EXPECT_TRUE(near(mean_colour(d0, w, 980, 560, 900, 500), right));
+}
+
 TEST_F(compose, AnEmptyListBlanksTheDisplayAndBadListsAreRefused) {
   start(0);
   push_all(0, stream(kColours[0], 2));
