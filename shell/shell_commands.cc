@@ -3,6 +3,7 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,10 @@
 #include "shell_internal.hh"
 
 shell_cmd_t *shell_cmd_list = nullptr;
+
+// Six words: the walk steps by the record's size and reads the magic first.
+static_assert(sizeof(shell_cmd_t) == 6 * sizeof(void *));
+static_assert(offsetof(shell_cmd_t, magic) == 0);
 
 // The library's own command, and the anchor of the walk through its section.
 SHELL_CMD(shell_cmd_help_record, "help", "Help command",

@@ -53,7 +53,7 @@ void zebshell(int port) {
       if (errno != last_error)
         g_warning("zebshell: accept on port %d failed: %s\n", port, g_strerror(errno));
       last_error = errno;
-      g_usleep(100 * 1000);
+      g_usleep(G_USEC_PER_SEC / 10);
       continue;
     }
     last_error = 0;
