@@ -37,6 +37,7 @@ gint collector::render(GstKelAppSink *sink, gpointer data) {
   gst_buffer_unref(b);
   {
     std::lock_guard<std::mutex> g(self->lock_);
+    self->steps_ += l.step ? 1 : 0;
     self->lists_.push_back(std::move(l));
   }
   self->cv_.notify_all();
@@ -51,6 +52,11 @@ std::vector<list_seen> collector::lists() const {
 size_t collector::count() const {
   std::lock_guard<std::mutex> g(lock_);
   return lists_.size();
+}
+
+size_t collector::steps() const {
+  std::lock_guard<std::mutex> g(lock_);
+  return steps_;
 }
 
 bool collector::wait_for(const std::function<bool(size_t)> &pred, double seconds) const {

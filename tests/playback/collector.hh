@@ -38,6 +38,8 @@ class collector {
   explicit collector(GstElement *sink);
   std::vector<list_seen> lists() const;
   size_t count() const;
+  // Lists that came marked as stepped frames.
+  size_t steps() const;
   // Waits until `pred(count)` holds, up to `seconds`.
   bool wait_for(const std::function<bool(size_t)> &pred, double seconds = 20) const;
 
@@ -46,6 +48,7 @@ class collector {
   mutable std::mutex lock_;
   mutable std::condition_variable cv_;
   std::vector<list_seen> lists_;
+  size_t steps_ = 0;
 };
 
 }  // namespace playback_test

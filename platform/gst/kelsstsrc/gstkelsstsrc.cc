@@ -142,6 +142,7 @@ struct GstKelSstSrc {
   guint64 sent_eos, sent_overlapped, sent_norecord;
   gint64 info_pos;  // position of the last info event, -1 none yet
   bool info_sent;   // any info since the plan
+  bool gap_sent;    // a gap since the plan, for a play with nothing to show
 };
 
 struct GstKelSstSrcClass {
@@ -482,6 +483,7 @@ void make_plan(GstKelSstSrc *self, const settings &s) {
   self->last_pos = 0;
   self->info_pos = -1;
   self->info_sent = false;
+  self->gap_sent = false;
 }
 
 // ---- segments, info events ----
@@ -686,6 +688,13 @@ again:
         open_rate > 0 && std::any_of(self->channels->begin(), self->channels->end(),
                                      [](const channel &c) { return c.waiting; });
     if (!may_grow) return GST_FLOW_EOS;
+    if (!self->gap_sent) {
+      // Nothing to show for now: let the sink preroll all the same, so that
+      // a state change to PLAYING completes.
+      self->gap_sent = true;
+      gst_pad_push_event(GST_BASE_SRC_PAD(self),
+                         gst_event_new_gap(static_cast<GstClockTime>(self->last_pos), 0));
+    }
     GST_OBJECT_LOCK(self);
     const gint64 until = g_get_monotonic_time() + G_USEC_PER_SEC / open_rate;
     while (!self->flushing && !self->plan_dirty && g_get_monotonic_time() < until)
