@@ -1,5 +1,9 @@
 // Frames into the ports: back-pressure, buffers given back exactly once,
 // damaged frames, and the engine's running state.
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
 #include "engine_harness.hh"
 
 namespace engine_test {
@@ -135,6 +139,30 @@ TEST_F(streams, FramesAreTakenOnlyWhileTheEngineRuns) {
   EXPECT_EQ(ravel_soft_wait_compose(engine_, 100), -1) << "a stopped engine composes nothing";
   for (int i = 0; i < 3; i++) EXPECT_EQ(frames[i]->releases.load(), 1);
   EXPECT_EQ(frames[3]->releases.load(), 0);
+}
+
+// Leaves three frames queued at a held port and exits: the engine's threads
+// must end and hand the buffers back on the way out.
+void exit_with_frames_queued() {
+  static std::atomic<int> gone{0};
+  int32_t formats[1] = {0};
+  ravel_t *e = ravel_new(
+      formats, 0, 16, 0, 0,
+      [](void *) {
+        if (++gone == 3) std::fprintf(stderr, "three buffers back\n");
+      },
+      0, 0, 0, 24, nullptr, 6, nullptr);
+  ravel_start(e);
+  ravel_soft_hold_port(e, 1, 1);
+  static uint8_t bytes[3][8] = {{0, 0, 0, 1, 0x65, 1, 2, 3}};
+  for (auto &b : bytes)
+    if (ravel_put_decode_stream(e, 1, b, b, 8, 0, nullptr, nullptr, 0, 0) != 0) std::abort();
+  std::exit(0);
+}
+
+TEST_F(streams, AtExitTheThreadsEndAndQueuedBuffersGoBack) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(exit_with_frames_queued(), ::testing::ExitedWithCode(0), "three buffers back");
 }
 
 TEST_F(streams, BadArgumentsAreRefused) {
