@@ -118,7 +118,7 @@ TEST_F(SstPlay, PauseHoldsNextStepsWithTheRenderReportStartResumes) {
   EXPECT_EQ(orlo_sst_pipe_get_timestamp(h), static_cast<uint64_t>(kStart + position));
 
   // Each next gives one stepped list and its render report.
-  uint64_t last = 0;
+  uint64_t last = 0, previous = 0;
   for (int step = 1; step <= 3; step++) {
     testing::internal::CaptureStdout();
     orlo_sst_pipe_next(h);
@@ -133,6 +133,10 @@ TEST_F(SstPlay, PauseHoldsNextStepsWithTheRenderReportStartResumes) {
     EXPECT_NE(orlo_sst_pipe_get_last_timestamp(h), last);
     last = orlo_sst_pipe_get_last_timestamp(h);
     EXPECT_GT(last, static_cast<uint64_t>(kStart));
+    if (step > 1) {
+      EXPECT_EQ(last - previous, static_cast<uint64_t>(kFrameNs));  // one frame per step
+    }
+    previous = last;
     EXPECT_NE(out.find("last render time 472222:13:"), std::string::npos) << out;
   }
   const size_t stepped = sink->count();
