@@ -196,6 +196,34 @@ TEST_F(SstPlay, RateIsASpeedFactor) {
   (void)t0;
 }
 
+TEST_F(SstPlay, HideChoosesTheIntraFrameAroundTheSearchTimeAndEndTimeBoundsThePlay) {
+  const int64_t search = kStart + 15 * kFrameNs, end = kStart + 20 * kFrameNs;
+  // hide 0: from the intra frame before the search time, to the end time.
+  orlo_sst_pipe_set_param(h, 1, 0, 0, 0, tv(0), tv(end), tv(search), 4, 15);
+  orlo_sst_pipe_start(h);
+  ASSERT_TRUE(wait_eos(15));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  for (const auto &[ch, frames] : by_channel(sink->lists())) {
+    ASSERT_EQ(frames.size(), 11u) << "channel " << ch;
+    EXPECT_EQ(frames.front().time, kStart + 10 * kFrameNs);
+    EXPECT_EQ(frames.back().time, end);
+  }
+  EXPECT_EQ(h->base_time, static_cast<uint64_t>(search));
+
+  // hide 1: from the first intra frame at or after it.
+  orlo_sst_pipe_stop(h);
+  const size_t before = sink->count();
+  orlo_sst_pipe_set_param(h, 1, 0, 0, 1, tv(0), tv(end), tv(search), 4, 1);
+  orlo_sst_pipe_start(h);
+  ASSERT_TRUE(sink->wait_for([&](size_t n) { return n > before; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const auto lists = sink->lists();
+  ASSERT_EQ(lists.size(), before + 1);
+  ASSERT_EQ(lists.back().frames.size(), 1u);
+  EXPECT_EQ(lists.back().frames[0].time, end);
+  EXPECT_EQ(lists.back().frames[0].ch, 0);
+}
+
 class SstPlayMissing : public SstPlay {
  protected:
   int channels() const override { return 3; }
