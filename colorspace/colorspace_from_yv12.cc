@@ -116,13 +116,11 @@ void yv12_to_yuv_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uin
   const Yv12Source s = yv12_source(y_src, u_src, v_src, y_stride, uv_stride, height);
   const ptrdiff_t d_pitch = dst_stride, c_pitch = dst_stride / 2;
   const int h2 = s.height / 2;
-  for (int r = 0; r < s.height; r++) std::memcpy(dst + r * d_pitch, s.y + r * s.y_pitch, width);
+  copy_rows(dst, d_pitch, s.y, s.y_pitch, width, s.height);
   uint8_t *u_dst = dst + s.height * d_pitch;
   uint8_t *v_dst = u_dst + h2 * c_pitch;
-  for (int r = 0; r < h2; r++) {
-    std::memcpy(u_dst + r * c_pitch, s.u + r * s.uv_pitch, width / 2);
-    std::memcpy(v_dst + r * c_pitch, s.v + r * s.uv_pitch, width / 2);
-  }
+  copy_rows(u_dst, c_pitch, s.u, s.uv_pitch, width / 2, h2);
+  copy_rows(v_dst, c_pitch, s.v, s.uv_pitch, width / 2, h2);
 }
 
 }  // extern "C"

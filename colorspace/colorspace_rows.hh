@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 
 namespace orlo::colorspace {
@@ -79,6 +80,18 @@ void set_vector_kernels_enabled(bool enabled);
 // Byte pitch as a signed size, so that row offsets never overflow int.
 inline ptrdiff_t pitch(int stride, int bytes_per_unit) {
   return static_cast<ptrdiff_t>(stride) * bytes_per_unit;
+}
+
+// Copies rows of bytes between planes; rows that lie back to back on both
+// sides go in one piece.
+inline void copy_rows(uint8_t *dst, ptrdiff_t dst_pitch, const uint8_t *src, ptrdiff_t src_pitch,
+                      int bytes, int rows) {
+  if (rows <= 0 || bytes <= 0) return;
+  if (dst_pitch == bytes && src_pitch == bytes) {
+    std::memcpy(dst, src, static_cast<size_t>(bytes) * rows);
+    return;
+  }
+  for (int r = 0; r < rows; r++) std::memcpy(dst + r * dst_pitch, src + r * src_pitch, bytes);
 }
 
 }  // namespace orlo::colorspace

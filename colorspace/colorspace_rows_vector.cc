@@ -456,14 +456,16 @@ void PackedToYv12(const uint8_t *a, const uint8_t *b, uint8_t *y0, uint8_t *y1, 
     }
     hn::StoreU(ya, d, y0 + x);
     hn::StoreU(yb, d, y1 + x);
-    hn::Vec<D8h> ua, va, ub, vb;
-    SplitPairs(ca, ua, va);
-    SplitPairs(cb, ub, vb);
-    const auto avg = [](hn::Vec<D8h> p, hn::Vec<D8h> q) {
-      return hn::Add(hn::And(p, q), hn::ShiftRight<1>(hn::Xor(p, q)));
-    };
-    hn::StoreU(kYuyv ? avg(ua, ub) : ua, D8h(), u + x / 2);
-    hn::StoreU(avg(va, vb), D8h(), v + x / 2);
+    // (p + q) >> 1 is the rounded average less the bit that rounding added.
+    const V8 avg = hn::Sub(hn::AverageRound(ca, cb), hn::And(hn::Xor(ca, cb), hn::Set(d, 1)));
+    hn::Vec<D8h> first, second;
+    SplitPairs(avg, first, second);
+    if constexpr (!kYuyv) {
+      hn::Vec<D8h> upper_v;
+      SplitPairs(ca, first, upper_v);
+    }
+    hn::StoreU(first, D8h(), u + x / 2);
+    hn::StoreU(second, D8h(), v + x / 2);
   }
   if (x < w) {
     const auto plain = kYuyv ? plain_row_kernels().yuyv_to_yv12 : plain_row_kernels().uyvy_to_yv12;

@@ -43,11 +43,6 @@ void bottom_up_to_yv12(ToYv12Row row, int bpp, uint8_t *y_out, uint8_t *u_out, u
   pairs_to_yv12(row, y_out, u_out, v_out, src + (height - 1) * step, -step, width, height, stride);
 }
 
-void copy_rows(uint8_t *dst, ptrdiff_t dst_pitch, const uint8_t *src, ptrdiff_t src_pitch,
-               int bytes, int rows) {
-  for (int r = 0; r < rows; r++) std::memcpy(dst + r * dst_pitch, src + r * src_pitch, bytes);
-}
-
 }  // namespace
 }  // namespace orlo::colorspace
 
