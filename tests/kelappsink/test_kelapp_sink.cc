@@ -222,7 +222,7 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     const GstKelAppSinkRenderCallbacks render_cbs = {on_eos, on_render, {}};
     const GstKelAppSinkCallbacks cbs = {nullptr, on_event, nullptr, on_report, {}};
     gst_kelapp_sink_set_render_callbacks(p.sink(), &render_cbs, &r, nullptr);
-    gst_kelapp_sink_set_callbacks(p.sink(), &cbs, &r, on_notify);
+    gst_kelapp_sink_set_callbacks(p.sink(), &cbs, &r, nullptr);
     p.play();
     p.push(numbered(0));
     GstBuffer *b = numbered(1);
@@ -237,8 +237,25 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
   }
   EXPECT_EQ(r.snapshot(),
             (std::vector<std::string>{"render 0", "render 1", "report 35", "play-info 1",
-                                      "render 2", "eos event", "eos", "notify"}));
+                                      "render 2", "eos event", "eos"}));
   EXPECT_NE(r.render_thread, r.caller);
+}
+
+TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirData) {
+  gst_init(nullptr, nullptr);
+  recorder first, second, render;
+  GstElement *sink =
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("kelappsink", nullptr)));
+  const GstKelAppSinkCallbacks cbs = {};
+  const GstKelAppSinkRenderCallbacks render_cbs = {};
+  gst_kelapp_sink_set_callbacks(GST_KELAPP_SINK(sink), &cbs, &first, on_notify);
+  gst_kelapp_sink_set_render_callbacks(GST_KELAPP_SINK(sink), &render_cbs, &render, on_notify);
+  gst_kelapp_sink_set_callbacks(GST_KELAPP_SINK(sink), &cbs, &second, on_notify);
+  EXPECT_EQ(first.snapshot(), std::vector<std::string>{"notify"});
+  EXPECT_TRUE(second.snapshot().empty());
+  gst_object_unref(sink);
+  EXPECT_EQ(second.snapshot(), std::vector<std::string>{"notify"});
+  EXPECT_EQ(render.snapshot(), std::vector<std::string>{"notify"});
 }
 
 TEST(KelAppSink, FlushReleasesQueuedBuffers) {

@@ -1,0 +1,150 @@
+// The push of one frame to one engine port: the port's gate and state, the
+// channel of its last intra frame, the retries, the playback timestamps and
+// the snapshot requests.
+#include <unistd.h>
+
+#include <atomic>
+
+#include "display_state.hh"
+#include "ref_ptr.hh"
+#include "shared_word.hh"
+#include "stream_delivery.hh"
+
+namespace {
+
+// The header channel of the last intra frame offered at each port.  Read and
+// written under the handle's `mutex`.
+int32_t last_intra_ch[ORLO_MAX_PORT];
+
+// Per playback port, exchanged with snapshot callers that hold no lock.  The
+// timestamps cover every port the accessors accept (0..31), not only the
+// engine's 18, so a value stored is a value read back.
+std::atomic<uint32_t> pb_timestamp[ORLO_MAX_PLAYBACK_CHANNEL];
+std::atomic<int32_t> pb_snapshot_port[ORLO_MAX_PLAYBACK_CHANNEL];
+
+constexpr int PUSH_ATTEMPTS = 21;
+constexpr useconds_t RETRY_SLEEP_US = 1000;
+
+bool is_engine_port(int port) { return port >= 0 && port < ORLO_MAX_PORT; }
+
+bool is_video_type(int type) {
+  return type == orlo::FRAME_INTER || type == orlo::FRAME_INTRA || type == orlo::FRAME_INTRA_B;
+}
+
+enum class push_kind { ordinary, playback };
+
+// Where the attempts go: a fixed port, or `main_port` read anew each round.
+struct target {
+  int port;
+  bool follows_main_port;
+
+  int current(orlo_display_t *h) const {
+    return follows_main_port ? orlo::load_word(h->main_port) : port;
+  }
+};
+
+int push(orlo_display_t *h, target to, const orlo::frame &f, push_kind kind) {
+  if (!is_video_type(f.type)) {
+    g_warning("Invalid Frame Type = %d\n", f.type);
+    return -1;
+  }
+  int port = to.current(h);
+  if (port == -1) return -1;  // no port: nothing is pushed
+  if (!is_engine_port(port)) {
+    g_warning("%s:%d: port %d is no engine port, frame of channel %d dropped\n", __func__, __LINE__,
+              port, f.channel);
+    return -1;
+  }
+  // The gate: a port that has lost step takes intra frames only.
+  const int32_t state = h->port_state[port];
+  if (state != 0 && !(state == 1 && f.type != orlo::FRAME_INTER)) return -1;
+
+  orlo::ref_ptr<GstBuffer> ref = orlo::ref(f.buffer);
+  if (kind == push_kind::playback) orlo_set_pb_timestamp(port, f.timestamp);
+  for (int attempt = 1;; attempt++) {
+    ravel_jpeg_cb jpeg_cb = nullptr;
+    if (kind == push_kind::playback && port < ORLO_MAX_PLAYBACK_CHANNEL &&
+        _check_pb_snapshot_port(static_cast<unsigned>(port))) {
+      ravel_set_jpeg_timestamp(g_engine, port, f.timestamp);
+      jpeg_cb = _cb_get_jpeg_image;
+    }
+    const int r =
+        _put_decode_stream(port, ref.get(), f.payload, f.size, jpeg_cb, nullptr, f.channel, f.type);
+    if (r == 0) {
+      h->port_state[port] = 0;
+      (void)ref.release();  // the engine gives it back through release
+      return 0;
+    }
+    if (r == -2) {
+      ref.reset();
+      h->port_state[port] = 1;
+      return -2;
+    }
+    usleep(RETRY_SLEEP_US);
+    const int next = to.current(h);
+    if (!is_engine_port(next)) break;  // main_port went away: fail at the last port
+    port = next;
+    if (attempt == PUSH_ATTEMPTS || h->port_state[port] == 1) break;
+    if (kind == push_kind::playback) orlo_set_pb_timestamp(port, f.timestamp);
+  }
+  g_warning("ravel push failed at port %d\n", port);
+  ref.reset();
+  h->port_state[port] = 1;
+  return -1;
+}
+
+}  // namespace
+
+int _put_decode_stream(int port, GstBuffer *buffer, const uint8_t *data, int size,
+                       ravel_jpeg_cb jpeg_cb, ravel_image_cb image_cb, int channel, int type) {
+  if (!is_engine_port(port)) {
+    g_warning("%s:%d: port %d is no engine port\n", __func__, __LINE__, port);
+    return -2;
+  }
+  if ((type & ~4) == orlo::FRAME_INTRA) {
+    last_intra_ch[port] = channel;
+  } else if (channel != last_intra_ch[port]) {
+    g_warning("previous ch(%d) is not matched with current ch(%d)\n", last_intra_ch[port], channel);
+    return -2;
+  }
+  const int32_t r =
+      ravel_put_decode_stream(g_engine, port, buffer, data, size, 0, jpeg_cb, image_cb, 0, 0);
+  return r < 0 ? -1 : 0;
+}
+
+void _enable_pb_snapshot_port(unsigned ch, int value) {
+  g_return_if_fail(ch < ORLO_MAX_PLAYBACK_CHANNEL);
+  pb_snapshot_port[ch].store(value);
+}
+
+bool _check_pb_snapshot_port(unsigned ch) {
+  g_return_val_if_fail(ch < ORLO_MAX_PLAYBACK_CHANNEL, false);
+  int32_t expected = 1;
+  return pb_snapshot_port[ch].compare_exchange_strong(expected, 0);
+}
+
+extern "C" ORLO_API uint32_t orlo_get_pb_timestamp(int port) {
+  if (port < 0 || port >= ORLO_MAX_PLAYBACK_CHANNEL) return 0;
+  return pb_timestamp[port].load(std::memory_order_relaxed);
+}
+
+extern "C" ORLO_API void orlo_set_pb_timestamp(int port, uint32_t timestamp) {
+  if (port < 0 || port >= ORLO_MAX_PLAYBACK_CHANNEL) return;
+  pb_timestamp[port].store(timestamp, std::memory_order_relaxed);
+}
+
+namespace orlo {
+
+int push_frame(orlo_display_t *h, int port, const frame &f) {
+  return push(h, {port, false}, f, push_kind::ordinary);
+}
+
+int push_frame_to_main_port(orlo_display_t *h, const frame &f) {
+  return push(h, {-1, true}, f, push_kind::ordinary);
+}
+
+int push_playback_frame(orlo_display_t *h, int port, const frame &f) {
+  return push(h, {port, false}, f, push_kind::playback);
+}
+
+}  // namespace orlo
