@@ -1,0 +1,50 @@
+// Shared pieces of the still-image tests.
+#pragma once
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "fake_engine.hh"
+#include "kel_buffers.h"
+#include "orlo_display.h"
+
+namespace still {
+
+inline orlo_display_t *make_display() {
+  static const int32_t formats[] = {0};
+  return orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
+}
+
+// A frame buffer with the 24-byte header and `size` payload bytes.
+inline GstBuffer *make_frame(int channel, int type, int size, uint32_t timestamp = 0) {
+  GstBuffer *b = gst_kel_buddy_buffer_new(24 + static_cast<gsize>(size));
+  uint8_t *d = gst_kel_buddy_buffer_get_meta(b)->data;
+  d[0] = static_cast<uint8_t>(channel);
+  const uint32_t s = static_cast<uint32_t>(size);
+  std::memcpy(d + 4, &s, 4);
+  d[8] = static_cast<uint8_t>(type);
+  std::memcpy(d + 12, &timestamp, 4);
+  for (int i = 0; i < size; i++) d[24 + i] = static_cast<uint8_t>(i);
+  return b;
+}
+
+// Counts the finalisation of a buffer.
+struct finalize_counter {
+  int finalized = 0;
+  static void notify(gpointer self, GstMiniObject *) {
+    static_cast<finalize_counter *>(self)->finalized++;
+  }
+  void watch(GstBuffer *b) { gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(b), notify, this); }
+};
+
+// Runs `fn` on a thread of its own after `delay`, as an engine would.
+template <typename Fn>
+void later(std::chrono::milliseconds delay, Fn fn) {
+  std::thread([delay, fn] {
+    std::this_thread::sleep_for(delay);
+    fn();
+  }).detach();
+}
+
+}  // namespace still
