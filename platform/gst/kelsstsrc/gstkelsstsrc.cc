@@ -709,8 +709,16 @@ again:
       list = next_group(self);
     }
   }
+  if (step) {
+    // A step goes out of clock: the sink renders it at once, and its
+    // position, which it never reports beyond the last buffer, stands at
+    // this frame however far the clock has got.
+    const gint64 now = running_now(self);
+    new_segment(self, self->last_pos, 0);
+    self->last_running = now;
+    GST_BUFFER_FLAG_SET(list, GST_KELAPP_SINK_BUFFER_FLAG_STEP);
+  }
   if (info_due(self, vtick)) push_info(self, pr_id);
-  if (step) GST_BUFFER_FLAG_SET(list, GST_KELAPP_SINK_BUFFER_FLAG_STEP);
   *out = list;
   return GST_FLOW_OK;
 }

@@ -1,0 +1,165 @@
+// Recorded channels through a playback pipe bound at sink index 1, into the
+// render worker's playback dispatch and the recording engine.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "collector.hh"
+#include "fake_engine.hh"
+#include "kel_buffers.h"
+#include "orlo_display.h"
+#include "orlo_sst_pipe.h"
+#include "recordings.hh"
+
+namespace {
+
+using namespace playback_test;
+using clock_type = std::chrono::steady_clock;
+
+constexpr int kFrames = 50;
+
+struct put_seen {
+  int port;
+  frame_seen frame;
+  clock_type::time_point at;
+};
+
+class SstDispatch : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gst_init(nullptr, nullptr);
+    for (int ch = 0; ch < 4; ch++) ASSERT_TRUE(record_channel(folder.path(), ch, kFrames));
+    fake_engine::script("ravel_put_decode_stream", [this](const fake_engine::call &c) -> int64_t {
+      GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(c.buffer));
+      std::lock_guard<std::mutex> g(lock);
+      if (m != nullptr)
+        puts.push_back({static_cast<int>(c.args[1]), read_header(m->data), clock_type::now()});
+      return 0;
+    });
+    const int32_t formats[] = {0};
+    display = orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
+    ASSERT_NE(display, nullptr);
+    // Channels 0..3 of the playback sink: slots 48..51, ports 4..7.
+    orlo_decode_cfg_t table[ORLO_MAX_SLOT] = {};
+    for (int ch = 0; ch < 4; ch++) {
+      table[48 + ch].port = 4 + ch;
+      table[48 + ch].enable = 1;
+    }
+    ASSERT_EQ(orlo_display_decode_change(display, table), 0);
+    h = orlo_sst_pipe_new();
+    ASSERT_NE(h, nullptr);
+    g_object_set(h->src, "location", folder.path().c_str(), nullptr);
+    ASSERT_EQ(orlo_display_bind_src_pipe(display, orlo_sst_pipe_get_kelappsink(h), 1), 0);
+  }
+  void TearDown() override {
+    if (h == nullptr) return;
+    orlo_sst_pipe_stop(h);
+    orlo_sst_pipe_delete(h);
+  }
+
+  std::vector<put_seen> seen() {
+    std::lock_guard<std::mutex> g(lock);
+    return puts;
+  }
+  bool wait_puts(size_t n, double seconds = 20) {
+    const auto until = clock_type::now() + std::chrono::duration<double>(seconds);
+    while (seen().size() < n && clock_type::now() < until)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return seen().size() >= n;
+  }
+  bool wait_eos() {
+    const auto until = clock_type::now() + std::chrono::seconds(20);
+    while (orlo_sst_pipe_get_eos_mask(h) != 15 && clock_type::now() < until)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return orlo_sst_pipe_get_eos_mask(h) == 15;
+  }
+
+  temp_folder folder;
+  orlo_display_t *display = nullptr;
+  orlo_sst_pipe_t *h = nullptr;
+  std::mutex lock;
+  std::vector<put_seen> puts;
+};
+
+TEST_F(SstDispatch, FramesReachTheirPortsInOrderPacedByTheClock) {
+  orlo_sst_pipe_set_param(h, 1, 0, 0, 1, {0, 0}, {0, 0}, {0, 0}, 4, 15);
+  orlo_sst_pipe_start(h);
+  ASSERT_TRUE(wait_eos());
+  ASSERT_TRUE(wait_puts(4 * kFrames));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const auto all = seen();
+  EXPECT_EQ(all.size(), static_cast<size_t>(4 * kFrames));
+  std::map<int, std::vector<put_seen>> ports;
+  for (const auto &p : all) ports[p.port].push_back(p);
+  ASSERT_EQ(ports.size(), 4u);
+  for (const auto &[port, list] : ports) {
+    ASSERT_EQ(list.size(), static_cast<size_t>(kFrames));
+    EXPECT_EQ(list.front().frame.type, 1);
+    for (size_t i = 0; i < list.size(); i++) {
+      EXPECT_EQ(list[i].frame.ch, port - 4);
+      if (i > 0) {
+        EXPECT_EQ(list[i].frame.time - list[i - 1].frame.time, kFrameNs);
+      }
+    }
+    const double span = std::chrono::duration<double>(list.back().at - list.front().at).count();
+    EXPECT_GE(span, (kFrames - 1) * 0.04 * 0.9);
+  }
+  EXPECT_EQ(h->base_time, static_cast<uint64_t>(kStart));
+}
+
+TEST_F(SstDispatch, PauseHoldsNextStepsOneFrameAChannelStartResumes) {
+  orlo_sst_pipe_set_param(h, 1, 0, 0, 1, {0, 0}, {0, 0}, {0, 0}, 4, 15);
+  orlo_sst_pipe_start(h);
+  ASSERT_TRUE(wait_puts(20));
+  orlo_sst_pipe_pause(h);
+  gst_element_get_state(h->pipeline, nullptr, nullptr, 5 * GST_SECOND);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  size_t held = seen().size();
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));
+  EXPECT_EQ(seen().size(), held);
+
+  orlo_sst_pipe_next(h);  // the frame held by the paused sink, then the step
+  const auto until = clock_type::now() + std::chrono::seconds(10);
+  while (orlo_sst_pipe_get_last_timestamp(h) == 0 && clock_type::now() < until)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  held = seen().size();
+  for (int step = 0; step < 3; step++) {
+    const uint64_t before = orlo_sst_pipe_get_last_timestamp(h);
+    orlo_sst_pipe_next(h);
+    ASSERT_TRUE(wait_puts(held + 4, 10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(seen().size(), held + 4);  // one frame of each channel
+    const auto all = seen();
+    for (size_t i = held; i < all.size(); i++) EXPECT_EQ(all[i].frame.time, all[held].frame.time);
+    EXPECT_EQ(orlo_sst_pipe_get_last_timestamp(h), before + kFrameNs);
+    held = all.size();
+  }
+  orlo_sst_pipe_start(h);
+  ASSERT_TRUE(wait_puts(held + 20));
+}
+
+TEST_F(SstDispatch, BackwardDeliversIntraFramesOnlyInDecreasingTime) {
+  orlo_sst_pipe_set_param(h, 1, 1, 0, 1, {0, 0}, {0, 0}, {0, 0}, 4, 15);
+  orlo_sst_pipe_start(h);
+  ASSERT_TRUE(wait_eos());
+  ASSERT_TRUE(wait_puts(4 * 5));
+  std::map<int, std::vector<put_seen>> ports;
+  for (const auto &p : seen()) ports[p.port].push_back(p);
+  for (const auto &[port, list] : ports) {
+    ASSERT_EQ(list.size(), 5u);
+    for (size_t i = 0; i < list.size(); i++) {
+      EXPECT_EQ(list[i].frame.type, 1);
+      if (i > 0) {
+        EXPECT_LT(list[i].frame.time, list[i - 1].frame.time);
+      }
+    }
+  }
+  EXPECT_EQ(h->direction, 1);
+  EXPECT_EQ(h->base_time, static_cast<uint64_t>(kStart + (kFrames - 1) * kFrameNs));
+}
+
+}  // namespace
