@@ -228,6 +228,9 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     GstBuffer *b = numbered(1);
     GST_BUFFER_FLAG_SET(b, GST_KELAPP_SINK_BUFFER_FLAG_STEP);
     p.push(b);
+    // appsrc queues buffers on a thread of its own, and an event sent to it
+    // would overtake the ones still queued: send it once both have rendered.
+    ASSERT_TRUE(wait_for([&] { return r.snapshot().size() >= 3; }));
     GstStructure *s = gst_structure_new("KELPlayInfo", "direction", G_TYPE_INT, 1, nullptr);
     ASSERT_TRUE(
         gst_element_send_event(p.src(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s)));
