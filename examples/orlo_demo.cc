@@ -20,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kel_buffers.h"
@@ -321,6 +322,8 @@ int take_thumbnail(demo &d, int ch) {
     report("orlo-demo: thumbnail of channel %d failed", ch);
     return -1;
   }
+  // The library's RGB24 is stored blue first; PPM wants red first.
+  for (size_t i = 0; i + 2 < rgb.size(); i += 3) std::swap(rgb[i], rgb[i + 2]);
   char name[64], head[64];
   snprintf(name, sizeof name, "thumbnail-ch%d.ppm", ch);
   snprintf(head, sizeof head, "P6\n%d %d\n255\n", w, h);
