@@ -9,4 +9,6 @@ preset=release
 bash scripts/install-deps.sh
 cmake --preset "$preset"
 cmake --build --preset "$preset"
-ctest --preset "$preset" -j2
+# A case that fails is run again up to twice before it counts as failed: the
+# machine is shared and a few end-to-end cases depend on the scheduler.
+ctest --preset "$preset" -j2 --repeat until-pass:3
