@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "colorspace.h"
+#include "display_format.hh"
 #include "display_state.hh"
 #include "glib_lock.hh"
 #include "shared_word.hh"
@@ -21,45 +22,6 @@ namespace orlo {
 
 void release_frame(void *buffer) { gst_mini_object_unref(GST_MINI_OBJECT_CAST(buffer)); }
 
-namespace {
-
-struct display_size {
-  int width;
-  int height;
-};
-
-// The size of the first display for a format number; {0, 0} when the number
-// is not supported.
-display_size size_of_format(int32_t format) {
-  switch (format) {
-    case 0:
-    case 1:
-    case 9:
-    case 11:
-      return {1920, 1080};
-    case 3:
-    case 10:
-    case 15:
-      return {1280, 720};
-    case 4:
-    case 13:
-      return {1280, 1024};
-    case 6:
-    case 17:
-      return {800, 600};
-    case 18:
-    case 19:
-      return {640, 480};
-    case 7:
-      return {720, 576};
-    case 8:
-      return {720, 480};
-    default:
-      return {0, 0};
-  }
-}
-
-}  // namespace
 }  // namespace orlo
 
 extern "C" ORLO_API orlo_display_t *orlo_display_new(const int32_t *formats, int32_t engine_opt,

@@ -57,8 +57,8 @@ int _get_snapshot_port(int ch, int dispmode) {
       port = ch;
       break;
   }
-  g_message("%s : %d : dispmode : %d, snapshot ch : %d\n", "_get_snapshot_port", __LINE__,
-            dispmode, port);
+  g_message("%s : %d : dispmode : %d, snapshot ch : %d\n", "_get_snapshot_port", __LINE__, dispmode,
+            port);
   return port;
 }
 
@@ -93,7 +93,8 @@ extern "C" ORLO_API int orlo_display_get_jpeg_snapshot(orlo_display_t *h_display
     case 0:
     case 1: {
       ravel_set_jpeg_dstntimeimg(g_engine, ch, dstn, timeimg);
-      const int32_t ret = ravel_jpeg_enc(g_engine, ch, static_cast<int32_t>(mode), _cb_get_jpeg_image);
+      const int32_t ret =
+          ravel_jpeg_enc(g_engine, ch, static_cast<int32_t>(mode), _cb_get_jpeg_image);
       if (ret == -1) {
         g_warning("%s: %d : ravel_jpeg_enc failed ret : %d\n", self, __LINE__, ret);
         return -1;

@@ -7,46 +7,13 @@
 
 #include <cstring>
 
+#include "display_format.hh"
 #include "engine.hh"
 #include "log_domain.hh"
 
 namespace {
 
-struct display_size {
-  int width;
-  int height;
-};
-
-// The size of display 0 for a display format number, as the device's
-// outputs know them.
-display_size size_of_format(int32_t format) {
-  switch (format) {
-    case 0:
-    case 1:
-    case 9:
-    case 11:
-      return {1920, 1080};
-    case 3:
-    case 10:
-    case 15:
-      return {1280, 720};
-    case 4:
-    case 13:
-      return {1280, 1024};
-    case 6:
-    case 17:
-      return {800, 600};
-    case 18:
-    case 19:
-      return {640, 480};
-    case 7:
-      return {720, 576};
-    case 8:
-      return {720, 480};
-    default:
-      return {0, 0};
-  }
-}
+using orlo::size_of_format;
 
 // One engine per process.  At exit its threads end, but its memory stays to
 // the end: a thread of the application that still pushes a frame while the
@@ -103,7 +70,7 @@ ravel_t *ravel_new(const int32_t *formats, int32_t, int32_t ch_count, int32_t, i
     return nullptr;
   }
   if (keeper.engine) return keeper.engine.get();
-  display_size size = size_of_format(formats[0]);
+  orlo::display_size size = size_of_format(formats[0]);
   if (size.width == 0) {
     // The caller refuses such a format itself; the engine still comes up.
     g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
