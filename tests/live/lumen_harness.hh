@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,6 +25,22 @@ struct frame {
   GstClockTime list_pts;
   bool header_ok;  // the header's size agrees with the buffer's
 };
+
+// Runs a launch line to its end; false on an error or a time-out.
+inline bool run_to_eos(const std::string &launch) {
+  GstElement *p = gst_parse_launch(launch.c_str(), nullptr);
+  if (p == nullptr) return false;
+  gst_element_set_state(p, GST_STATE_PLAYING);
+  GstBus *bus = gst_element_get_bus(p);
+  GstMessage *m = gst_bus_timed_pop_filtered(
+      bus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  const bool ok = m != nullptr && GST_MESSAGE_TYPE(m) == GST_MESSAGE_EOS;
+  if (m != nullptr) gst_message_unref(m);
+  gst_object_unref(bus);
+  gst_element_set_state(p, GST_STATE_NULL);
+  gst_object_unref(p);
+  return ok;
+}
 
 class lumen_harness {
  public:
@@ -60,12 +77,9 @@ class lumen_harness {
         for (GList *l = m->list; l != nullptr; l = l->next) {
           GstKelBuddyMeta *b = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
           if (b == nullptr) continue;
-          frame f{};
-          f.ch = b->data[0];
-          f.type = b->data[8];
+          frame f{b->data[0], b->data[8], 0, 0, GST_BUFFER_PTS(list), false};
           memcpy(&f.size, b->data + 4, 4);
           memcpy(&f.seq, b->data + 16, 4);
-          f.list_pts = GST_BUFFER_PTS(list);
           f.header_ok = b->size == 24 + static_cast<gsize>(f.size);
           frames.push_back(f);
         }
@@ -74,7 +88,6 @@ class lumen_harness {
     }
     return frames;
   }
-  // Collects for a fixed time.
   std::vector<frame> collect_for(std::chrono::milliseconds span) {
     return collect([](const std::vector<frame> &) { return false; }, span);
   }

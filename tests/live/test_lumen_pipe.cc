@@ -3,12 +3,10 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -27,38 +25,27 @@ namespace {
 struct render_counter {
   std::mutex lock;
   std::vector<std::pair<int, int>> frames;  // channel, type
-  std::atomic<int> lists{0};
 
-  static gint render(GstKelAppSink *sink, gpointer self) {
-    auto *c = static_cast<render_counter *>(self);
-    GstBuffer *b = gst_kelapp_sink_pull_buffer(sink);
-    if (b == nullptr) return 0;
-    if (GstKelListMeta *m = gst_kel_list_buffer_get_meta(b)) {
-      std::lock_guard<std::mutex> g(c->lock);
-      for (GList *l = m->list; l != nullptr; l = l->next)
-        if (auto *f = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data)))
-          c->frames.emplace_back(f->data[0], f->data[8]);
-    }
-    ++c->lists;
-    gst_buffer_unref(b);
-    return 0;
-  }
-  void attach(GstElement *sink) {
+  explicit render_counter(GstElement *sink) {
     GstKelAppSinkRenderCallbacks cbs{};
-    cbs.render = &render_counter::render;
+    cbs.render = [](GstKelAppSink *sink, gpointer self) -> gint {
+      auto *c = static_cast<render_counter *>(self);
+      GstBuffer *b = gst_kelapp_sink_pull_buffer(sink);
+      if (b == nullptr) return 0;
+      if (GstKelListMeta *m = gst_kel_list_buffer_get_meta(b)) {
+        std::lock_guard<std::mutex> g(c->lock);
+        for (GList *l = m->list; l != nullptr; l = l->next)
+          if (auto *f = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data)))
+            c->frames.emplace_back(f->data[0], f->data[8]);
+      }
+      gst_buffer_unref(b);
+      return 0;
+    };
     gst_kelapp_sink_set_render_callbacks(GST_KELAPP_SINK(sink), &cbs, this, nullptr);
-  }
-  std::set<int> channels() {
-    std::lock_guard<std::mutex> g(lock);
-    std::set<int> s;
-    for (auto &[ch, type] : frames) s.insert(ch);
-    return s;
   }
   size_t count(int ch, int type) {
     std::lock_guard<std::mutex> g(lock);
-    size_t n = 0;
-    for (auto &[c, t] : frames) n += c == ch && t == type;
-    return n;
+    return static_cast<size_t>(std::count(frames.begin(), frames.end(), std::make_pair(ch, type)));
   }
   void clear() {
     std::lock_guard<std::mutex> g(lock);
@@ -68,10 +55,7 @@ struct render_counter {
   template <typename F>
   bool wait_for(F &&ok, std::chrono::seconds limit = 20s) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-      if (ok()) return true;
-      std::this_thread::sleep_for(20ms);
-    }
+    while (!ok() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(20ms);
     return ok();
   }
 };
@@ -102,6 +86,13 @@ class LumenPipe : public ::testing::Test {
   void SetUp() override { gst_init(nullptr, nullptr); }
 };
 
+template <typename T>
+T get(GstElement *e, const char *name) {
+  T v{};
+  g_object_get(e, name, &v, nullptr);
+  return v;
+}
+
 }  // namespace
 
 TEST_F(LumenPipe, NewGivesTheBuiltPipelineWithTheSinkSettingsAndNotPlaying) {
@@ -116,16 +107,11 @@ TEST_F(LumenPipe, NewGivesTheBuiltPipelineWithTheSinkSettingsAndNotPlaying) {
     EXPECT_STREQ(GST_OBJECT_NAME(p->kelappsink), "lumen_app_sink");
     EXPECT_EQ(GST_OBJECT_PARENT(p->src), GST_OBJECT(p->pipeline));
 
-    gboolean sync = TRUE, drop = FALSE;
-    guint max_buffers = 0;
-    gint priority = 0;
-    GstCaps *caps = nullptr;
-    g_object_get(p->kelappsink, "sync", &sync, "drop", &drop, "max-buffers", &max_buffers,
-                 "priority", &priority, "caps", &caps, nullptr);
-    EXPECT_FALSE(sync);
-    EXPECT_TRUE(drop);
-    EXPECT_EQ(max_buffers, 3u);
-    EXPECT_EQ(priority, 99);
+    EXPECT_FALSE(get<gboolean>(p->kelappsink, "sync"));
+    EXPECT_TRUE(get<gboolean>(p->kelappsink, "drop"));
+    EXPECT_EQ(get<guint>(p->kelappsink, "max-buffers"), 3u);
+    EXPECT_EQ(get<gint>(p->kelappsink, "priority"), 99);
+    GstCaps *caps = get<GstCaps *>(p->kelappsink, "caps");
     ASSERT_NE(caps, nullptr);
     gchar *text = gst_caps_to_string(caps);
     EXPECT_STREQ(text, "video/x-h264");
@@ -138,68 +124,10 @@ TEST_F(LumenPipe, NewGivesTheBuiltPipelineWithTheSinkSettingsAndNotPlaying) {
   }
 }
 
-TEST_F(LumenPipe, StartStopStartOnOnePipeCarriesFramesEachTime) {
-  orlo_lumen_pipe_t *p = orlo_lumen_pipe_new(4);
-  ASSERT_NE(p, nullptr);
-  GstElement *pipeline = p->pipeline;
-  render_counter rc;
-  rc.attach(orlo_lumen_pipe_get_kelappsink(p));
-  g_object_set(p->src, "width", 160, "height", 96, "key-interval", 5, nullptr);
-
-  // open_ch passes 0 as the element's third argument: both streams.
-  ASSERT_EQ(orlo_lumen_pipe_open_ch(p, 1), 0);
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(orlo_lumen_pipe_start(p), 0);
-    EXPECT_EQ(state_of(pipeline), GST_STATE_PLAYING) << "round " << round;
-    EXPECT_TRUE(rc.wait_for([&] { return rc.count(1, 1) >= 2 && rc.count(17, 1) >= 2; }))
-        << "round " << round;
-    EXPECT_EQ(orlo_lumen_pipe_stop(p), 0);
-    EXPECT_EQ(state_of(pipeline), GST_STATE_NULL);
-    rc.clear();
-  }
-  EXPECT_EQ(p->pipeline, pipeline) << "no new build";
-  EXPECT_EQ(orlo_lumen_pipe_close_ch(p, 1), 0);
-  EXPECT_EQ(orlo_lumen_pipe_close_ch(p, 1), -1) << "the element's result comes back";
-  orlo_lumen_pipe_delete(p);
-}
-
-TEST_F(LumenPipe, RequestsReachTheElement) {
-  orlo_lumen_pipe_t *p = orlo_lumen_pipe_new(4);
-  ASSERT_NE(p, nullptr);
-  render_counter rc;
-  rc.attach(p->kelappsink);
-  g_object_set(p->src, "width", 160, "height", 96, "key-interval", 5, "streams",
-               LUMEN_SRC_OPEN_MAIN, nullptr);
-  orlo_lumen_pipe_start(p);
-  ASSERT_EQ(orlo_lumen_pipe_open_ch(p, 0), 0);
-  ASSERT_EQ(orlo_lumen_pipe_open_ch(p, 2), 0);
-  ASSERT_TRUE(rc.wait_for([&] { return rc.count(0, 0) >= 4 && rc.count(2, 0) >= 4; }));
-
-  orlo_lumen_pipe_pause_ch(p, 0, 0);
-  orlo_lumen_pipe_i_only_req(p, 2);
-  std::this_thread::sleep_for(300ms);
-  rc.clear();
-  ASSERT_TRUE(rc.wait_for([&] { return rc.count(2, 1) >= 3; }));
-  EXPECT_EQ(rc.count(0, 0) + rc.count(0, 1), 0u) << "paused";
-  EXPECT_EQ(rc.count(2, 0), 0u) << "intra frames only";
-
-  orlo_lumen_pipe_resume_ch(p, 0, 0);
-  EXPECT_TRUE(rc.wait_for([&] { return rc.count(0, 1) >= 1 && rc.count(0, 0) >= 2; }));
-
-  // Calls for every source of the process: the handle isn't read.
-  EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(nullptr, 2), 0);
-  EXPECT_TRUE(rc.wait_for([&] { return rc.count(2, 10) >= 2; }));
-  EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(reinterpret_cast<orlo_lumen_pipe_t *>(0x10), -1), 0);
-  EXPECT_EQ(orlo_lumen_pipe_set_dev_mac(nullptr, "\x00\x01\x02\x03\x04\x05", 6), 0);
-  EXPECT_EQ(orlo_lumen_pipe_send_audio(p, 2, "pcm!", 4), 4);
-  EXPECT_EQ(orlo_lumen_pipe_set_cmd_callback(p, nullptr, nullptr), 0);
-  EXPECT_EQ(orlo_lumen_pipe_set_src_handoff(p, nullptr, nullptr), 0);
-
-  orlo_lumen_pipe_stop(p);
-  orlo_lumen_pipe_delete(p);
-}
-
-TEST_F(LumenPipe, DeleteFreesTheRecordAndLeavesTheThreadParked) {
+// One pipe through its life: start, stop and start again without a new
+// build, the requests forwarded on the way, then a delete that leaves the
+// pipeline thread parked in its loop.
+TEST_F(LumenPipe, StartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) {
   testing_support::log_capture log;
   orlo_lumen_pipe_delete(nullptr);
   EXPECT_TRUE(log.has(G_LOG_LEVEL_CRITICAL,
@@ -208,8 +136,47 @@ TEST_F(LumenPipe, DeleteFreesTheRecordAndLeavesTheThreadParked) {
   orlo_lumen_pipe_t *p = orlo_lumen_pipe_new(4);
   ASSERT_NE(p, nullptr);
   GstElement *pipeline = p->pipeline;
-  orlo_lumen_pipe_start(p);
-  orlo_lumen_pipe_stop(p);
+  render_counter rc(orlo_lumen_pipe_get_kelappsink(p));
+  g_object_set(p->src, "width", 160, "height", 96, "key-interval", 5, nullptr);
+  // open_ch passes 0 as the element's third argument: both streams, 1 and 17.
+  ASSERT_EQ(orlo_lumen_pipe_open_ch(p, 1), 0);
+  for (int round = 0; round < 2; ++round) {
+    rc.clear();
+    EXPECT_EQ(orlo_lumen_pipe_start(p), 0);
+    EXPECT_EQ(state_of(pipeline), GST_STATE_PLAYING) << "round " << round;
+    ASSERT_TRUE(rc.wait_for([&] { return rc.count(1, 1) >= 2 && rc.count(17, 1) >= 2; }))
+        << "round " << round;
+    if (round == 0) {
+      EXPECT_EQ(orlo_lumen_pipe_stop(p), 0);
+      EXPECT_EQ(state_of(pipeline), GST_STATE_NULL);
+    }
+  }
+  EXPECT_EQ(p->pipeline, pipeline) << "no new build";
+
+  orlo_lumen_pipe_pause_ch(p, 1, 0);
+  orlo_lumen_pipe_i_only_req(p, 17);
+  std::this_thread::sleep_for(300ms);  // what was under way when the requests came
+  rc.clear();
+  ASSERT_TRUE(rc.wait_for([&] { return rc.count(17, 1) >= 3; }));
+  EXPECT_EQ(rc.count(1, 0) + rc.count(1, 1), 0u) << "paused";
+  EXPECT_EQ(rc.count(17, 0), 0u) << "intra frames only";
+  orlo_lumen_pipe_resume_ch(p, 1, 0);
+  orlo_lumen_pipe_i_only_req(p, -1);
+  EXPECT_TRUE(rc.wait_for([&] { return rc.count(1, 1) >= 1 && rc.count(1, 0) >= 2; }));
+  EXPECT_TRUE(rc.wait_for([&] { return rc.count(17, 0) >= 2; })) << "intra-only ended";
+
+  // Calls for every source of the process: the handle isn't read.
+  EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(nullptr, 1), 0);
+  EXPECT_TRUE(rc.wait_for([&] { return rc.count(1, 10) >= 2; }));
+  EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(reinterpret_cast<orlo_lumen_pipe_t *>(0x10), -1), 0);
+  EXPECT_EQ(orlo_lumen_pipe_set_dev_mac(nullptr, "\x00\x01\x02\x03\x04\x05", 6), 0);
+  EXPECT_EQ(orlo_lumen_pipe_send_audio(p, 1, "pcm!", 4), 4);
+  EXPECT_EQ(orlo_lumen_pipe_set_cmd_callback(p, nullptr, nullptr), 0);
+  EXPECT_EQ(orlo_lumen_pipe_set_src_handoff(p, nullptr, nullptr), 0);
+
+  EXPECT_EQ(orlo_lumen_pipe_stop(p), 0);
+  EXPECT_EQ(orlo_lumen_pipe_close_ch(p, 1), 0);
+  EXPECT_EQ(orlo_lumen_pipe_close_ch(p, 1), -1) << "the element's result comes back";
   EXPECT_EQ(pipe_threads(), 1);
   orlo_lumen_pipe_delete(p);
   std::this_thread::sleep_for(100ms);

@@ -1,25 +1,21 @@
-// Recorded channels through a playback pipe bound at sink index 1, into the
-// render worker's playback dispatch and the recording engine.
+// Playback end to end: four channels recorded in the test, played through a
+// playback pipe bound at sink index 1 into the render worker's playback
+// dispatch and the recording engine.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <map>
-#include <mutex>
-#include <thread>
 
-#include "collector.hh"
 #include "fake_engine.hh"
 #include "kel_buffers.h"
 #include "orlo_display.h"
-#include "orlo_sst_pipe.h"
-#include "recordings.hh"
+#include "playback.hh"
 
 namespace {
 
 using namespace playback_test;
 using clock_type = std::chrono::steady_clock;
 
-constexpr int kFrames = 50;
+constexpr int kFrames = 50;  // 2 s
 
 struct put_seen {
   int port;
@@ -60,21 +56,34 @@ class SstDispatch : public ::testing::Test {
     orlo_sst_pipe_delete(h);
   }
 
+  void play(int dir, int64_t search) {
+    orlo_sst_pipe_set_param(h, 1, dir, 0, 1, tv(0), tv(0), tv(search), 4, 15);
+    orlo_sst_pipe_start(h);
+  }
   std::vector<put_seen> seen() {
     std::lock_guard<std::mutex> g(lock);
     return puts;
   }
   bool wait_puts(size_t n, double seconds = 20) {
-    const auto until = clock_type::now() + std::chrono::duration<double>(seconds);
-    while (seen().size() < n && clock_type::now() < until)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return seen().size() >= n;
+    return eventually([&] { return seen().size() >= n; }, seconds);
   }
   bool wait_eos() {
-    const auto until = clock_type::now() + std::chrono::seconds(20);
-    while (orlo_sst_pipe_get_eos_mask(h) != 15 && clock_type::now() < until)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return orlo_sst_pipe_get_eos_mask(h) == 15;
+    return eventually([&] { return orlo_sst_pipe_get_eos_mask(h) == 15; });
+  }
+  std::map<int, std::vector<put_seen>> by_port() {
+    std::map<int, std::vector<put_seen>> ports;
+    for (const auto &p : seen()) ports[p.port].push_back(p);
+    return ports;
+  }
+  // The stream time while paused: the base time and the sink's position,
+  // added forward, subtracted backward.
+  void expect_timestamp_follows_position(int64_t base, int sign) {
+    gint64 position = -1;
+    if (!gst_element_query_position(h->kelappsink, GST_FORMAT_TIME, &position)) {
+      EXPECT_EQ(sign, -1) << "a paused forward play knows its position";
+      return;  // a backward run that has ended may not
+    }
+    EXPECT_EQ(orlo_sst_pipe_get_timestamp(h), static_cast<uint64_t>(base + sign * position));
   }
 
   temp_folder folder;
@@ -84,35 +93,39 @@ class SstDispatch : public ::testing::Test {
   std::vector<put_seen> puts;
 };
 
-TEST_F(SstDispatch, FramesReachTheirPortsInOrderPacedByTheClock) {
-  orlo_sst_pipe_set_param(h, 1, 0, 0, 1, {0, 0}, {0, 0}, {0, 0}, 4, 15);
-  orlo_sst_pipe_start(h);
+TEST_F(SstDispatch, ForwardFramesReachTheirPortsInOrderPacedAndEndWithTheEosBits) {
+  play(0, kStart);
   ASSERT_TRUE(wait_eos());
   ASSERT_TRUE(wait_puts(4 * kFrames));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  const auto all = seen();
-  EXPECT_EQ(all.size(), static_cast<size_t>(4 * kFrames));
-  std::map<int, std::vector<put_seen>> ports;
-  for (const auto &p : all) ports[p.port].push_back(p);
+  EXPECT_EQ(seen().size(), static_cast<size_t>(4 * kFrames));
+  const auto ports = by_port();
   ASSERT_EQ(ports.size(), 4u);
   for (const auto &[port, list] : ports) {
-    ASSERT_EQ(list.size(), static_cast<size_t>(kFrames));
-    EXPECT_EQ(list.front().frame.type, 1);
+    ASSERT_EQ(list.size(), static_cast<size_t>(kFrames)) << "port " << port;
+    EXPECT_EQ(list.front().frame.time, kStart);
     for (size_t i = 0; i < list.size(); i++) {
-      EXPECT_EQ(list[i].frame.ch, port - 4);
+      const frame_seen &f = list[i].frame;
+      EXPECT_EQ(f.ch, port - 4);
+      EXPECT_EQ(f.type, i % kIntraEvery == 0 ? 1 : 0);
+      EXPECT_EQ(f.ms, static_cast<uint32_t>(f.time / 1000000));
       if (i > 0) {
-        EXPECT_EQ(list[i].frame.time - list[i - 1].frame.time, kFrameNs);
+        EXPECT_EQ(f.time - list[i - 1].frame.time, kFrameNs);
       }
     }
+    // Paced by the clock: no sooner than the recording took (load only
+    // makes it later).
     const double span = std::chrono::duration<double>(list.back().at - list.front().at).count();
     EXPECT_GE(span, (kFrames - 1) * 0.04 * 0.9);
   }
   EXPECT_EQ(h->base_time, static_cast<uint64_t>(kStart));
+  EXPECT_EQ(h->direction, 0);
+  EXPECT_EQ(orlo_sst_pipe_get_norecord_mask(h), 0u);
+  EXPECT_GE(orlo_sst_pipe_get_timestamp(h), static_cast<uint64_t>(kStart));
 }
 
-TEST_F(SstDispatch, PauseHoldsNextStepsOneFrameAChannelStartResumes) {
-  orlo_sst_pipe_set_param(h, 1, 0, 0, 1, {0, 0}, {0, 0}, {0, 0}, 4, 15);
-  orlo_sst_pipe_start(h);
+TEST_F(SstDispatch, PauseHoldsNextStepsWithTheRenderReportStartResumes) {
+  play(0, kStart);
   ASSERT_TRUE(wait_puts(20));
   orlo_sst_pipe_pause(h);
   gst_element_get_state(h->pipeline, nullptr, nullptr, 5 * GST_SECOND);
@@ -120,37 +133,47 @@ TEST_F(SstDispatch, PauseHoldsNextStepsOneFrameAChannelStartResumes) {
   size_t held = seen().size();
   std::this_thread::sleep_for(std::chrono::milliseconds(400));
   EXPECT_EQ(seen().size(), held);
+  expect_timestamp_follows_position(kStart, 1);
 
   orlo_sst_pipe_next(h);  // the frame held by the paused sink, then the step
-  const auto until = clock_type::now() + std::chrono::seconds(10);
-  while (orlo_sst_pipe_get_last_timestamp(h) == 0 && clock_type::now() < until)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_TRUE(eventually([&] { return orlo_sst_pipe_get_last_timestamp(h) != 0; }, 10));
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   held = seen().size();
   for (int step = 0; step < 3; step++) {
     const uint64_t before = orlo_sst_pipe_get_last_timestamp(h);
+    testing::internal::CaptureStdout();
     orlo_sst_pipe_next(h);
-    ASSERT_TRUE(wait_puts(held + 4, 10));
+    const bool reported = eventually(
+        [&] {
+          return seen().size() >= held + 4 &&
+                 orlo_sst_pipe_get_last_timestamp(h) == before + kFrameNs;
+        },
+        10);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(seen().size(), held + 4);  // one frame of each channel
+    const std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(reported) << "step " << step;
     const auto all = seen();
+    EXPECT_EQ(all.size(), held + 4);  // one frame of each channel
     for (size_t i = held; i < all.size(); i++) EXPECT_EQ(all[i].frame.time, all[held].frame.time);
-    EXPECT_EQ(orlo_sst_pipe_get_last_timestamp(h), before + kFrameNs);
+    EXPECT_NE(out.find("last render time 472222:13:"), std::string::npos) << out;
     held = all.size();
   }
   orlo_sst_pipe_start(h);
   ASSERT_TRUE(wait_puts(held + 20));
+  for (const auto &[port, list] : by_port())
+    for (size_t i = 1; i < list.size(); i++) EXPECT_GT(list[i].frame.time, list[i - 1].frame.time);
 }
 
 TEST_F(SstDispatch, BackwardDeliversIntraFramesOnlyInDecreasingTime) {
-  orlo_sst_pipe_set_param(h, 1, 1, 0, 1, {0, 0}, {0, 0}, {0, 0}, 4, 15);
-  orlo_sst_pipe_start(h);
+  const int64_t search = kStart + 45 * kFrameNs;
+  play(1, search);
   ASSERT_TRUE(wait_eos());
   ASSERT_TRUE(wait_puts(4 * 5));
-  std::map<int, std::vector<put_seen>> ports;
-  for (const auto &p : seen()) ports[p.port].push_back(p);
+  const auto ports = by_port();
+  ASSERT_EQ(ports.size(), 4u);
   for (const auto &[port, list] : ports) {
-    ASSERT_EQ(list.size(), 5u);
+    ASSERT_EQ(list.size(), 5u) << "port " << port;  // frames 40, 30, 20, 10, 0
+    EXPECT_EQ(list.front().frame.time, kStart + 40 * kFrameNs);
     for (size_t i = 0; i < list.size(); i++) {
       EXPECT_EQ(list[i].frame.type, 1);
       if (i > 0) {
@@ -159,7 +182,9 @@ TEST_F(SstDispatch, BackwardDeliversIntraFramesOnlyInDecreasingTime) {
     }
   }
   EXPECT_EQ(h->direction, 1);
-  EXPECT_EQ(h->base_time, static_cast<uint64_t>(kStart + (kFrames - 1) * kFrameNs));
+  EXPECT_EQ(h->base_time, static_cast<uint64_t>(search));
+  orlo_sst_pipe_pause(h);
+  expect_timestamp_follows_position(search, -1);
 }
 
 }  // namespace

@@ -1,0 +1,87 @@
+// Shared by the playback tests: channels recorded in the test into a fresh
+// folder, the frame header taken apart, and a kelappsink render collector.
+#pragma once
+
+#include <gst/gst.h>
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kelapp_sink.h"
+#include "orlo_sst_pipe.h"
+
+namespace playback_test {
+
+inline constexpr int64_t kStart = 1700000000LL * 1000000000LL;  // recorder time of frame 0
+inline constexpr int kFps = 25;
+inline constexpr int64_t kFrameNs = 1000000000LL / kFps;
+inline constexpr int kIntraEvery = 10;
+
+// A temporary folder removed with its files at the end of the scope.
+class temp_folder {
+ public:
+  temp_folder();
+  ~temp_folder();
+  temp_folder(const temp_folder &) = delete;
+  temp_folder &operator=(const temp_folder &) = delete;
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Runs a launch line to its end; counts the buffers of an element named
+// "out" (a fakesink with signal-handoffs) when asked.  False on an error.
+bool run_to_eos(const std::string &launch, int *handoffs = nullptr);
+
+// Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
+// the first at recorder time `start`.
+bool record_channel(const std::string &folder, int ch, int frames, int64_t start = kStart);
+std::string channel_file(const std::string &folder, int ch);
+
+inline orlo_timeval_t tv(int64_t ns) {
+  return orlo_timeval_t{static_cast<int32_t>(ns / 1000000000),
+                        static_cast<int32_t>(ns % 1000000000 / 1000)};
+}
+
+struct frame_seen {
+  int ch;
+  int type;
+  uint32_t size;
+  uint32_t ms;
+  int64_t time;  // recorder time, ns
+};
+frame_seen read_header(const uint8_t *d);
+
+// Polls `ok` every few milliseconds for up to `seconds`.
+template <typename F>
+bool eventually(F &&ok, double seconds = 20) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!ok() && std::chrono::steady_clock::now() < until)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  return ok();
+}
+
+// Installs itself as the sink's render callback and keeps what it renders.
+class collector {
+ public:
+  struct list_seen {
+    std::vector<frame_seen> frames;
+    std::chrono::steady_clock::time_point at;
+  };
+  explicit collector(GstElement *sink);
+  std::vector<list_seen> lists() const;
+  size_t count() const { return lists().size(); }
+  std::vector<frame_seen> frames() const;
+
+ private:
+  static gint render(GstKelAppSink *sink, gpointer self);
+  mutable std::mutex lock_;
+  std::vector<list_seen> lists_;
+};
+
+}  // namespace playback_test
