@@ -3,10 +3,12 @@
 
 #include <chrono>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "fake_engine.hh"
 #include "kel_buffers.h"
+#include "log_capture.hh"
 #include "orlo_display.h"
 
 namespace still {
@@ -37,6 +39,14 @@ struct finalize_counter {
   }
   void watch(GstBuffer *b) { gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(b), notify, this); }
 };
+
+// Whether a line at `level` contains `piece` (the lines carry a line number).
+inline bool logged(const testing_support::log_capture &log, const std::string &piece,
+                   GLogLevelFlags level = G_LOG_LEVEL_WARNING) {
+  for (const auto &t : log.texts(level))
+    if (t.find(piece) != std::string::npos) return true;
+  return false;
+}
 
 // Runs `fn` on a thread of its own after `delay`, as an engine would.
 template <typename Fn>

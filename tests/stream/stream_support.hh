@@ -3,7 +3,9 @@
 // of freed buffers.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -75,7 +77,7 @@ struct slot_cfg {
   orlo_first_cb_t first_cb = nullptr;
 };
 
-inline void decode_change(orlo_display_t *h, std::initializer_list<slot_cfg> slots) {
+inline void decode_change(orlo_display_t *h, const std::vector<slot_cfg> &slots) {
   orlo_decode_cfg_t table[ORLO_MAX_SLOT] = {};
   for (const slot_cfg &s : slots) {
     table[s.slot].port = s.port;
@@ -116,10 +118,14 @@ class direct_sink {
 };
 
 // Ports and payloads only: what the tables decide.
-inline std::vector<std::pair<int64_t, std::string>> port_payloads() {
-  std::vector<std::pair<int64_t, std::string>> out;
+using port_payloads_t = std::vector<std::pair<int64_t, std::string>>;
+inline port_payloads_t port_payloads(size_t skip = 0) {
+  port_payloads_t out;
   for (const auto &c : fake_engine::calls("ravel_put_decode_stream"))
-    out.emplace_back(c.args[1], std::string(c.record.begin(), c.record.end()));
+    if (skip > 0)
+      skip--;
+    else
+      out.emplace_back(c.args[1], std::string(c.record.begin(), c.record.end()));
   return out;
 }
 
@@ -131,5 +137,27 @@ bool wait_for(F cond) {
   }
   return cond();
 }
+
+// A display whose sound device is a pipe, with `sink` bound at index 0.
+class display_test : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(pipe(fds), 0);
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    h = make_display(fds[1]);
+    ASSERT_EQ(orlo_display_bind_src_pipe(h, sink.element(), 0), 0);
+  }
+  // What the sound device got since the last call.
+  std::string heard() {
+    std::string out;
+    char buf[256];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    return out;
+  }
+  int fds[2] = {-1, -1};
+  orlo_display_t *h = nullptr;
+  direct_sink sink;
+};
 
 }  // namespace stream_test
