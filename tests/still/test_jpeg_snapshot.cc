@@ -40,23 +40,30 @@ int snapshot(orlo_display_t *h, int ch, unsigned mode, int dispmode, outs &o) {
   return r;
 }
 
-TEST(JpegSnapshot, ChannelModesRequestThenHandOverTheAnswer) {
+TEST(JpegSnapshot, EachModeRequestsThenHandsOverTheAnswer) {
   orlo_display_t *h = still::make_display();
   ASSERT_NE(h, nullptr);
+  orlo_set_pb_timestamp(2, 777);
   answer_after(50ms, 10);
-  for (unsigned mode : {0u, 1u}) {
+  for (unsigned mode : {0u, 1u, 3u}) {
     outs o;
-    ASSERT_EQ(snapshot(h, 5, mode, 13, o), 0);
+    ASSERT_EQ(snapshot(h, 6, mode, 13, o), 0);
     EXPECT_EQ(o.w2, 12u);
     EXPECT_EQ(o.w5, 15u);
   }
   EXPECT_EQ(fake_engine::names(),
             (std::vector<std::string>{"ravel_new", "ravel_set_jpeg_dstntimeimg", "ravel_jpeg_enc",
-                                      "ravel_set_jpeg_dstntimeimg", "ravel_jpeg_enc"}));
+                                      "ravel_set_jpeg_dstntimeimg", "ravel_jpeg_enc",
+                                      "ravel_jpeg_enc", "ravel_set_jpeg_dstntimeimg",
+                                      "ravel_set_jpeg_timestamp", "ravel_pause_frame"}));
   auto enc = fake_engine::calls("ravel_jpeg_enc");
-  EXPECT_EQ(enc[0].args[1], 5);  // the channel as given: no port rule in these modes
+  EXPECT_EQ(enc[0].args[1], 6);  // the channel as given: no port rule in modes 0 and 1
   EXPECT_EQ(enc[0].args[2], 0);
   EXPECT_EQ(enc[1].args[2], 1);
+  EXPECT_EQ(enc[2].args[1], 2);  // the paused frame's port, with its last timestamp
+  auto ts = fake_engine::calls("ravel_set_jpeg_timestamp");
+  EXPECT_EQ(ts[0].args[1], 2);
+  EXPECT_EQ(ts[0].args[2], 777);
   auto dst = fake_engine::calls("ravel_set_jpeg_dstntimeimg");
   EXPECT_EQ(dst[0].args[2], 11);
   EXPECT_EQ(dst[0].args[3], 22);
@@ -140,10 +147,9 @@ TEST(JpegSnapshot, RefusalsLeaveTheNextSnapshotWorking) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
 }
 
-TEST(JpegSnapshot, PausedFrameUsesThePortRuleAndTheLastPlaybackTimestamp) {
+TEST(JpegSnapshot, PausedFrameFollowsThePortRuleOfEveryDisplayMode) {
   log_capture log;
   orlo_display_t *h = still::make_display();
-  orlo_set_pb_timestamp(2, 777);
   fake_engine::script_result("ravel_jpeg_enc", -1);  // stop after the port is known
   struct rule {
     int dispmode, ch, port;
@@ -162,27 +168,6 @@ TEST(JpegSnapshot, PausedFrameUsesThePortRuleAndTheLastPlaybackTimestamp) {
   for (auto &m : log.texts(G_LOG_LEVEL_MESSAGE))
     unsupported += m.find("not supprot dispmode : ") != std::string::npos;
   EXPECT_EQ(unsupported, 2);  // 19 and 20
-
-  std::atomic<ravel_jpeg_cb> cb{nullptr};
-  fake_engine::script("ravel_jpeg_enc", [&](const fake_engine::call &c) -> int64_t {
-    cb = c.jpeg_cb;
-    return 0;
-  });
-  fake_engine::script("ravel_pause_frame", [&](const fake_engine::call &) -> int64_t {
-    ravel_jpeg_cb f = cb.load();
-    still::later(10ms, [f] { answer(f, 0); });
-    return 0;
-  });
-  const size_t before = fake_engine::calls().size();
-  ASSERT_EQ(snapshot(h, 6, 3, 13, o), 0);
-  const auto names = fake_engine::names();
-  EXPECT_EQ(
-      std::vector<std::string>(names.begin() + static_cast<std::ptrdiff_t>(before), names.end()),
-      (std::vector<std::string>{"ravel_jpeg_enc", "ravel_set_jpeg_dstntimeimg",
-                                "ravel_set_jpeg_timestamp", "ravel_pause_frame"}));
-  const auto ts = fake_engine::calls("ravel_set_jpeg_timestamp");
-  EXPECT_EQ(ts.back().args[1], 2);
-  EXPECT_EQ(ts.back().args[2], 777);
 }
 
 }  // namespace

@@ -170,11 +170,10 @@ TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
   EXPECT_EQ(port_payloads(), (port_payloads_t{{5, "B0i"}, {4, "A1i"}}));
   EXPECT_EQ(heard(), "");
   const std::vector<std::string> warnings = log.texts(G_LOG_LEVEL_WARNING);
+  const char *said[] = {"shorter than its header", "claims 100 payload bytes",
+                        "claims 200 payload bytes", "channel 200"};
   ASSERT_EQ(warnings.size(), 5u);
-  EXPECT_NE(warnings[0].find("shorter than its header"), std::string::npos);
-  EXPECT_NE(warnings[1].find("claims 100 payload bytes"), std::string::npos);
-  EXPECT_NE(warnings[2].find("claims 200 payload bytes"), std::string::npos);
-  EXPECT_NE(warnings[3].find("channel 200"), std::string::npos);
+  for (size_t i = 0; i < 4; i++) EXPECT_NE(warnings[i].find(said[i]), std::string::npos) << i;
   EXPECT_EQ(warnings[4], "Invalid Frame Type = 7\n");
 }
 
@@ -214,10 +213,10 @@ TEST_F(Dispatch, PlaybackSnapshotGoesWithTheFirstAttemptOfTheNextPush) {
   std::free(buf);
   const auto puts = fake_engine::calls("ravel_put_decode_stream");
   ASSERT_GE(puts.size(), 3u);
-  for (size_t i = 0; i + 3 < puts.size(); i++) EXPECT_EQ(puts[i].jpeg_cb, nullptr);
-  EXPECT_NE(puts[puts.size() - 3].jpeg_cb, nullptr);
-  EXPECT_EQ(puts[puts.size() - 2].jpeg_cb, nullptr);
-  EXPECT_EQ(puts[puts.size() - 1].jpeg_cb, nullptr);
+  std::vector<bool> carried, expected(puts.size(), false);
+  for (const auto &p : puts) carried.push_back(p.jpeg_cb != nullptr);
+  expected[puts.size() - 3] = true;  // of three attempts, the first
+  EXPECT_EQ(carried, expected);
   const auto ts = fake_engine::calls("ravel_set_jpeg_timestamp");
   ASSERT_EQ(ts.size(), 1u);
   EXPECT_EQ(ts[0].args[1], 3);
