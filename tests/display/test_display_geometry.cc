@@ -116,100 +116,66 @@ TEST(DisplayChange, ScalesOnlyThePlaceAndSize) {
   EXPECT_EQ(calls[1].regions[0], (orlo_vr_t{5, 68, 34, 222, 134, 2, 10, 20, 30, 40, 7}));
 }
 
-TEST(DisplayChange, SecondOutputOnlyOnce) {
-  orlo_display_t *h = make_display(0);
-  vr_list vr = list_of({R(1, 0, 0, 960, 540), R(2, 960, 0, 960, 540)});
-  ASSERT_EQ(change(h, vr, 2), 0);
-  ASSERT_EQ(change(h, vr, 13), 0);
-  auto calls = geometry_calls();
-  ASSERT_EQ(calls.size(), 3u);
-  EXPECT_EQ(calls[2].display, 0);
-  EXPECT_EQ(calls[2].kind, 1);
-}
-
-TEST(DisplayChange, FailedFirstChangeTriesTheSecondOutputNextTime) {
+// The second output is fed once, after the first output took a change; a
+// refusal of either call is the caller's result.
+TEST(DisplayChange, SecondOutputOnceAfterTheFirstSucceeds) {
   log_capture log;
   orlo_display_t *h = make_display(0);
   vr_list vr = list_of({R(1, 0, 0, 1920, 1080)});
-  fake_engine::script_sequence("ravel_change_geometry", {-5, 0});
+  fake_engine::script_sequence("ravel_change_geometry", {-5, 0, -9, 0});
   EXPECT_EQ(change(h, vr, 1), -5);
-  EXPECT_EQ(geometry_calls().size(), 1u);
   EXPECT_TRUE(log.texts(G_LOG_LEVEL_MESSAGE).empty());
-  EXPECT_EQ(change(h, vr, 1), 0);
-  auto calls = geometry_calls();
-  ASSERT_EQ(calls.size(), 3u);
-  EXPECT_EQ(calls[1].display, 0);
-  EXPECT_EQ(calls[2].display, 2);
-}
-
-TEST(DisplayChange, FailedSecondOutputIsNotTriedAgain) {
-  orlo_display_t *h = make_display(0);
-  vr_list vr = list_of({R(1, 0, 0, 1920, 1080)});
-  fake_engine::script_sequence("ravel_change_geometry", {0, -9, 0});
   EXPECT_EQ(change(h, vr, 1), -9);
   EXPECT_EQ(change(h, vr, 1), 0);
-  auto calls = geometry_calls();
-  ASSERT_EQ(calls.size(), 3u);
-  EXPECT_EQ(calls[2].display, 0);
-}
-
-TEST(DisplayChange, EmptyListGoesOutWithNoRegions) {
-  log_capture log;
-  orlo_display_t *h = make_display(0);
-  std::string printed;
-  ASSERT_EQ(change(h, empty_list(), 1, &printed), 0);
-  auto calls = geometry_calls();
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].count, 0);
-  EXPECT_EQ(calls[1].count, 0);
-  EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
-  EXPECT_NE(printed.find("vr_num = 0, mode: 0\n"), std::string::npos);
+  std::vector<int> displays;
+  for (const auto &c : geometry_calls()) displays.push_back(c.display);
+  EXPECT_EQ(displays, (std::vector<int>{0, 0, 2, 0}));
 }
 
 TEST(DisplayChange, CountStopsAtFirstFreeRecordOrAtThirtySeven) {
+  log_capture log;
   orlo_display_t *h = make_display(0);
+  EXPECT_EQ(orlo_display_change(h, nullptr, 0, 1), -1);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 1u);
+  std::string printed;
+  ASSERT_EQ(change(h, empty_list(), 1, &printed), 0);
+  EXPECT_NE(printed.find("vr_num = 0, mode: 0\n"), std::string::npos);
   vr_list full;
   for (int i = 0; i < ORLO_MAX_VR; i++) full[i] = R(i, 0, 0, 8, 8);
   vr_list holed = full;
   holed[4].ch = -1;
   ASSERT_EQ(change(h, full, 9), 0);
   ASSERT_EQ(change(h, holed, 9), 0);
-  auto calls = geometry_calls();
-  ASSERT_EQ(calls.size(), 3u);
-  EXPECT_EQ(calls[0].count, 37);
-  EXPECT_EQ(calls[1].count, 37);
-  EXPECT_EQ(calls[2].count, 4);
+  std::vector<int> counts;
+  for (const auto &c : geometry_calls()) counts.push_back(c.count);
+  EXPECT_EQ(counts, (std::vector<int>{0, 0, 37, 4}));
+  EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
 }
 
-struct kind_case {
-  int mode, kind;
-  bool warned;
-};
-void PrintTo(const kind_case &c, std::ostream *os) { *os << "mode " << c.mode; }
-
-class ChangeKind : public ::testing::TestWithParam<kind_case> {};
-
-TEST_P(ChangeKind, LiveOrPlayback) {
+// Live (0) or playback (1) by mode; an unknown mode is live, with a warning.
+TEST(DisplayChange, LiveOrPlaybackByMode) {
   log_capture log;
   orlo_display_t *h = make_display(0);
-  std::string printed;
-  ASSERT_EQ(change(h, list_of({R(1, 0, 0, 1920, 1080)}), GetParam().mode, &printed), 0);
-  for (const auto &c : geometry_calls()) EXPECT_EQ(c.kind, GetParam().kind);
-  names expected;
-  if (GetParam().warned)
-    expected.push_back("orlo_display_change:L: config_mode: " + std::to_string(GetParam().mode) +
-                       "\n");
-  EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), expected);
-  EXPECT_NE(printed.find("mode: " + std::to_string(GetParam().kind) + "\n"), std::string::npos);
+  const struct {
+    int mode, kind;
+    bool warned;
+  } cases[] = {{0, 0, false},  {7, 0, false},  {10, 0, false},  {100, 0, false},
+               {11, 1, false}, {22, 1, false}, {101, 1, false}, {23, 0, true},
+               {-1, 0, true},  {99, 0, true},  {102, 0, true}};
+  for (const auto &p : cases) {
+    SCOPED_TRACE(p.mode);
+    log.clear();
+    fake_engine::reset();
+    std::string printed;
+    ASSERT_EQ(change(h, list_of({R(1, 0, 0, 1920, 1080)}), p.mode, &printed), 0);
+    for (const auto &c : geometry_calls()) EXPECT_EQ(c.kind, p.kind);
+    names expected;
+    if (p.warned)
+      expected.push_back("orlo_display_change:L: config_mode: " + std::to_string(p.mode) + "\n");
+    EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), expected);
+    EXPECT_NE(printed.find("mode: " + std::to_string(p.kind) + "\n"), std::string::npos);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, ChangeKind,
-                         ::testing::Values(kind_case{0, 0, false}, kind_case{7, 0, false},
-                                           kind_case{10, 0, false}, kind_case{100, 0, false},
-                                           kind_case{11, 1, false}, kind_case{22, 1, false},
-                                           kind_case{101, 1, false}, kind_case{23, 0, true},
-                                           kind_case{-1, 0, true}, kind_case{99, 0, true},
-                                           kind_case{102, 0, true}));
 
 TEST(DisplayChange, InsetOverlapIsMeantAndStays) {
   log_capture log;
@@ -225,77 +191,48 @@ TEST(DisplayChange, InsetOverlapIsMeantAndStays) {
   EXPECT_EQ(calls[0].regions[1], (orlo_vr_t{3, 1344, 688, 576, 324, 2, -1, -1, -1, -1, 0}));
 }
 
-TEST(DisplayChange, NullListIsRefused) {
-  log_capture log;
-  orlo_display_t *h = make_display(0);
-  EXPECT_EQ(orlo_display_change(h, nullptr, 0, 1), -1);
-  EXPECT_TRUE(geometry_calls().empty());
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 1u);
-}
-
 // ---- the repair on its own ----
 
-struct repair_case {
-  const char *label;
-  std::vector<orlo_vr_t> in, out;
-  names warnings;
-};
-void PrintTo(const repair_case &c, std::ostream *os) { *os << c.label; }
-
-class OverlapRepair : public ::testing::TestWithParam<repair_case> {};
-
-TEST_P(OverlapRepair, EarlierRegionGivesWay) {
-  const repair_case &p = GetParam();
-  log_capture log;
-  std::vector<orlo_vr_t> vr = p.in;
-  orlo::_fix_dispOverlap(vr.data(), static_cast<int>(vr.size()));
-  ASSERT_EQ(vr.size(), p.out.size());
-  for (size_t i = 0; i < vr.size(); i++) EXPECT_EQ(vr[i], p.out[i]) << i;
-  EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), p.warnings);
+// The earlier region of an overlapping pair gives way; an overlap of 3 or
+// more is meant and stays.
+TEST(OverlapRepair, EarlierRegionGivesWay) {
+  const std::string W = "_fix_dispOverlap:L: ";
+  const struct {
+    std::vector<orlo_vr_t> in, out;
+    names warnings;
+  } cases[] = {
+      {{R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100)},
+       {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100)},
+       {W + "(vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
+      {{R(0, 99, 0, 100, 100), R(1, 0, 0, 100, 100)},
+       {R(0, 100, 0, 99, 100), R(1, 0, 0, 100, 100)},
+       {W + "vr[0].x:99 < (vr[1].x:0 + vr[1].width:100)\n"}},
+      {{R(0, 0, 98, 100, 100), R(1, 0, 0, 100, 100)},
+       {R(0, 0, 100, 100, 98), R(1, 0, 0, 100, 100)},
+       {W + "vr[0].y:98 < (vr[1].y:0 + vr[1].height:100)\n"}},
+      // Width first; only the earlier of a pair changes.
+      {{R(0, 0, 0, 101, 101), R(1, 100, 100, 50, 50)},
+       {R(0, 0, 0, 100, 101), R(1, 100, 100, 50, 50)},
+       {W + "(vr[0].x:0 + vr[0].width:101) > vr[1].x:100\n"}},
+      {{R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
+       {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
+       {}},
+      {{R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
+       {R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
+       {}},
+      // The first repair removes the overlap with the third region.
+      {{R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
+       {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
+       {W + "(vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
+  };
+  for (const auto &p : cases) {
+    SCOPED_TRACE(p.in[0]);
+    log_capture log;
+    std::vector<orlo_vr_t> vr = p.in;
+    orlo::_fix_dispOverlap(vr.data(), static_cast<int>(vr.size()));
+    for (size_t i = 0; i < vr.size(); i++) EXPECT_EQ(vr[i], p.out[i]) << i;
+    EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), p.warnings);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Pairs, OverlapRepair,
-    ::testing::Values(
-        repair_case{"left_of",
-                    {R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100)},
-                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100)},
-                    {"_fix_dispOverlap:L: (vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
-        repair_case{"right_of",
-                    {R(0, 99, 0, 100, 100), R(1, 0, 0, 100, 100)},
-                    {R(0, 100, 0, 99, 100), R(1, 0, 0, 100, 100)},
-                    {"_fix_dispOverlap:L: vr[0].x:99 < (vr[1].x:0 + vr[1].width:100)\n"}},
-        repair_case{"above",
-                    {R(0, 0, 0, 100, 102), R(1, 0, 100, 100, 100)},
-                    {R(0, 0, 0, 100, 100), R(1, 0, 100, 100, 100)},
-                    {"_fix_dispOverlap:L: (vr[0].y:0 + vr[0].height:102) > vr[1].y:100\n"}},
-        repair_case{"below",
-                    {R(0, 0, 98, 100, 100), R(1, 0, 0, 100, 100)},
-                    {R(0, 0, 100, 100, 98), R(1, 0, 0, 100, 100)},
-                    {"_fix_dispOverlap:L: vr[0].y:98 < (vr[1].y:0 + vr[1].height:100)\n"}},
-        repair_case{"width_first",
-                    {R(0, 0, 0, 101, 101), R(1, 100, 100, 50, 50)},
-                    {R(0, 0, 0, 100, 101), R(1, 100, 100, 50, 50)},
-                    {"_fix_dispOverlap:L: (vr[0].x:0 + vr[0].width:101) > vr[1].x:100\n"}},
-        repair_case{"touching",
-                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
-                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
-                    {}},
-        repair_case{"three_is_real",
-                    {R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
-                    {R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
-                    {}},
-        // The first repair removes the overlap with the third region.
-        repair_case{"repair_seen_later",
-                    {R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
-                    {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
-                    {"_fix_dispOverlap:L: (vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
-        // Only the earlier of a pair changes.
-        repair_case{"later_untouched",
-                    {R(0, 0, 0, 100, 100), R(1, 0, 98, 100, 100)},
-                    {R(0, 0, 0, 100, 98), R(1, 0, 98, 100, 100)},
-                    {"_fix_dispOverlap:L: (vr[0].y:0 + vr[0].height:100) > vr[1].y:98\n"}},
-        repair_case{"one_region", {R(0, 0, 0, 100, 100)}, {R(0, 0, 0, 100, 100)}, {}}),
-    [](const auto &info) { return std::string(info.param.label); });
 
 }  // namespace

@@ -31,96 +31,51 @@ struct guarded_case {
 void PrintTo(const guarded_case &c, std::ostream *os) { *os << c.label; }
 
 int32_t g_bitrate;
+using H = orlo_display_t *;
 
+// clang-format off
 const guarded_case kGuarded[] = {
-    {"capture_start",
-     [](orlo_display_t *h) { return orlo_capture_start(h, 3); },
-     "ravel_capture_drv_start",
-     {3},
-     "fail to start capture! ch:3\n",
-     0,
-     -1},
-    {"capture_stop",
-     [](orlo_display_t *h) { return orlo_capture_stop(h, 4); },
-     "ravel_capture_drv_stop",
-     {4},
-     "fail to stop capture! ch:4/ret:-3\n",
-     0,
-     -1},
+    {"capture_start", [](H h) { return orlo_capture_start(h, 3); }, "ravel_capture_drv_start",
+     {3}, "fail to start capture! ch:3\n", 0, -1},
+    {"capture_stop", [](H h) { return orlo_capture_stop(h, 4); }, "ravel_capture_drv_stop",
+     {4}, "fail to stop capture! ch:4/ret:-3\n", 0, -1},
     {"register_encode",
-     [](orlo_display_t *h) { return orlo_display_register_get_encode_stream(h, P(16), P(32)); },
-     "ravel_register_get_encode_stream",
-     {16, 32},
-     "fail to register encoding callback!\n",
-     0,
-     -1},
+     [](H h) { return orlo_display_register_get_encode_stream(h, P(16), P(32)); },
+     "ravel_register_get_encode_stream", {16, 32}, "fail to register encoding callback!\n", 0, -1},
     {"register_captmode",
-     [](orlo_display_t *h) { return orlo_display_register_captmode_change(h, P(16), P(32)); },
-     "ravel_register_captmode_change",
-     {16, 32},
-     "fail to register captmode_change callback!\n",
-     0,
-     -1},
+     [](H h) { return orlo_display_register_captmode_change(h, P(16), P(32)); },
+     "ravel_register_captmode_change", {16, 32},
+     "fail to register captmode_change callback!\n", 0, -1},
     {"register_mosaic",
-     [](orlo_display_t *h) {
-       return orlo_display_register_get_encode_mosaic_stream(h, P(16), P(32), 3);
-     },
-     "ravel_register_encode_mosaic_stream",
-     {16, 32, 3, 0},
-     "fail to register encoding callback!\n",
-     0,
-     -1},
-    {"encode_change",
-     [](orlo_display_t *h) { return orlo_display_encode_change(h, 1, 2, P(48)); },
-     "ravel_encode_change",
-     {1, 2, 48},
-     "fail to change encoder param!\n",
-     7,
-     -3},
-    {"set_bitrate",
-     [](orlo_display_t *h) { return orlo_display_set_encode_bitrate(h, 1, 2, 4000); },
-     "ravel_set_encode_bitrate",
-     {1, 2, 4000},
-     "fail to change encoder param!\n",
-     0,
-     -1},
-    {"get_bitrate",
-     [](orlo_display_t *h) { return orlo_display_get_encode_bitrate(h, 1, 2, &g_bitrate); },
-     "ravel_get_encode_bitrate",
-     {1, 2, reinterpret_cast<intptr_t>(&g_bitrate)},
-     "fail to change encoder param!\n",
-     0,
-     -1},
-    {"md_param",
-     [](orlo_display_t *h) { return orlo_display_md_set_param(h, 5, P(64), 12); },
-     "ravel_motion_detect_config_param",
-     {5, 64, 12},
-     "fail to set md param!\n",
-     0,
-     -1},
-    {"set_time",
-     [](orlo_display_t *h) { return orlo_display_set_time(h, 0x123456789ULL, 9); },
-     "ravel_set_time",
-     {9, 0x123456789LL, 9},
-     "fail to set M3 time!\n",
-     7,
-     -1},
+     [](H h) { return orlo_display_register_get_encode_mosaic_stream(h, P(16), P(32), 3); },
+     "ravel_register_encode_mosaic_stream", {16, 32, 3, 0},
+     "fail to register encoding callback!\n", 0, -1},
+    {"encode_change", [](H h) { return orlo_display_encode_change(h, 1, 2, P(48)); },
+     "ravel_encode_change", {1, 2, 48}, "fail to change encoder param!\n", 7, -3},
+    {"set_bitrate", [](H h) { return orlo_display_set_encode_bitrate(h, 1, 2, 4000); },
+     "ravel_set_encode_bitrate", {1, 2, 4000}, "fail to change encoder param!\n", 0, -1},
+    {"get_bitrate", [](H h) { return orlo_display_get_encode_bitrate(h, 1, 2, &g_bitrate); },
+     "ravel_get_encode_bitrate", {1, 2, reinterpret_cast<intptr_t>(&g_bitrate)},
+     "fail to change encoder param!\n", 0, -1},
+    {"md_param", [](H h) { return orlo_display_md_set_param(h, 5, P(64), 12); },
+     "ravel_motion_detect_config_param", {5, 64, 12}, "fail to set md param!\n", 0, -1},
+    {"set_time", [](H h) { return orlo_display_set_time(h, 0x123456789ULL, 9); },
+     "ravel_set_time", {9, 0x123456789LL, 9}, "fail to set M3 time!\n", 7, -1},
 };
+// clang-format on
 
 class Guarded : public ::testing::TestWithParam<guarded_case> {};
 
-TEST_P(Guarded, BeforeCreationRefusesWithoutCallingTheEngine) {
+TEST_P(Guarded, RefusedWithoutEngineThenForwardsAndReportsTheAnswer) {
+  const guarded_case &p = GetParam();
   log_capture log;
-  EXPECT_EQ(GetParam().op(nullptr), -1);
+  EXPECT_EQ(p.op(nullptr), -1);
   EXPECT_TRUE(fake_engine::calls().empty());
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), texts{kNoEngine});
-}
 
-TEST_P(Guarded, ForwardsArgumentsAndReportsTheAnswer) {
-  const guarded_case &p = GetParam();
   orlo_display_t *h = make_display();
   fake_engine::reset();
-  log_capture log;
+  log.clear();
   fake_engine::script_result(p.engine_call, 7);
   EXPECT_EQ(p.op(h), p.result_on_7);
   auto calls = fake_engine::calls();
@@ -139,12 +94,48 @@ TEST_P(Guarded, ForwardsArgumentsAndReportsTheAnswer) {
 INSTANTIATE_TEST_SUITE_P(Operations, Guarded, ::testing::ValuesIn(kGuarded),
                          [](const auto &info) { return std::string(info.param.label); });
 
-TEST(HostcommAddr, AddressZeroOrNoEngine) {
+// Calls whose answer comes back unlooked at (before creation the engine is
+// called with no handle); the hostcomm address and the system time.
+// clang-format off
+const struct {
+  std::function<int(orlo_display_t *)> op;
+  const char *engine_call;
+  args_t args;  // after the engine handle
+} kForwards[] = {
+    {[](H h) { return orlo_display_push_dec_frame_buffer(h, 5); }, "ravel_pause_frame", {5}},
+    // The display is always the first, whatever the second argument says.
+    {[](H h) { return orlo_display_set_enable(h, 99, 1); }, "ravel_set_display_enable", {0, 1}},
+    {[](H h) { return orlo_display_set_embedded_osd_enable(h, 1, 2, 3); }, "ravel_set_osd_enable",
+     {1, 2, 3}},
+    {[](H h) { return orlo_display_set_embedded_osd_option(h, 4, 5, 6); }, "ravel_set_osd_option",
+     {4, 5, 6}},
+};
+// clang-format on
+
+TEST(Unguarded, ForwardsHostcommAndSystemTime) {
   log_capture log;
+  int (*const systime[])(uint64_t) = {&orlo_display_sys_time_init, &orlo_display_sys_time_sync};
+  const char *const systime_calls[] = {"ravel_set_sys_time_init", "ravel_set_sys_time_sync"};
+  for (const auto &f : kForwards) EXPECT_EQ(f.op(nullptr), 0) << f.engine_call;
   EXPECT_EQ(orlo_display_get_hostcomm_addr(nullptr, 1, 2), 0u);
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), texts{kNoEngine});
+  for (auto op : systime) EXPECT_EQ(op(5), -1);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), texts(3, kNoEngine));
+
   orlo_display_t *h = make_display();
   log.clear();
+  for (const auto &f : kForwards) {
+    fake_engine::script_result(f.engine_call, -8);
+    EXPECT_EQ(f.op(h), -8) << f.engine_call;
+    auto calls = fake_engine::calls(f.engine_call);
+    ASSERT_EQ(calls.size(), 2u);
+    args_t before = {0}, after = {engine_word()};
+    before.insert(before.end(), f.args.begin(), f.args.end());
+    after.insert(after.end(), f.args.begin(), f.args.end());
+    EXPECT_EQ(calls[0].args, before);
+    EXPECT_EQ(calls[1].args, after);
+  }
+  EXPECT_TRUE(log.lines().empty());
+
   fake_engine::script_result("ravel_get_hostcomm_addr", 0x4000);
   EXPECT_EQ(orlo_display_get_hostcomm_addr(h, 1, 2), 0x4000u);
   EXPECT_EQ(fake_engine::calls("ravel_get_hostcomm_addr").at(0).args,
@@ -153,94 +144,20 @@ TEST(HostcommAddr, AddressZeroOrNoEngine) {
   fake_engine::script_result("ravel_get_hostcomm_addr", 0);
   EXPECT_EQ(orlo_display_get_hostcomm_addr(h, 1, 2), 0u);
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), texts{"fail to get hostcomm address!\n"});
+
+  for (int i = 0; i < 2; i++) {
+    log.clear();
+    fake_engine::reset();
+    EXPECT_EQ(systime[i](0), -1);
+    EXPECT_EQ(log.texts(G_LOG_LEVEL_MESSAGE), texts{"[orlo] set time value error\n"});
+    EXPECT_TRUE(fake_engine::calls().empty());
+    fake_engine::script_result(systime_calls[i], -4);
+    EXPECT_EQ(systime[i](0x1122334455ULL), -4);  // given back as it comes
+    EXPECT_EQ(fake_engine::calls(systime_calls[i]).at(0).args, (args_t{0x1122334455LL}));
+  }
 }
 
-struct systime_case {
-  const char *label;
-  int (*op)(uint64_t);
-  const char *engine_call;
-};
-void PrintTo(const systime_case &c, std::ostream *os) { *os << c.label; }
-
-class SysTime : public ::testing::TestWithParam<systime_case> {};
-
-TEST_P(SysTime, NoEngineZeroTimeAndTheEnginesAnswer) {
-  const systime_case &p = GetParam();
-  log_capture log;
-  EXPECT_EQ(p.op(5), -1);
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), texts{kNoEngine});
-  make_display();
-  fake_engine::reset();
-  log.clear();
-  EXPECT_EQ(p.op(0), -1);
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_MESSAGE), texts{"[orlo] set time value error\n"});
-  EXPECT_TRUE(fake_engine::calls().empty());
-  fake_engine::script_result(p.engine_call, -4);
-  EXPECT_EQ(p.op(0x1122334455ULL), -4);  // given back as it comes
-  EXPECT_EQ(fake_engine::calls(p.engine_call).at(0).args, (args_t{0x1122334455LL}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Calls, SysTime,
-    ::testing::Values(systime_case{"init", &orlo_display_sys_time_init, "ravel_set_sys_time_init"},
-                      systime_case{"sync", &orlo_display_sys_time_sync, "ravel_set_sys_time_sync"}),
-    [](const auto &info) { return std::string(info.param.label); });
-
-// ---- plain forwards ----
-
-struct forward_case {
-  const char *label;
-  std::function<int(orlo_display_t *)> op;
-  const char *engine_call;
-  args_t args;  // after the engine handle
-};
-void PrintTo(const forward_case &c, std::ostream *os) { *os << c.label; }
-
-const forward_case kForwards[] = {
-    {"pause_frame",
-     [](orlo_display_t *h) { return orlo_display_push_dec_frame_buffer(h, 5); },
-     "ravel_pause_frame",
-     {5}},
-    // The display is always the first, whatever the second argument says.
-    {"display_enable",
-     [](orlo_display_t *h) { return orlo_display_set_enable(h, 99, 1); },
-     "ravel_set_display_enable",
-     {0, 1}},
-    {"osd_enable",
-     [](orlo_display_t *h) { return orlo_display_set_embedded_osd_enable(h, 1, 2, 3); },
-     "ravel_set_osd_enable",
-     {1, 2, 3}},
-    {"osd_option",
-     [](orlo_display_t *h) { return orlo_display_set_embedded_osd_option(h, 4, 5, 6); },
-     "ravel_set_osd_option",
-     {4, 5, 6}},
-};
-
-class Forward : public ::testing::TestWithParam<forward_case> {};
-
-TEST_P(Forward, AnswerComesBackUnlookedAt) {
-  const forward_case &p = GetParam();
-  log_capture log;
-  // Before creation the engine is called with no handle.
-  EXPECT_EQ(p.op(nullptr), 0);
-  orlo_display_t *h = make_display();
-  fake_engine::script_result(p.engine_call, -8);
-  EXPECT_EQ(p.op(h), -8);
-  auto calls = fake_engine::calls(p.engine_call);
-  ASSERT_EQ(calls.size(), 2u);
-  args_t before = {0};
-  before.insert(before.end(), p.args.begin(), p.args.end());
-  args_t after = {engine_word()};
-  after.insert(after.end(), p.args.begin(), p.args.end());
-  EXPECT_EQ(calls[0].args, before);
-  EXPECT_EQ(calls[1].args, after);
-  EXPECT_TRUE(log.lines().empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(Operations, Forward, ::testing::ValuesIn(kForwards),
-                         [](const auto &info) { return std::string(info.param.label); });
-
-// ---- record copies ----
+// ---- record copies: the engine sees the bytes, never the caller's memory ----
 
 // The record the engine saw, and checks that it was not the caller's.
 std::vector<uint8_t> seen_copy(const char *engine_call, const void *caller) {
@@ -258,132 +175,100 @@ struct caller_mask {
   int32_t entry[4][7];
 };
 
-class MaskCount : public ::testing::TestWithParam<int> {};
-
-TEST_P(MaskCount, CountEntriesAreCopiedAndNoMore) {
-  const int count = GetParam();
-  orlo_display_t *h = make_display();
-  fake_engine::script_result("ravel_set_mask", 6);
-  caller_mask m;
-  m.word0 = 0x7777;
-  m.count = count;
-  for (int e = 0; e < 4; e++)
-    for (int w = 0; w < 7; w++) m.entry[e][w] = 100 * (e + 1) + w;
-  EXPECT_EQ(orlo_display_set_mask(h, &m), 6);
-  auto rec = seen_copy("ravel_set_mask", &m);
-  ASSERT_EQ(rec.size(), sizeof(ravel_mask_t));
-  ravel_mask_t copy;
-  std::memcpy(&copy, rec.data(), sizeof copy);
-  EXPECT_EQ(copy.reserved, 0);
-  EXPECT_EQ(copy.count, count);
-  for (int e = 0; e < 4; e++)
-    for (int w = 0; w < 7; w++)
-      EXPECT_EQ(copy.entry[e].word[w], e < count ? m.entry[e][w] : 0) << e << "/" << w;
-}
-
-INSTANTIATE_TEST_SUITE_P(Counts, MaskCount, ::testing::Values(-2, 0, 1, 3, 4));
-
-TEST(MaskCount, AboveFourIsRefused) {
+TEST(RecordCopy, MaskCopiesCountEntriesAndRefusesAboveFour) {
   log_capture log;
   orlo_display_t *h = make_display();
-  caller_mask m{};
+  caller_mask m;
+  m.word0 = 0x7777;
+  for (int e = 0; e < 4; e++)
+    for (int w = 0; w < 7; w++) m.entry[e][w] = 100 * (e + 1) + w;
+  for (int count : {-2, 0, 1, 3, 4}) {
+    SCOPED_TRACE(count);
+    fake_engine::reset();
+    fake_engine::script_result("ravel_set_mask", 6);
+    m.count = count;
+    EXPECT_EQ(orlo_display_set_mask(h, &m), 6);
+    auto rec = seen_copy("ravel_set_mask", &m);
+    ASSERT_EQ(rec.size(), sizeof(ravel_mask_t));
+    ravel_mask_t copy;
+    std::memcpy(&copy, rec.data(), sizeof copy);
+    EXPECT_EQ(copy.reserved, 0);
+    EXPECT_EQ(copy.count, count);
+    for (int e = 0; e < 4; e++)
+      for (int w = 0; w < 7; w++)
+        EXPECT_EQ(copy.entry[e].word[w], e < count ? m.entry[e][w] : 0) << e << "/" << w;
+  }
+  fake_engine::reset();
   m.count = 5;
   EXPECT_EQ(orlo_display_set_mask(h, &m), -1);
-  EXPECT_TRUE(fake_engine::calls("ravel_set_mask").empty());
+  EXPECT_TRUE(fake_engine::calls().empty());
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), texts{"orlo_display_set_mask:invalid mask count:5\n"});
 }
 
-// Fixed-size records: copied whole, the engine sees the bytes, not the
-// caller's memory.
-struct record_case {
-  const char *label;
-  size_t size;
-  std::function<int(orlo_display_t *, const void *)> op;
-  const char *engine_call;
-};
-void PrintTo(const record_case &c, std::ostream *os) { *os << c.label; }
-
-class RecordCopy : public ::testing::TestWithParam<record_case> {};
-
-TEST_P(RecordCopy, CopiedWhole) {
-  const record_case &p = GetParam();
-  orlo_display_t *h = make_display();
-  fake_engine::script_result(p.engine_call, 2);
-  std::vector<uint8_t> rec(p.size);
-  for (size_t i = 0; i < p.size; i++) rec[i] = static_cast<uint8_t>(i * 7 + 1);
-  EXPECT_EQ(p.op(h, rec.data()), 2);
-  EXPECT_EQ(seen_copy(p.engine_call, rec.data()), rec);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Records, RecordCopy,
-    ::testing::Values(
-        record_case{"roi", 212,
-                    [](orlo_display_t *h, const void *r) { return orlo_display_set_roi(h, r); },
-                    "ravel_set_ROI_coordinate"},
-        record_case{"dnr", 20,
-                    [](orlo_display_t *h, const void *r) { return orlo_display_set_dnr(h, r); },
-                    "ravel_set_dnr"},
-        record_case{"mirror", 4,
-                    [](orlo_display_t *h, const void *r) {
-                      return orlo_display_set_mirror(h, static_cast<const int32_t *>(r));
-                    },
-                    "ravel_set_mirror"},
-        record_case{"rotate", 4,
-                    [](orlo_display_t *h, const void *r) {
-                      return orlo_display_set_rotate(h, static_cast<const int32_t *>(r));
-                    },
-                    "ravel_set_rotate"},
-        record_case{
-            "datetime", 8,
-            [](orlo_display_t *h, const void *r) { return orlo_display_set_datetime_format(h, r); },
-            "ravel_set_datetime_format"}),
-    [](const auto &info) { return std::string(info.param.label); });
-
-class IpOsd : public ::testing::TestWithParam<size_t> {};
-
-TEST_P(IpOsd, WordAndTextUpToFortyThreeCharacters) {
-  const size_t len = GetParam();
-  orlo_display_t *h = make_display();
-  std::vector<char> rec(4 + len + 1, 0);
-  const int32_t enable = 0x01020304;
-  std::memcpy(rec.data(), &enable, 4);
-  for (size_t i = 0; i < len; i++) rec[4 + i] = static_cast<char>('a' + i % 26);
-  EXPECT_EQ(orlo_display_set_embedded_ip_osd_enable(h, rec.data()), 0);
-  auto seen = seen_copy("ravel_set_ip_osd_enable", rec.data());
-  ASSERT_EQ(seen.size(), sizeof(ravel_ip_osd_t));
-  ravel_ip_osd_t copy;
-  std::memcpy(&copy, seen.data(), sizeof copy);
-  EXPECT_EQ(copy.enable, enable);
-  EXPECT_EQ(std::string(copy.text), std::string(rec.data() + 4));
-}
-
-INSTANTIATE_TEST_SUITE_P(Lengths, IpOsd, ::testing::Values(0u, 1u, 15u, 43u));
-
-TEST(IpOsd, LongerTextIsRefusedWithoutReadingPastTheCopy) {
+TEST(RecordCopy, FixedSizeRecordsCopiedWholeAndNullRefused) {
   log_capture log;
   orlo_display_t *h = make_display();
+  using rec_fn = std::function<int(orlo_display_t *, const void *)>;
+  auto i32 = [](const void *r) { return static_cast<const int32_t *>(r); };
+  const struct {
+    size_t size;
+    rec_fn op;
+    const char *engine_call;
+  } cases[] = {
+      // clang-format off
+      {212, [](H h, const void *r) { return orlo_display_set_roi(h, r); },
+       "ravel_set_ROI_coordinate"},
+      {20, [](H h, const void *r) { return orlo_display_set_dnr(h, r); }, "ravel_set_dnr"},
+      {4, [&](H h, const void *r) { return orlo_display_set_mirror(h, i32(r)); },
+       "ravel_set_mirror"},
+      {4, [&](H h, const void *r) { return orlo_display_set_rotate(h, i32(r)); },
+       "ravel_set_rotate"},
+      {8, [](H h, const void *r) { return orlo_display_set_datetime_format(h, r); },
+       "ravel_set_datetime_format"},
+      // clang-format on
+  };
+  for (const auto &p : cases) {
+    SCOPED_TRACE(p.engine_call);
+    fake_engine::reset();
+    fake_engine::script_result(p.engine_call, 2);
+    std::vector<uint8_t> rec(p.size);
+    for (size_t i = 0; i < p.size; i++) rec[i] = static_cast<uint8_t>(i * 7 + 1);
+    EXPECT_EQ(p.op(h, rec.data()), 2);
+    EXPECT_EQ(seen_copy(p.engine_call, rec.data()), rec);
+    EXPECT_EQ(p.op(h, nullptr), -1);
+  }
+  EXPECT_EQ(orlo_display_set_mask(h, nullptr), -1);
+  EXPECT_EQ(orlo_display_set_embedded_ip_osd_enable(h, nullptr), -1);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 7u);
+  EXPECT_EQ(fake_engine::calls().size(), 1u);  // the last record's call only
+}
+
+TEST(RecordCopy, IpOsdWordAndTextUpToFortyThreeCharacters) {
+  log_capture log;
+  orlo_display_t *h = make_display();
+  const int32_t enable = 0x01020304;
+  for (size_t len : {0u, 1u, 15u, 43u}) {
+    SCOPED_TRACE(len);
+    fake_engine::reset();
+    std::vector<char> rec(4 + len + 1, 0);
+    std::memcpy(rec.data(), &enable, 4);
+    for (size_t i = 0; i < len; i++) rec[4 + i] = static_cast<char>('a' + i % 26);
+    EXPECT_EQ(orlo_display_set_embedded_ip_osd_enable(h, rec.data()), 0);
+    auto seen = seen_copy("ravel_set_ip_osd_enable", rec.data());
+    ASSERT_EQ(seen.size(), sizeof(ravel_ip_osd_t));
+    ravel_ip_osd_t copy;
+    std::memcpy(&copy, seen.data(), sizeof copy);
+    EXPECT_EQ(copy.enable, enable);
+    EXPECT_EQ(std::string(copy.text), std::string(rec.data() + 4));
+  }
   // Exactly 4 + 44 bytes, no terminator: nothing beyond may be read.
+  fake_engine::reset();
   std::vector<char> rec(4 + 44, 'x');
   EXPECT_EQ(orlo_display_set_embedded_ip_osd_enable(h, rec.data()), -1);
-  EXPECT_TRUE(fake_engine::calls("ravel_set_ip_osd_enable").empty());
+  EXPECT_TRUE(fake_engine::calls().empty());
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
             texts{"orlo_display_set_embedded_ip_osd_enable:ip osd text longer than 43 "
                   "characters\n"});
-}
-
-TEST(RecordCopy, NullRecordsAreRefused) {
-  log_capture log;
-  orlo_display_t *h = make_display();
-  EXPECT_EQ(orlo_display_set_mask(h, nullptr), -1);
-  EXPECT_EQ(orlo_display_set_roi(h, nullptr), -1);
-  EXPECT_EQ(orlo_display_set_dnr(h, nullptr), -1);
-  EXPECT_EQ(orlo_display_set_mirror(h, nullptr), -1);
-  EXPECT_EQ(orlo_display_set_rotate(h, nullptr), -1);
-  EXPECT_EQ(orlo_display_set_datetime_format(h, nullptr), -1);
-  EXPECT_EQ(orlo_display_set_embedded_ip_osd_enable(h, nullptr), -1);
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 7u);
-  EXPECT_EQ(fake_engine::names(), std::vector<std::string>{"ravel_new"});
 }
 
 // ---- gated on the first start ----
@@ -421,11 +306,5 @@ INSTANTIATE_TEST_SUITE_P(
         gated_case{"check_processor", &orlo_display_check_processor, "ravel_check_alive_m3"},
         gated_case{"print_statistics", &orlo_display_print_statistics, "ravel_print_statistics"}),
     [](const auto &info) { return std::string(info.param.label); });
-
-TEST(BcControl, GivesBackItsArgument) {
-  EXPECT_EQ(orlo_display_bc_control(42), 42);
-  EXPECT_EQ(orlo_display_bc_control(-1), -1);
-  EXPECT_TRUE(fake_engine::calls().empty());
-}
 
 }  // namespace
