@@ -41,12 +41,6 @@ bool run_to_eos(const std::string &launch, int *handoffs) {
   return ok;
 }
 
-std::string channel_file(const std::string &folder, int ch) {
-  gchar name[16];
-  g_snprintf(name, sizeof name, "ch%02d.h264", ch);
-  return folder + "/" + name;
-}
-
 bool record_channel(const std::string &folder, int ch, int frames, int64_t start) {
   gchar *launch = g_strdup_printf(
       "videotestsrc num-buffers=%d pattern=ball ! video/x-raw,width=64,height=48,framerate=%d/1 "

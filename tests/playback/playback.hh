@@ -39,9 +39,8 @@ class temp_folder {
 bool run_to_eos(const std::string &launch, int *handoffs = nullptr);
 
 // Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
-// the first at recorder time `start`.
+// the first at recorder time `start`, into the folder's "chNN.h264".
 bool record_channel(const std::string &folder, int ch, int frames, int64_t start = kStart);
-std::string channel_file(const std::string &folder, int ch);
 
 inline orlo_timeval_t tv(int64_t ns) {
   return orlo_timeval_t{static_cast<int32_t>(ns / 1000000000),
