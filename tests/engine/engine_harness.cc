@@ -11,8 +11,6 @@ void count_release(void *buffer) { static_cast<test_frame *>(buffer)->releases++
 
 }  // namespace
 
-void engine_harness::SetUp() {}
-
 ravel_t *engine_harness::start(int32_t format) {
   int32_t formats[4] = {format, 0, 0, 0};
   int32_t ids[4] = {0, 0, 0, 0};
@@ -45,12 +43,16 @@ int32_t engine_harness::push(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb,
                              ravel_image_cb image_cb) {
   auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   for (;;) {
-    int32_t r =
-        ravel_put_decode_stream(engine_, port, f, f->data.data(),
-                                static_cast<int32_t>(f->data.size()), 0, jpeg_cb, image_cb, 0, 0);
+    int32_t r = put(port, f, jpeg_cb, image_cb);
     if (r == 0 || std::chrono::steady_clock::now() > until) return r;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+}
+
+int32_t engine_harness::put(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb,
+                            ravel_image_cb image_cb) {
+  return ravel_put_decode_stream(engine_, port, f, f->data.data(),
+                                 static_cast<int32_t>(f->data.size()), 0, jpeg_cb, image_cb, 0, 0);
 }
 
 void engine_harness::push_all(int32_t port, const std::vector<test_frame *> &frames) {

@@ -29,13 +29,15 @@ struct test_frame {
 
 class engine_harness : public ::testing::Test {
  protected:
-  void SetUp() override;
   // A started engine with display format `format`.
   ravel_t *start(int32_t format = 0);
 
   // Frames of a solid colour, owned by the harness until the end of the test.
   std::vector<test_frame *> stream(rgb colour, int frames, int gop = 10, int width = 160,
                                    int height = 96);
+  // One attempt to push a frame.
+  int32_t put(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb = nullptr,
+              ravel_image_cb image_cb = nullptr);
   // Pushes one frame, retrying while the port's queue is full; the result
   // of the last attempt.
   int32_t push(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb = nullptr,

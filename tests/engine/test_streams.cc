@@ -20,9 +20,7 @@ TEST_F(streams, AFullQueueRefusesAndEveryBufferComesBackOnce) {
   ASSERT_EQ(ravel_soft_hold_port(engine_, 3, 1), 0);
   size_t accepted = 0;
   for (test_frame *f : frames) {
-    int32_t r =
-        ravel_put_decode_stream(engine_, 3, f, f->data.data(), static_cast<int32_t>(f->data.size()),
-                                0, nullptr, nullptr, 0, 0);
+    int32_t r = put(3, f);
     if (r != 0) {
       EXPECT_EQ(r, -1);
       break;
@@ -119,10 +117,7 @@ TEST_F(streams, FramesAreTakenOnlyWhileTheEngineRuns) {
   ASSERT_NE(engine_, nullptr);
   auto frames = stream(kRed, 6);
   // Before ravel_start: refused.
-  EXPECT_EQ(ravel_put_decode_stream(engine_, 0, frames[0], frames[0]->data.data(),
-                                    static_cast<int32_t>(frames[0]->data.size()), 0, nullptr,
-                                    nullptr, 0, 0),
-            -1);
+  EXPECT_EQ(put(0, frames[0]), -1);
   ASSERT_EQ(ravel_start(engine_), 0);
   ASSERT_EQ(push(0, frames[0]), 0);
   ASSERT_TRUE(handled(0, 1));
@@ -132,10 +127,7 @@ TEST_F(streams, FramesAreTakenOnlyWhileTheEngineRuns) {
   ASSERT_EQ(ravel_stop(engine_), 0);
   ASSERT_TRUE(handled(0, 3));
   EXPECT_EQ(stats(0).decoded, 1u);
-  EXPECT_EQ(ravel_put_decode_stream(engine_, 0, frames[3], frames[3]->data.data(),
-                                    static_cast<int32_t>(frames[3]->data.size()), 0, nullptr,
-                                    nullptr, 0, 0),
-            -1);
+  EXPECT_EQ(put(0, frames[3]), -1);
   EXPECT_EQ(ravel_soft_wait_compose(engine_, 100), -1) << "a stopped engine composes nothing";
   for (int i = 0; i < 3; i++) EXPECT_EQ(frames[i]->releases.load(), 1);
   EXPECT_EQ(frames[3]->releases.load(), 0);
@@ -170,18 +162,21 @@ TEST_F(streams, BadArgumentsAreRefused) {
   auto frames = stream(kRed, 1);
   test_frame *f = frames[0];
   auto size = static_cast<int32_t>(f->data.size());
-  EXPECT_EQ(
-      ravel_put_decode_stream(engine_, -1, f, f->data.data(), size, 0, nullptr, nullptr, 0, 0), -1);
-  EXPECT_EQ(
-      ravel_put_decode_stream(engine_, 18, f, f->data.data(), size, 0, nullptr, nullptr, 0, 0), -1);
-  EXPECT_EQ(ravel_put_decode_stream(engine_, 0, f, nullptr, size, 0, nullptr, nullptr, 0, 0), -1);
-  EXPECT_EQ(
-      ravel_put_decode_stream(engine_, 0, nullptr, f->data.data(), size, 0, nullptr, nullptr, 0, 0),
-      -1);
-  EXPECT_EQ(ravel_put_decode_stream(engine_, 0, f, f->data.data(), 0, 0, nullptr, nullptr, 0, 0),
-            -1);
-  EXPECT_EQ(ravel_put_decode_stream(nullptr, 0, f, f->data.data(), size, 0, nullptr, nullptr, 0, 0),
-            -1);
+  const uint8_t *data = f->data.data();
+  const struct {
+    ravel_t *engine;
+    int32_t port;
+    test_frame *buffer;
+    const uint8_t *data;
+    int32_t size;
+  } bad[] = {{engine_, -1, f, data, size},   {engine_, 18, f, data, size},
+             {engine_, 0, f, nullptr, size}, {engine_, 0, nullptr, data, size},
+             {engine_, 0, f, data, 0},       {nullptr, 0, f, data, size}};
+  for (const auto &b : bad)
+    EXPECT_EQ(ravel_put_decode_stream(b.engine, b.port, b.buffer, b.data, b.size, 0, nullptr,
+                                      nullptr, 0, 0),
+              -1)
+        << "port " << b.port;
   EXPECT_EQ(stats(0).refused, 3u);
   EXPECT_EQ(f->releases.load(), 0);
 }

@@ -21,6 +21,7 @@ namespace shell_test {
 
 namespace {
 
+using steady = std::chrono::steady_clock;
 constexpr auto patience = std::chrono::seconds(20);
 
 sockaddr_in loopback(int port) {
@@ -31,16 +32,6 @@ sockaddr_in loopback(int port) {
   return address;
 }
 
-int free_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = loopback(0);
-  bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
 }  // namespace
 
 int start_listener() {
@@ -49,9 +40,15 @@ int start_listener() {
     int nothing = open("/dev/null", O_RDONLY);
     dup2(nothing, STDIN_FILENO);
     close(nothing);
-    // The test commands live in this program's own section.
     EXPECT_EQ(0, shell_add_commands(&test_cmd_quit));
-    int chosen = free_port();
+    // A free port: bound to port 0 and let go.
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    ::close(fd);
+    int chosen = ntohs(address.sin_port);
     std::thread([chosen] { zebshell(chosen); }).detach();
     return chosen;
   }();
@@ -59,14 +56,13 @@ int start_listener() {
 }
 
 client::client(int port) {
-  const auto give_up = std::chrono::steady_clock::now() + patience;
+  const auto give_up = steady::now() + patience;
+  sockaddr_in address = loopback(port);
   for (;;) {
     fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = loopback(port);
     if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) break;
-    ::close(fd_);
-    fd_ = -1;
-    if (std::chrono::steady_clock::now() > give_up) {
+    close();
+    if (steady::now() > give_up) {
       ADD_FAILURE() << "no listener on port " << port;
       return;
     }
@@ -90,32 +86,22 @@ void client::reset() {
 }
 
 void client::send(const std::string &bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t sent = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    ASSERT_GT(sent, 0) << "send failed";
-    done += static_cast<size_t>(sent);
-  }
+  ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+            ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL));
 }
 
 std::string client::read_until(const std::string &suffix) {
-  const auto give_up = std::chrono::steady_clock::now() + patience;
+  const auto give_up = steady::now() + patience;
   std::string got;
-  while (got.size() < suffix.size() ||
-         got.compare(got.size() - suffix.size(), suffix.size(), suffix) != 0) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    give_up - std::chrono::steady_clock::now())
-                    .count();
+  while (!got.ends_with(suffix)) {
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(give_up - steady::now()).count();
     pollfd waiting{fd_, POLLIN, 0};
-    if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) != 1) {
-      ADD_FAILURE() << "timed out waiting for the end \"" << suffix << "\"; got \"" << got << '"';
-      return got;
-    }
     char byte;
     // One byte at a time: nothing behind the suffix is consumed.
-    ssize_t n = recv(fd_, &byte, 1, 0);
-    if (n <= 0) {
-      ADD_FAILURE() << "connection closed; got \"" << got << '"';
+    if (left <= 0 || poll(&waiting, 1, static_cast<int>(left)) != 1 ||
+        recv(fd_, &byte, 1, 0) != 1) {
+      ADD_FAILURE() << "timed out or closed waiting for \"" << suffix << "\"; got \"" << got << '"';
       return got;
     }
     got += byte;
@@ -132,12 +118,9 @@ std::string client::read_prompts(int count) {
 std::string client::read_for(int ms) {
   std::string got;
   pollfd waiting{fd_, POLLIN, 0};
-  while (poll(&waiting, 1, ms) == 1) {
-    char buffer[256];
-    ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
-    if (n <= 0) break;
+  char buffer[256];
+  for (ssize_t n; poll(&waiting, 1, ms) == 1 && (n = recv(fd_, buffer, sizeof buffer, 0)) > 0;)
     got.append(buffer, static_cast<size_t>(n));
-  }
   return got;
 }
 

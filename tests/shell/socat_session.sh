@@ -25,22 +25,14 @@ for _ in $(seq 50); do
   sleep 0.1
 done
 
-printf '%s\r\n' \
-  'Welcome to vexshell!' \
-  'Warnning: Do not open this telnet shell for release version!!!! ' \
-  'vexsh:> ' \
-  "Help for 'help': Help command" \
-  ' Usage: help [command]' \
+# Each prompt is followed by the line end sent on commit.
+printf '%s\r\n' 'Welcome to vexshell!' \
+  'Warnning: Do not open this telnet shell for release version!!!! ' 'vexsh:> ' \
+  "Help for 'help': Help command" ' Usage: help [command]' \
   'Get help on [command], or a list of supported commands if a command is omitted.' \
-  'vexsh:> ' \
-  'nosuch: command not found' \
-  'vexsh:> ' \
-  'bye' >"$work/want"  # each prompt is followed by the line end sent on commit
+  'vexsh:> ' 'nosuch: command not found' 'vexsh:> ' 'bye' >"$work/want"
 
-if cmp -s "$work/want" "$work/got"; then
-  echo "1 passed, 0 failed"
-  exit 0
-fi
+cmp -s "$work/want" "$work/got" && { echo "1 passed, 0 failed"; exit 0; }
 echo "socat session differs; wanted then got:"
 od -c "$work/want" | tail -n 8
 od -c "$work/got" | tail -n 8

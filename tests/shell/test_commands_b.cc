@@ -5,13 +5,8 @@
 
 namespace {
 
-int ab(int, char **) {
-  shell_printf("ab ran\r\n");
-  return 0;
-}
-
-int abc(int, char **) {
-  shell_printf("abc ran\r\n");
+int ran(int, char **argv) {
+  shell_printf("%s ran\r\n", argv[0]);
   return 0;
 }
 
@@ -29,16 +24,11 @@ int getch(int, char **) {
   return 0;
 }
 
-int long_name(int, char **) {
-  shell_printf("long ran\r\n");
-  return 0;
-}
-
 }  // namespace
 
-SHELL_CMD(test_cmd_abc, "abc", "Second of a pair", "abc", abc);
+SHELL_CMD(test_cmd_abc, "abc", "Second of a pair", "abc", ran);
 SHELL_CMD(test_cmd_flood, "flood", "Print 8 MB", "flood", flood);
-SHELL_CMD(test_cmd_ab, "ab", "First of a pair", "ab", ab);
+SHELL_CMD(test_cmd_ab, "ab", "First of a pair", "ab", ran);
 SHELL_CMD(test_cmd_getch, "getch", "Read one key", "getch", getch);
 SHELL_CMD(test_cmd_long, "x_command_name_longer_than_24", "A long name",
-          "x_command_name_longer_than_24", long_name);
+          "x_command_name_longer_than_24", ran);

@@ -29,8 +29,20 @@ SHELL_CMD(test_cmd_very_long, very_long_name.c_str(), "Very long name", "y...", 
 namespace {
 
 const std::string prompt = "vexsh:> ";
+const std::string help_help =
+    "Help for 'help': Help command\r\n Usage: help [command]\r\n"
+    "Get help on [command], or a list of supported commands if a command is omitted.\r\n" +
+    prompt;
+const std::string help_ab = "\r\nHelp for 'ab': First of a pair\r\n Usage: ab\r\n" + prompt;
 
 std::string not_found(const std::string &word) { return word + ": command not found\r\n" + prompt; }
+
+// What Up shows: the line on show is wiped, the older one printed.
+std::string recalled(const std::string &shown, const std::string &older) {
+  std::string out;
+  for (size_t i = 0; i < shown.size(); ++i) out += "\b \b";
+  return out + older;
+}
 
 // A connected client past the greeting.
 struct session : ::testing::Test {
@@ -43,134 +55,97 @@ struct session : ::testing::Test {
   client link;
 };
 
-TEST_F(session, TypedTextIsNotEchoedButTheTextBehindAnInsertionIs) {
-  EXPECT_EQ("\r\n" + not_found("abcd"), line("abcd\r"));
-  // a b d, left, c: the d is sent again behind the c, and the cursor put back.
-  EXPECT_EQ("\bd\b\r\n" + not_found("abcd"), line("abd\x1b[Dc\r"));
-}
-
-TEST_F(session, BackSpaceAndDeleteRedrawTheTail) {
-  // a b c d, left, left, back space (b goes), delete (c goes).
-  EXPECT_EQ(
-      "\b\b"
-      "\bcd \b\b\b"
-      "d \b\b"
-      "\r\n" +
-          not_found("ad"),
-      line("abcd\x1b[D\x1b[D\x7f\x1b[3~\r"));
-  // Back space at the start and delete at the end send nothing; byte 8 is a back space too.
-  EXPECT_EQ("\b \b\r\n" + not_found("y"), line("\x7f\x1b[3~x\x08y\x1b[3~\r"));
-}
-
-TEST_F(session, HomeEndAndOverwrite) {
-  EXPECT_EQ(
-      "\b\b\b"
-      "abc\b\b\b"
-      "abc"
-      "\r\n" +
-          not_found("Xabc"),
-      line("abc\x1b[1~X\x1b[4~\r"));
-  // Home on an empty line sends nothing at all.
-  EXPECT_EQ("\r\n" + not_found("q"), line("\x1b[1~q\r"));
-  // Overwrite sends nothing and lengthens the line at its end.
-  EXPECT_EQ("\b\b\r\n" + not_found("aZcW"), line("abc\x1b[D\x1b[D\x1b[2~ZcW\r"));
-}
-
-TEST_F(session, UnknownAndPartialEscapeSequencesAreDropped) {
-  // ESC O A, ESC [ H, ESC [ 5 ~ do nothing; ESC [ 1 5 ~ leaves its ~ as text;
-  // ESC [ 1 7 ~ swallows it; a line end inside a sequence is a plain byte.
-  EXPECT_EQ("\r\n" + not_found("A~a"), line("\x1bOA\x1b[H\x1b[5~\x1b[15~\x1b[17~\x1b\ra\r"));
-}
-
-TEST_F(session, LinesAreCappedAt255Characters) {
-  const std::string full(255, 'x');
-  // The word is cut to the 127 characters of the token buffer; the message is
-  // still longer than the formatting buffer and arrives whole.
-  const std::string word(127, 'x');
-  EXPECT_EQ("\r\n" + not_found(word), line(std::string(300, 'x') + "\r"));
-  // Recalled, the line shows that it kept 255 characters. A full line takes
-  // no key in overwrite mode with the cursor inside it either.
-  EXPECT_EQ(full + "\b\r\n" + not_found(word), line("\x1b[A\x1b[D\x1b[2~y\r"));
-  // Completing a name longer than a line stops at the line's end, blank
-  // included.
-  EXPECT_EQ(std::string(254, 'y') + "\r\n" + not_found(std::string(127, 'y')), line("y\t\r"));
-}
-
-// What Up shows: the line on show is wiped, the older one printed.
-std::string recalled(const std::string &shown, const std::string &older) {
-  std::string out;
-  for (size_t i = 0; i < shown.size(); ++i) out += "\b \b";
-  return out + older;
-}
-
-TEST_F(session, ThirtyOneLinesCanBeRecalled) {
-  std::string keys;
-  for (int i = 1; i <= 31; ++i) keys += "c" + std::to_string(i) + "\r";
-  link.send(keys);
-  link.read_prompts(31);
-  // With text typed on the head line, so that the walk cannot stop at an
-  // empty slot.
-  std::string expected;
-  std::string shown = "now";
-  for (int i = 31; i >= 1; --i) {
-    std::string older = "c" + std::to_string(i);
-    expected += recalled(shown, older);
-    shown = older;
+TEST_F(session, RepliesToKeysAndCommands) {
+  const std::string full(255, 'x'), cut(127, 'x');
+  // In order, in one session: some rows recall the lines before them.
+  const struct {
+    std::string keys, reply;  // an empty reply is not checked
+  } rows[] = {
+      // Typed text is not echoed; an insertion sends the tail again and puts the cursor back.
+      {"abcd\r", "\r\n" + not_found("abcd")},
+      {"abd\x1b[Dc\r", "\bd\b\r\n" + not_found("abcd")},
+      // Left, left, back space (b goes), delete (c goes).
+      {"abcd\x1b[D\x1b[D\x7f\x1b[3~\r", "\b\b\bcd \b\b\bd \b\b\r\n" + not_found("ad")},
+      // Back space at the start and delete at the end send nothing; byte 8 is a back space too.
+      {"\x7f\x1b[3~x\x08y\x1b[3~\r", "\b \b\r\n" + not_found("y")},
+      // Home and end; home on an empty line sends nothing.
+      {"abc\x1b[1~X\x1b[4~\r", "\b\b\babc\b\b\babc\r\n" + not_found("Xabc")},
+      {"\x1b[1~q\r", "\r\n" + not_found("q")},
+      // Overwrite sends nothing and lengthens the line at its end.
+      {"abc\x1b[D\x1b[D\x1b[2~ZcW\r", "\b\b\r\n" + not_found("aZcW")},
+      // ESC O A, ESC [ H, ESC [ 5 ~ do nothing; ESC [ 1 5 ~ leaves its ~ as
+      // text; ESC [ 1 7 ~ swallows it; a line end inside a sequence is a plain byte.
+      {"\x1bOA\x1b[H\x1b[5~\x1b[15~\x1b[17~\x1b\ra\r", "\r\n" + not_found("A~a")},
+      // Lines keep 255 characters, the word is cut to the 127 of the token
+      // buffer; recalled, a full line takes no key in overwrite mode either.
+      {std::string(300, 'x') + "\r", "\r\n" + not_found(cut)},
+      {"\x1b[A\x1b[D\x1b[2~y\r", full + "\b\r\n" + not_found(cut)},
+      // Completing a name longer than a line stops at the line's end, blank included.
+      {"y\t\r", std::string(254, 'y') + "\r\n" + not_found(std::string(127, 'y'))},
+      // Down brings back the typed line; an edit stays in its recalled slot;
+      // an empty line takes no slot.
+      {"first\r", ""},
+      {"new\x1b[A!\x1b[B\r",
+       recalled("new", "first") + recalled("first!", "new") + "\r\n" + not_found("new")},
+      {"\x1b[A\x1b[A\r",
+       recalled("", "new") + recalled("new", "first!") + "\r\n" + not_found("first!")},
+      {"   \r", ""},
+      {"\x1b[A\r", recalled("", "first!") + "\r\n" + not_found("first!")},
+      // Completion with one match adds the rest and a blank; a whole name only the blank.
+      {"Ze\t\r", "ta \r\nzeta ran\r\n" + prompt},
+      {"help he\t\r", "lp \r\n" + help_help},
+      {"Zeta\t\r", " \r\nzeta ran\r\n" + prompt},
+      // No completion on lines with other blanks: two behind help, a third word, a leading one.
+      {"xx yy\t\r", "\r\n" + not_found("xx")},
+      {" Ze\t\r", "\r\n" + not_found("Ze")},
+      {"help  ab\t\r", help_ab},
+      {"help ab c\t\r", help_ab},
+      // Help on one command: only the first argument counts, a long name is found in full.
+      {"help help\r", "\r\n" + help_help},
+      {"help x_command_name_longer_than_24 ab\r",
+       "\r\nHelp for 'x_command_name_longer_than_24': A long name\r\n"
+       " Usage: x_command_name_longer_than_24\r\n" +
+           prompt},
+      {"help nosuch\r", "\r\nInvalid command: 'nosuch'.\r\n" + prompt},
+      {"HELP\r", "\r\n" + not_found("HELP")},
+      {"unsupported\r", "\r\nunsupported: command not yet supported.\r\n" + prompt},
+      // Quotes group words; handlers print and read through the hooks, which reach the client.
+      {"echo \"a b\" \"c \"\r", "\r\na b c \r\n" + prompt},
+      {"getch\rk", "\r\ngot 107\r\n" + prompt},
+      // CR LF counts once; a lone LF is no line end at all.
+      {"Zeta\r\n", "\r\nzeta ran\r\n" + prompt},
+      {"ec\nho x\n\r", "\r\nx\r\n" + prompt},
+      // More than 32 bytes in one send.
+      {"echo " + std::string(70, 'w') + "\r", "\r\n" + std::string(70, 'w') + "\r\n" + prompt},
+  };
+  for (const auto &row : rows) {
+    std::string reply = line(row.keys);
+    EXPECT_EQ(row.reply.empty() ? reply : row.reply, reply) << "keys: " << row.keys;
   }
-  // 32 Ups: the last one finds the head slot and does nothing.
-  std::string ups;
-  for (int i = 0; i < 32; ++i) ups += "\x1b[A";
-  EXPECT_EQ(expected + "\r\n" + not_found("c1"), line("now" + ups + "\r"));
+  // Many small sends.
+  for (char c : std::string("echo split")) link.send(std::string(1, c));
+  EXPECT_EQ("\r\nsplit\r\n" + prompt, line("\r"));
 }
 
-TEST_F(session, TheThirtySecondLineDropsTheOldest) {
-  std::string keys;
+TEST_F(session, HistoryKeepsThirtyOneLinesAndTheThirtySecondDropsTheOldest) {
+  std::string keys, expected, shown, ups;
   for (int i = 1; i <= 32; ++i) keys += "c" + std::to_string(i) + "\r";
   link.send(keys);
   link.read_prompts(32);
-  std::string expected;
-  std::string shown;
   for (int i = 32; i >= 2; --i) {
     std::string older = "c" + std::to_string(i);
     expected += recalled(shown, older);
     shown = older;
   }
-  std::string ups;
   for (int i = 0; i < 40; ++i) ups += "\x1b[A";
   EXPECT_EQ(expected + "\r\n" + not_found("c2"), line(ups + "\r"));
 }
 
-TEST_F(session, DownBringsBackTheTypedLineAndEditsStayInTheirSlot) {
-  line("first\r");
-  // Type, go up, edit the recalled line, come back down.
-  EXPECT_EQ(recalled("new", "first") + recalled("first!", "new") + "\r\n" + not_found("new"),
-            line("new\x1b[A!\x1b[B\r"));
-  // The edit stayed in the old slot: two lines up.
-  EXPECT_EQ(recalled("", "new") + recalled("new", "first!") + "\r\n" + not_found("first!"),
-            line("\x1b[A\x1b[A\r"));
-  // An empty line takes no slot; the first Up on a fresh line shows the latest.
-  line("   \r");
-  EXPECT_EQ(recalled("", "first!") + "\r\n" + not_found("first!"), line("\x1b[A\r"));
-}
-
-TEST_F(session, CompletionWithOneMatchAddsTheRestAndABlank) {
-  EXPECT_EQ("ta \r\nzeta ran\r\n" + prompt, line("Ze\t\r"));
-  EXPECT_EQ(
-      "lp \r\nHelp for 'help': Help command\r\n Usage: help [command]\r\n"
-      "Get help on [command], or a list of supported commands if a command is omitted.\r\n" +
-          prompt,
-      line("help he\t\r"));
-  // A whole name only gains the blank.
-  EXPECT_EQ(" \r\nzeta ran\r\n" + prompt, line("Zeta\t\r"));
-}
-
-TEST_F(session, CompletionWithSeveralMatchesExtendsThenLists) {
+TEST_F(session, CompletionWithSeveralMatchesExtendsThenListsAndHelpListsAll) {
   // ab and abc: a gains b; the next Tab lists both and shows the line again.
   link.send("a\t\t\r");
   EXPECT_EQ(
-      "b"
-      "\r\nab                  abc                 \r\n" +
-          prompt + "ab" + "\r\nab ran\r\n" + prompt,
+      "b\r\nab                  abc                 \r\n" + prompt + "ab\r\nab ran\r\n" + prompt,
       link.read_prompts(2));
   // An empty line matches every command: four to a row, in name order.
   link.send("\t\r");
@@ -180,17 +155,6 @@ TEST_F(session, CompletionWithSeveralMatchesExtendsThenLists) {
       "\r\nunsupported         x_command_name_longer_than_24" +
           very_long_name + "\r\n" + prompt + "\r\n" + prompt,
       link.read_prompts(2));
-}
-
-TEST_F(session, CompletionIgnoresLinesWithOtherBlanks) {
-  EXPECT_EQ("\r\n" + not_found("xx"), line("xx yy\t\r"));
-  EXPECT_EQ("\r\n" + not_found("Ze"), line(" Ze\t\r"));
-  // Two blanks behind help, or a third word.
-  EXPECT_EQ("\r\nHelp for 'ab': First of a pair\r\n Usage: ab\r\n" + prompt, line("help  ab\t\r"));
-  EXPECT_EQ("\r\nHelp for 'ab': First of a pair\r\n Usage: ab\r\n" + prompt, line("help ab c\t\r"));
-}
-
-TEST_F(session, HelpListsCommandsInNameOrder) {
   EXPECT_EQ(
       "\r\n<vex shell ver 09.18.2011.1.28>\r\nSupported shell commands:\r\n"
       " - Zeta                    :  Upper case sorts first\r\n"
@@ -209,45 +173,7 @@ TEST_F(session, HelpListsCommandsInNameOrder) {
       line("help\r"));
 }
 
-TEST_F(session, HelpOnOneCommand) {
-  EXPECT_EQ(
-      "\r\nHelp for 'help': Help command\r\n Usage: help [command]\r\n"
-      "Get help on [command], or a list of supported commands if a command is omitted.\r\n" +
-          prompt,
-      line("help help\r"));
-  // Only the first argument counts; a long name is found in full.
-  EXPECT_EQ(
-      "\r\nHelp for 'x_command_name_longer_than_24': A long name\r\n"
-      " Usage: x_command_name_longer_than_24\r\n" +
-          prompt,
-      line("help x_command_name_longer_than_24 ab\r"));
-  EXPECT_EQ("\r\nInvalid command: 'nosuch'.\r\n" + prompt, line("help nosuch\r"));
-}
-
-TEST_F(session, DispatchMessages) {
-  EXPECT_EQ("\r\n" + not_found("HELP"), line("HELP\r"));
-  EXPECT_EQ("\r\nunsupported: command not yet supported.\r\n" + prompt, line("unsupported\r"));
-  // Quotes group words; handlers print through the hook, which reaches the client.
-  EXPECT_EQ("\r\na b c \r\n" + prompt, line("echo \"a b\" \"c \"\r"));
-}
-
-TEST_F(session, LineEndsAndSplitInput) {
-  // CR LF counts once; a lone LF is no line end at all.
-  EXPECT_EQ("\r\nzeta ran\r\n" + prompt, line("Zeta\r\n"));
-  link.send("ec\nho x\n");
-  EXPECT_EQ("\r\nx\r\n" + prompt, line("\r"));
-  // Many small sends, and more than 32 bytes in one.
-  for (char c : std::string("echo split")) link.send(std::string(1, c));
-  EXPECT_EQ("\r\nsplit\r\n" + prompt, line("\r"));
-  const std::string word(70, 'w');
-  EXPECT_EQ("\r\n" + word + "\r\n" + prompt, line("echo " + word + "\r"));
-}
-
-TEST_F(session, HandlersReadThroughTheHook) {
-  EXPECT_EQ("\r\ngot 107\r\n" + prompt, line("getch\rk"));
-}
-
-TEST(listener, ServesTheNextClientOnlyAfterTheFirstHasGone) {
+TEST(listener, ServesOneClientAtATimeAndSurvivesAReset) {
   const int port = start_listener();
   client first(port);
   EXPECT_EQ(greeting, first.read_until(prompt));
@@ -259,19 +185,14 @@ TEST(listener, ServesTheNextClientOnlyAfterTheFirstHasGone) {
   client third(port);
   second.close();
   EXPECT_EQ(greeting, third.read_until(prompt));
-  third.send("quit\r");
-}
-
-TEST(listener, SurvivesAClientThatResetsInTheMiddleOfOutput) {
-  const int port = start_listener();
-  client first(port);
-  EXPECT_EQ(greeting, first.read_until(prompt));
-  first.send("flood\r");
-  first.read_until(std::string(1000, 'f'));
-  first.reset();
-  client second(port);
-  EXPECT_EQ(greeting, second.read_until(prompt));
-  EXPECT_EQ("\r\nzeta ran\r\n" + prompt, (second.send("Zeta\r"), second.read_until(prompt)));
+  // One that resets the connection in the middle of output.
+  third.send("flood\r");
+  third.read_until(std::string(1000, 'f'));
+  third.reset();
+  client fourth(port);
+  EXPECT_EQ(greeting, fourth.read_until(prompt));
+  fourth.send("Zeta\r");
+  EXPECT_EQ("\r\nzeta ran\r\n" + prompt, fourth.read_until(prompt));
 }
 
 TEST(listener, APortInUseIsReportedAndTheListenerReturns) {
@@ -288,8 +209,7 @@ TEST(listener, APortInUseIsReportedAndTheListenerReturns) {
   zebshell(port);  // returns instead of serving nothing for ever
   EXPECT_EQ(1, logs.count("zebshell: cannot bind port " + std::to_string(port) +
                           ": Address already in use\n"));
-  // The hooks point at the connection all the same.
-  EXPECT_EQ(&zeb_printf, shell_printf);
+  EXPECT_EQ(&zeb_printf, shell_printf);  // the hooks point at the connection all the same
   close(busy);
 }
 
