@@ -11,24 +11,29 @@ void count_release(void *buffer) { static_cast<test_frame *>(buffer)->releases++
 
 }  // namespace
 
-ravel_t *engine_harness::start(int32_t format) {
+ravel_t *engine_harness::create(int32_t format) {
   int32_t formats[4] = {format, 0, 0, 0};
   int32_t ids[4] = {0, 0, 0, 0};
   int32_t block[4] = {0, 0, 0, 0};
   engine_ = ravel_new(formats, 0, 16, 1, 0, count_release, 0, 0, 0, 24, ids, 6, block);
   EXPECT_NE(engine_, nullptr);
   EXPECT_EQ(ravel_soft_engine(), engine_);
-  EXPECT_EQ(ravel_start(engine_), 0);
+  return engine_;
+}
+
+ravel_t *engine_harness::start(int32_t format) {
+  EXPECT_EQ(ravel_start(create(format)), 0);
   return engine_;
 }
 
 std::vector<test_frame *> engine_harness::stream(rgb colour, int frames, int gop, int width,
-                                                 int height) {
+                                                 int height, const rgb *right) {
   ravel_synth::stream_options opt;
   opt.width = width;
   opt.height = height;
   opt.frames = frames;
   opt.gop = gop;
+  opt.right = right;
   std::vector<test_frame *> out;
   for (auto &f : ravel_synth::encode(colour, opt)) {
     frames_.push_back(std::make_unique<test_frame>());
@@ -87,6 +92,18 @@ std::vector<uint8_t> engine_harness::display(int32_t display, int32_t *width, in
   std::vector<uint8_t> pic(static_cast<size_t>(*width) * *height * 3);
   EXPECT_EQ(ravel_soft_read_display(engine_, display, pic.data(), *width * 3), 0);
   return pic;
+}
+
+::testing::AssertionResult engine_harness::shows(int32_t d, rgb colour, int x, int y, int w,
+                                                 int h) {
+  int32_t width, height;
+  auto pic = display(d, &width, &height);
+  const bool black = colour.r == 0 && colour.g == 0 && colour.b == 0;
+  const rgb want = black ? colour : ravel_synth::through_yuv(colour);
+  const rgb got = mean_colour(pic, width, x, y, w < 0 ? width - x : w, h < 0 ? height - y : h);
+  if (near(got, want, black ? 4 : 12)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "display " << d << " at (" << x << ", " << y << ") shows "
+                                       << str(got) << ", not " << str(want);
 }
 
 void engine_harness::regions(int32_t display, std::vector<ravel_region_t> list) {

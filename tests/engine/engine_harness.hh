@@ -29,12 +29,15 @@ struct test_frame {
 
 class engine_harness : public ::testing::Test {
  protected:
+  // An engine with display format `format`, not yet started.
+  ravel_t *create(int32_t format = 0);
   // A started engine with display format `format`.
   ravel_t *start(int32_t format = 0);
 
   // Frames of a solid colour, owned by the harness until the end of the test.
+  // With `right`, the right half of the picture has that colour.
   std::vector<test_frame *> stream(rgb colour, int frames, int gop = 10, int width = 160,
-                                   int height = 96);
+                                   int height = 96, const rgb *right = nullptr);
   // One attempt to push a frame.
   int32_t put(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb = nullptr,
               ravel_image_cb image_cb = nullptr);
@@ -50,6 +53,10 @@ class engine_harness : public ::testing::Test {
   bool handled(int32_t port, uint64_t n);
   // Waits for a compose pass and reads a display as RGB.
   std::vector<uint8_t> display(int32_t display, int32_t *width, int32_t *height);
+  // Whether the block (x, y, w, h) of a composed display has the colour
+  // `colour` took through the engine's YUV (or black, when `colour` is black).
+  ::testing::AssertionResult shows(int32_t display, rgb colour, int x = 0, int y = 0, int w = -1,
+                                   int h = -1);
   // Sets the regions of a display.
   void regions(int32_t display, std::vector<ravel_region_t> list);
 
