@@ -25,6 +25,16 @@ inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
   return h;
 }
 
+using names = std::vector<std::string>;
+
+// A region: layer 1, crop unset, flag 0 unless said otherwise.
+inline orlo_vr_t R(int ch, int x, int y, int w, int h, int layer = 1) {
+  return orlo_vr_t{ch, x, y, w, h, layer, -1, -1, -1, -1, 0};
+}
+
+// Names parameterised cases after their `label`.
+inline auto by_label = [](const auto &info) { return std::string(info.param.label); };
+
 inline intptr_t engine_word() { return reinterpret_cast<intptr_t>(fake_engine::handle()); }
 
 // Texts at `level` with the "name:line:" prefix reduced to "name:L:", so that

@@ -11,14 +11,11 @@ namespace {
 
 using display_test::engine_word;
 using display_test::make_display;
+using display_test::names;
+using display_test::R;
 using display_test::texts_without_lines;
 using testing_support::log_capture;
-using names = std::vector<std::string>;
 using vr_list = std::array<orlo_vr_t, ORLO_MAX_VR>;
-
-orlo_vr_t R(int ch, int x, int y, int w, int h) {
-  return orlo_vr_t{ch, x, y, w, h, 1, -1, -1, -1, -1, 0};
-}
 
 vr_list empty_list() {
   vr_list v;

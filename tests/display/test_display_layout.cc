@@ -8,13 +8,9 @@
 namespace {
 
 using display_test::make_display;
+using display_test::R;
 using testing_support::log_capture;
 
-// A region as the layout gives it: layer 1, crop unset, flag 0 unless a
-// case says otherwise.
-orlo_vr_t R(int ch, int x, int y, int w, int h, int layer = 1) {
-  return orlo_vr_t{ch, x, y, w, h, layer, -1, -1, -1, -1, 0};
-}
 const orlo_vr_t kUnset = {-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0};
 
 // Channels 20, 21, ... so that a channel is never mistaken for an index.
@@ -122,8 +118,6 @@ const std::vector<orlo_vr_t> kNine1920 = nine({0, 640, 1280}, {640, 640, 640});
 const std::vector<orlo_vr_t> kNine800 = nine({0, 634, 1286}, {634, 652, 634});
 const std::vector<orlo_vr_t> kSix1920 = six(1280, 720, 640, 640, 640, 360);
 
-auto label = [](const auto &info) { return std::string(info.param.label); };
-
 INSTANTIATE_TEST_SUITE_P(
     Modes, Layout,
     ::testing::Values(
@@ -147,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
         layout_case{"m101_origin", 0, 101, 30, 60, 960, 600, two_by_three(30, 60, 320, 300)},
         // The size test is on the scaled value: 480 x 1081 / 1080 is 480.
         layout_case{"m1_scaled_fit", 18, 1, 0, 0, 1922, 1081, {R(20, 0, 0, 1922, 1081)}}),
-    label);
+    display_test::by_label);
 
 // The column corrections at W = 1920 on displays 1280, 800 and 640 wide, and
 // their absence at any other W or in untiled columns.
@@ -165,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(
         layout_case{"m14_d640", 18, 14, 0, 0, 1920, 1080, six(1278, 720, 642, 642, 636, 360)},
         layout_case{"m2_d800", 6, 2, 0, 0, 1920, 1080, quad(0, 0, 960, 540)},
         layout_case{"m5_d800_w1920", 6, 5, 0, 0, 1920, 1080, kEight1920}),
-    label);
+    display_test::by_label);
 
 // The rules for W = 1728 on a display 800 wide, and their absence elsewhere;
 // the origin rules of modes 1 and 12 on a display 800 wide.
@@ -190,7 +184,7 @@ INSTANTIATE_TEST_SUITE_P(
         layout_case{"m12_x48", 6, 12, 48, 20, 1000, 600, two_layers(40, 1008, 40)},
         layout_case{"m12_x406", 6, 12, 406, 20, 1000, 600, two_layers(406, 1000, 406)},
         layout_case{"m22_x48", 6, 22, 48, 20, 1000, 600, two_layers(48, 1000, 48)}),
-    label);
+    display_test::by_label);
 
 // ---- main_port of modes 12 and 22, read by mode 21 ----
 
@@ -310,7 +304,7 @@ INSTANTIATE_TEST_SUITE_P(
         refusal_case{"m1_no_channel", 0, 1, 1920, 1080, -1, nullptr},
         refusal_case{"m12_no_channel", 0, 12, 1920, 1080, -1, nullptr},
         refusal_case{"m22_no_channel", 0, 22, 1920, 1080, -1, nullptr}),
-    label);
+    display_test::by_label);
 
 // ---- crop position: scaled, then rounded up to the alignment ----
 

@@ -14,7 +14,7 @@ using display_test::engine_word;
 using display_test::make_display;
 using testing_support::log_capture;
 
-using names = std::vector<std::string>;
+using display_test::names;
 
 const names kDefaults = {"ravel_init_dec_config_param", "ravel_init_enc_config_param",
                          "ravel_change_pipe_config"};
@@ -105,16 +105,15 @@ INSTANTIATE_TEST_SUITE_P(Table, FirstSelection,
                                            first_case{"mode1", 1, kDefaults, 1},
                                            first_case{"mode22", 22, kDefaults, 1},
                                            first_case{"unlisted_mode4", 4, kDefaults, 1}),
-                         [](const auto &info) { return std::string(info.param.label); });
+                         display_test::by_label);
 
 // The two public names of a selection behave alike.
-using select_fn = int (*)(orlo_display_t *, int);
 struct select_name {
-  select_fn fn;
-  const char *name;
+  int (*fn)(orlo_display_t *, int);
+  const char *label;
   int operator()(orlo_display_t *h, int mode) const { return fn(h, mode); }
 };
-void PrintTo(const select_name &s, std::ostream *os) { *os << s.name; }
+void PrintTo(const select_name &s, std::ostream *os) { *os << s.label; }
 class ModeSelection : public ::testing::TestWithParam<select_name> {};
 
 TEST_P(ModeSelection, FirstStartsTheEngineLaterOnlyRecord) {
@@ -150,7 +149,7 @@ TEST_P(ModeSelection, RefusedStartIsReportedNotRecordedAsRunning) {
   EXPECT_EQ(GetParam()(h, 3), -1);
   EXPECT_EQ(h->engine_started, 0);
   EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL),
-            names{std::string(GetParam().name) + ": assertion 'ret == 0' failed"});
+            names{std::string(GetParam().label) + ": assertion 'ret == 0' failed"});
   // Never started, so the gated calls stay closed.
   EXPECT_EQ(orlo_display_check_processor(h, 0, 0), 0);
   EXPECT_TRUE(fake_engine::calls("ravel_check_alive_m3").empty());
@@ -160,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(
     Names, ModeSelection,
     ::testing::Values(select_name{&orlo_display_mode_change, "orlo_display_mode_change"},
                       select_name{&orlo_display_mode_start, "orlo_display_mode_start"}),
-    [](const auto &info) { return std::string(info.param.name); });
+    display_test::by_label);
 
 // Each engine call of the configuration may refuse; the selection then
 // stops there, reports "ret >= 0", leaves the mode unrecorded and never starts.
@@ -192,13 +191,10 @@ INSTANTIATE_TEST_SUITE_P(
     Calls, ConfigRefused,
     ::testing::Values(
         refusal_case{"dec", 1, "ravel_init_dec_config_param", {"ravel_init_dec_config_param"}},
-        refusal_case{"enc",
-                     1,
-                     "ravel_init_enc_config_param",
-                     {"ravel_init_dec_config_param", "ravel_init_enc_config_param"}},
+        refusal_case{"enc", 1, "ravel_init_enc_config_param", {kDefaults[0], kDefaults[1]}},
         refusal_case{"pipe", 1, "ravel_change_pipe_config", kDefaults},
         refusal_case{"pipe_six", 101, "ravel_change_pipe_config", kSixRecords}),
-    [](const auto &info) { return std::string(info.param.label); });
+    display_test::by_label);
 
 TEST(ModeChange, RefusedConfigurationIsNotStarted) {
   orlo_display_t *h = make_display();

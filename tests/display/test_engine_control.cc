@@ -92,7 +92,7 @@ TEST_P(Guarded, RefusedWithoutEngineThenForwardsAndReportsTheAnswer) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, Guarded, ::testing::ValuesIn(kGuarded),
-                         [](const auto &info) { return std::string(info.param.label); });
+                         display_test::by_label);
 
 // Calls whose answer comes back unlooked at (before creation the engine is
 // called with no handle); the hostcomm address and the system time.
@@ -273,38 +273,29 @@ TEST(RecordCopy, IpOsdWordAndTextUpToFortyThreeCharacters) {
 
 // ---- gated on the first start ----
 
-struct gated_case {
-  const char *label;
-  int (*op)(orlo_display_t *, int, int);
-  const char *engine_call;
-};
-void PrintTo(const gated_case &c, std::ostream *os) { *os << c.label; }
-
-class Gated : public ::testing::TestWithParam<gated_case> {};
-
-TEST_P(Gated, SilentUntilTheFirstStartAskedEvenAfterStop) {
-  const gated_case &p = GetParam();
+// Silent until the first start is asked, and open from then on, even after stop.
+TEST(Gated, CheckProcessorAndStatistics) {
   orlo_display_t *h = make_display();
-  fake_engine::script_result(p.engine_call, 11);
-  EXPECT_EQ(p.op(h, 1, 2), 0);
-  EXPECT_TRUE(fake_engine::calls(p.engine_call).empty());
+  int (*const ops[])(orlo_display_t *, int, int) = {&orlo_display_check_processor,
+                                                    &orlo_display_print_statistics};
+  const char *const engine_calls[] = {"ravel_check_alive_m3", "ravel_print_statistics"};
+  for (auto c : engine_calls) fake_engine::script_result(c, 11);
+  for (auto op : ops) EXPECT_EQ(op(h, 1, 2), 0);
+  EXPECT_EQ(fake_engine::calls("ravel_check_alive_m3").size() +
+                fake_engine::calls("ravel_print_statistics").size(),
+            0u);
   ASSERT_EQ(orlo_display_mode_start(h, 1), 0);
-  EXPECT_EQ(p.op(h, 1, 2), 11);
+  for (auto op : ops) EXPECT_EQ(op(h, 1, 2), 11);
   testing::internal::CaptureStdout();
   orlo_display_stop(h);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(p.op(h, 3, 4), 11);
-  auto calls = fake_engine::calls(p.engine_call);
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].args, (args_t{engine_word(), 1, 2}));
-  EXPECT_EQ(calls[1].args, (args_t{engine_word(), 3, 4}));
+  for (auto op : ops) EXPECT_EQ(op(h, 3, 4), 11);
+  for (auto c : engine_calls) {
+    auto calls = fake_engine::calls(c);
+    ASSERT_EQ(calls.size(), 2u) << c;
+    EXPECT_EQ(calls[0].args, (args_t{engine_word(), 1, 2}));
+    EXPECT_EQ(calls[1].args, (args_t{engine_word(), 3, 4}));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Calls, Gated,
-    ::testing::Values(
-        gated_case{"check_processor", &orlo_display_check_processor, "ravel_check_alive_m3"},
-        gated_case{"print_statistics", &orlo_display_print_statistics, "ravel_print_statistics"}),
-    [](const auto &info) { return std::string(info.param.label); });
 
 }  // namespace
