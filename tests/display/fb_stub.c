@@ -50,27 +50,16 @@ static int open_device(int flags) {
   return fd;
 }
 
-static int open_common(const char *name, const char *path, int flags, va_list ap) {
-  if (path != NULL && strcmp(path, device_path) == 0) return open_device(flags);
-  mode_t mode = 0;
-  if (flags & (O_CREAT | O_TMPFILE)) mode = va_arg(ap, mode_t);
-  return ((open_fn)next(name))(path, flags, mode);
-}
-
 int open(const char *path, int flags, ...) {
-  va_list ap;
-  va_start(ap, flags);
-  int r = open_common("open", path, flags, ap);
-  va_end(ap);
-  return r;
-}
-
-int open64(const char *path, int flags, ...) {
-  va_list ap;
-  va_start(ap, flags);
-  int r = open_common("open64", path, flags, ap);
-  va_end(ap);
-  return r;
+  if (strcmp(path, device_path) == 0) return open_device(flags);
+  mode_t mode = 0;
+  if (flags & (O_CREAT | O_TMPFILE)) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = va_arg(ap, mode_t);
+    va_end(ap);
+  }
+  return ((open_fn)next("open"))(path, flags, mode);
 }
 
 int ioctl(int fd, unsigned long request, ...) {
