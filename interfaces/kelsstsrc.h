@@ -31,8 +31,8 @@ KELSSTSRC_API GType gst_kelsstsrc_get_type(void);
  * owns, or NULL (no recording, no intra frame in the span; logged).
  * `location` names the recordings folder (NULL: "recordings"); `flags` is
  * reserved and ignored. */
-KELSSTSRC_API GstBuffer *gst_kelsstsrc_get_first_iframe(const gchar *location, gint ch,
-                                                        gint flags, gint64 begin, gint64 end);
+KELSSTSRC_API GstBuffer *gst_kelsstsrc_get_first_iframe(const gchar *location, gint ch, gint flags,
+                                                        gint64 begin, gint64 end);
 
 G_END_DECLS
 

@@ -126,13 +126,11 @@ RAVEL_API int32_t ravel_capture_drv_start(ravel_t *engine, int32_t ch);
 RAVEL_API int32_t ravel_capture_drv_stop(ravel_t *engine, int32_t ch);
 RAVEL_API int32_t ravel_register_get_encode_stream(ravel_t *engine, void *callback,
                                                    void *user_data);
-RAVEL_API int32_t ravel_register_captmode_change(ravel_t *engine, void *callback,
-                                                 void *user_data);
+RAVEL_API int32_t ravel_register_captmode_change(ravel_t *engine, void *callback, void *user_data);
 RAVEL_API int32_t ravel_register_encode_mosaic_stream(ravel_t *engine, void *callback,
                                                       void *user_data, int32_t stream,
                                                       int32_t reserved);
-RAVEL_API int32_t ravel_encode_change(ravel_t *engine, int32_t ch, int32_t stream,
-                                      void *param);
+RAVEL_API int32_t ravel_encode_change(ravel_t *engine, int32_t ch, int32_t stream, void *param);
 RAVEL_API int32_t ravel_set_encode_bitrate(ravel_t *engine, int32_t ch, int32_t stream,
                                            int32_t bitrate);
 RAVEL_API int32_t ravel_get_encode_bitrate(ravel_t *engine, int32_t ch, int32_t stream,
@@ -149,15 +147,13 @@ RAVEL_API uintptr_t ravel_get_hostcomm_addr(ravel_t *engine, int32_t which, int3
 /* Display and on-screen display. */
 RAVEL_API int32_t ravel_set_display_enable(ravel_t *engine, int32_t display, int32_t enable);
 RAVEL_API int32_t ravel_set_osd_enable(ravel_t *engine, int32_t ch, int32_t osd, int32_t enable);
-RAVEL_API int32_t ravel_set_osd_option(ravel_t *engine, int32_t ch, int32_t option,
-                                       int32_t value);
+RAVEL_API int32_t ravel_set_osd_option(ravel_t *engine, int32_t ch, int32_t option, int32_t value);
 RAVEL_API int32_t ravel_set_mask(ravel_t *engine, const ravel_mask_t *mask);
 RAVEL_API int32_t ravel_set_ROI_coordinate(ravel_t *engine, const ravel_roi_t *roi);
 RAVEL_API int32_t ravel_set_dnr(ravel_t *engine, const ravel_dnr_t *dnr);
 RAVEL_API int32_t ravel_set_mirror(ravel_t *engine, const int32_t *mirror);
 RAVEL_API int32_t ravel_set_rotate(ravel_t *engine, const int32_t *rotate);
-RAVEL_API int32_t ravel_set_datetime_format(ravel_t *engine,
-                                            const ravel_datetime_format_t *format);
+RAVEL_API int32_t ravel_set_datetime_format(ravel_t *engine, const ravel_datetime_format_t *format);
 RAVEL_API int32_t ravel_set_ip_osd_enable(ravel_t *engine, const ravel_ip_osd_t *osd);
 
 /* Health and statistics. */

@@ -15,7 +15,8 @@ std::atomic<int> _first_init{0};
 std::atomic<int> first_config_pending{1};
 std::atomic<int> engine_ever_started{0};
 
-static_assert(sizeof(orlo_vr_t) == sizeof(ravel_region_t), "the engine reads regions as they stand");
+static_assert(sizeof(orlo_vr_t) == sizeof(ravel_region_t),
+              "the engine reads regions as they stand");
 static_assert(sizeof(orlo_vr_t) == 44);
 
 namespace orlo {

@@ -91,23 +91,21 @@ typedef struct orlo_display {
 
 /* ---- handle and engine bring-up ---- */
 ORLO_API orlo_display_t *orlo_display_new(const int32_t *formats, int32_t engine_opt,
-                                          int32_t ch_count, int32_t reserved,
-                                          int32_t n_display_ids, int32_t h_audio,
-                                          const orlo_display_cfg_t *cfg);
+                                          int32_t ch_count, int32_t reserved, int32_t n_display_ids,
+                                          int32_t h_audio, const orlo_display_cfg_t *cfg);
 ORLO_API int orlo_display_stop(orlo_display_t *h_display);
 ORLO_API int orlo_display_start(orlo_display_t *h_display, const orlo_vr_t *vr);
 
 /* ---- region layout ---- */
-ORLO_API int orlo_display_get_user_vr(orlo_display_t *h_display, int mode, int x, int y,
-                                      int width, int height, const int *channels,
-                                      const int *flags, orlo_vr_t *vr);
+ORLO_API int orlo_display_get_user_vr(orlo_display_t *h_display, int mode, int x, int y, int width,
+                                      int height, const int *channels, const int *flags,
+                                      orlo_vr_t *vr);
 ORLO_API void orlo_display_get_incrop_position(unsigned *out_x, unsigned *out_crop_w,
                                                unsigned *out_y, unsigned *out_crop_h,
                                                unsigned in_width, unsigned in_height,
-                                               unsigned disp_w, unsigned disp_h,
-                                               unsigned crop_x, unsigned crop_width,
-                                               unsigned crop_y, unsigned crop_height,
-                                               unsigned align);
+                                               unsigned disp_w, unsigned disp_h, unsigned crop_x,
+                                               unsigned crop_width, unsigned crop_y,
+                                               unsigned crop_height, unsigned align);
 
 /* ---- geometry change ---- */
 ORLO_API int orlo_display_change(orlo_display_t *h_display, const orlo_vr_t *vr, int reserved,
@@ -117,8 +115,7 @@ ORLO_API int orlo_display_change(orlo_display_t *h_display, const orlo_vr_t *vr,
 ORLO_API int orlo_display_set_user_config(orlo_display_t *h_display, int mode, int *need_start);
 ORLO_API int orlo_display_mode_change(orlo_display_t *h_display, int mode);
 ORLO_API int orlo_display_mode_start(orlo_display_t *h_display, int mode);
-ORLO_API int orlo_display_decode_change(orlo_display_t *h_display,
-                                        const orlo_decode_cfg_t *table);
+ORLO_API int orlo_display_decode_change(orlo_display_t *h_display, const orlo_decode_cfg_t *table);
 
 /* ---- engine control ---- */
 ORLO_API int orlo_capture_start(orlo_display_t *h_display, int ch);
@@ -130,33 +127,29 @@ ORLO_API int orlo_display_register_captmode_change(orlo_display_t *h_display, vo
 ORLO_API int orlo_display_register_get_encode_mosaic_stream(orlo_display_t *h_display,
                                                             void *callback, void *user_data,
                                                             int stream);
-ORLO_API int orlo_display_encode_change(orlo_display_t *h_display, int ch, int stream,
-                                        void *param);
+ORLO_API int orlo_display_encode_change(orlo_display_t *h_display, int ch, int stream, void *param);
 ORLO_API int orlo_display_set_encode_bitrate(orlo_display_t *h_display, int ch, int stream,
                                              int bitrate);
 ORLO_API int orlo_display_get_encode_bitrate(orlo_display_t *h_display, int ch, int stream,
                                              int *bitrate);
-ORLO_API int orlo_display_md_set_param(orlo_display_t *h_display, int ch, void *param,
-                                       int size);
+ORLO_API int orlo_display_md_set_param(orlo_display_t *h_display, int ch, void *param, int size);
 ORLO_API int orlo_display_set_time(orlo_display_t *h_display, uint64_t time, int word);
-ORLO_API uintptr_t orlo_display_get_hostcomm_addr(orlo_display_t *h_display, int which,
-                                                  int size);
+ORLO_API uintptr_t orlo_display_get_hostcomm_addr(orlo_display_t *h_display, int which, int size);
 ORLO_API int orlo_display_sys_time_init(uint64_t time);
 ORLO_API int orlo_display_sys_time_sync(uint64_t time);
 ORLO_API int orlo_display_push_dec_frame_buffer(orlo_display_t *h_display, int port);
 ORLO_API int orlo_display_set_enable(orlo_display_t *h_display, int ignored, int enable);
 ORLO_API int orlo_display_set_embedded_osd_enable(orlo_display_t *h_display, int ch, int osd,
                                                   int enable);
-ORLO_API int orlo_display_set_embedded_osd_option(orlo_display_t *h_display, int ch,
-                                                  int option, int value);
+ORLO_API int orlo_display_set_embedded_osd_option(orlo_display_t *h_display, int ch, int option,
+                                                  int value);
 ORLO_API int orlo_display_set_mask(orlo_display_t *h_display, const void *mask);
 ORLO_API int orlo_display_set_roi(orlo_display_t *h_display, const void *roi);
 ORLO_API int orlo_display_set_dnr(orlo_display_t *h_display, const void *dnr);
 ORLO_API int orlo_display_set_mirror(orlo_display_t *h_display, const int32_t *mirror);
 ORLO_API int orlo_display_set_rotate(orlo_display_t *h_display, const int32_t *rotate);
 ORLO_API int orlo_display_set_datetime_format(orlo_display_t *h_display, const void *format);
-ORLO_API int orlo_display_set_embedded_ip_osd_enable(orlo_display_t *h_display,
-                                                     const void *osd);
+ORLO_API int orlo_display_set_embedded_ip_osd_enable(orlo_display_t *h_display, const void *osd);
 ORLO_API int orlo_display_check_processor(orlo_display_t *h_display, int which, int timeout);
 ORLO_API int orlo_display_print_statistics(orlo_display_t *h_display, int which, int flags);
 ORLO_API int orlo_display_bc_control(int value);

@@ -45,13 +45,11 @@ ORLO_API int orlo_lumen_pipe_set_src_handoff(orlo_lumen_pipe_t *h_lumen_pipe,
 ORLO_API int orlo_lumen_pipe_set_header_x_callback(orlo_lumen_pipe_t *h_lumen_pipe,
                                                    orlo_lumen_callback_t cb, void *user_data);
 ORLO_API int orlo_lumen_pipe_set_onvif_meta_callback(orlo_lumen_pipe_t *h_lumen_pipe,
-                                                     orlo_lumen_callback_t cb,
-                                                     void *user_data);
-ORLO_API int orlo_lumen_pipe_send_audio(orlo_lumen_pipe_t *h_lumen_pipe, int ch,
-                                        const void *data, int size);
+                                                     orlo_lumen_callback_t cb, void *user_data);
+ORLO_API int orlo_lumen_pipe_send_audio(orlo_lumen_pipe_t *h_lumen_pipe, int ch, const void *data,
+                                        int size);
 ORLO_API int orlo_lumen_pipe_set_live_audio_ch(orlo_lumen_pipe_t *h_lumen_pipe, int ch);
-ORLO_API int orlo_lumen_pipe_set_dev_mac(orlo_lumen_pipe_t *h_lumen_pipe, const char *mac,
-                                         int len);
+ORLO_API int orlo_lumen_pipe_set_dev_mac(orlo_lumen_pipe_t *h_lumen_pipe, const char *mac, int len);
 ORLO_API void orlo_lumen_pipe_pause_ch(orlo_lumen_pipe_t *h_lumen_pipe, int ch, int stream);
 ORLO_API void orlo_lumen_pipe_resume_ch(orlo_lumen_pipe_t *h_lumen_pipe, int ch, int stream);
 ORLO_API void orlo_lumen_pipe_i_only_req(orlo_lumen_pipe_t *h_lumen_pipe, int ch);

@@ -14,11 +14,11 @@ using testing_support::log_capture;
 
 // Any integer or boolean property, widened.
 int64_t prop(GstElement *e, const char *name) {
-  GParamSpec *spec = g_object_class_find_property(G_OBJECT_GET_CLASS(e), name);
-  EXPECT_NE(spec, nullptr) << name;
-  if (spec == nullptr) return -12345;
+  GParamSpec *pspec = g_object_class_find_property(G_OBJECT_GET_CLASS(e), name);
+  EXPECT_NE(pspec, nullptr) << name;
+  if (pspec == nullptr) return -12345;
   GValue v = G_VALUE_INIT, wide = G_VALUE_INIT;
-  g_value_init(&v, spec->value_type);
+  g_value_init(&v, pspec->value_type);
   g_object_get_property(G_OBJECT(e), name, &v);
   int64_t out = 0;
   if (G_VALUE_HOLDS_BOOLEAN(&v)) {

@@ -144,8 +144,9 @@ ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
     fake_engine::st().release = release;
   }
   call c{"ravel_new",
-         {word(formats), engine_opt, ch_count, n_display_ids, r0, word(reinterpret_cast<void *>(release)),
-          r1, r2, r3, w24, word(display_ids), engine_word, word(engine_block)},
+         {word(formats), engine_opt, ch_count, n_display_ids, r0,
+          word(reinterpret_cast<void *>(release)), r1, r2, r3, w24, word(display_ids), engine_word,
+          word(engine_block)},
          {}};
   // The record holds the display ids, then the block, then the format word.
   auto ids = bytes(display_ids, 4 * sizeof(int32_t));
@@ -159,8 +160,7 @@ ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
 }
 
 int32_t ravel_init_dec_config_param(ravel_t *e, ravel_dec_config_t *dec) {
-  return static_cast<int32_t>(
-      record({"ravel_init_dec_config_param", {word(e), word(dec)}, {}}));
+  return static_cast<int32_t>(record({"ravel_init_dec_config_param", {word(e), word(dec)}, {}}));
 }
 
 int32_t ravel_init_enc_config_param(ravel_t *e, void *enc) {
@@ -175,8 +175,12 @@ int32_t ravel_change_pipe_config(ravel_t *e, ravel_dec_config_t *dec, int32_t co
               bytes(dec, sizeof(ravel_dec_config_t) * RAVEL_DEC_CONFIG_COUNT)}));
 }
 
-int32_t ravel_start(ravel_t *e) { return static_cast<int32_t>(record({"ravel_start", {word(e)}, {}})); }
-int32_t ravel_stop(ravel_t *e) { return static_cast<int32_t>(record({"ravel_stop", {word(e)}, {}})); }
+int32_t ravel_start(ravel_t *e) {
+  return static_cast<int32_t>(record({"ravel_start", {word(e)}, {}}));
+}
+int32_t ravel_stop(ravel_t *e) {
+  return static_cast<int32_t>(record({"ravel_stop", {word(e)}, {}}));
+}
 
 int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t count,
                               int32_t display, int32_t playback) {
@@ -188,10 +192,11 @@ int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t
 int32_t ravel_put_decode_stream(ravel_t *e, int32_t port, void *buffer, const uint8_t *data,
                                 int32_t size, int32_t r0, ravel_jpeg_cb jpeg_cb,
                                 ravel_image_cb image_cb, int32_t r1, int32_t r2) {
-  call c{"ravel_put_decode_stream",
-         {word(e), port, word(buffer), word(data), size, r0, word(reinterpret_cast<void *>(jpeg_cb)),
-          word(reinterpret_cast<void *>(image_cb)), r1, r2},
-         bytes(data, size > 0 ? static_cast<size_t>(size) : 0)};
+  call c{
+      "ravel_put_decode_stream",
+      {word(e), port, word(buffer), word(data), size, r0, word(reinterpret_cast<void *>(jpeg_cb)),
+       word(reinterpret_cast<void *>(image_cb)), r1, r2},
+      bytes(data, size > 0 ? static_cast<size_t>(size) : 0)};
   c.buffer = buffer;
   c.jpeg_cb = jpeg_cb;
   c.image_cb = image_cb;
@@ -274,12 +279,10 @@ int32_t ravel_set_sys_time_sync(uint64_t time) {
       record({"ravel_set_sys_time_sync", {static_cast<int64_t>(time)}, {}}));
 }
 uintptr_t ravel_get_hostcomm_addr(ravel_t *e, int32_t which, int32_t size) {
-  return static_cast<uintptr_t>(
-      record({"ravel_get_hostcomm_addr", {word(e), which, size}, {}}));
+  return static_cast<uintptr_t>(record({"ravel_get_hostcomm_addr", {word(e), which, size}, {}}));
 }
 int32_t ravel_set_display_enable(ravel_t *e, int32_t display, int32_t enable) {
-  return static_cast<int32_t>(
-      record({"ravel_set_display_enable", {word(e), display, enable}, {}}));
+  return static_cast<int32_t>(record({"ravel_set_display_enable", {word(e), display, enable}, {}}));
 }
 int32_t ravel_set_osd_enable(ravel_t *e, int32_t a, int32_t b, int32_t c) {
   return static_cast<int32_t>(record({"ravel_set_osd_enable", {word(e), a, b, c}, {}}));
@@ -308,12 +311,13 @@ int32_t ravel_set_rotate(ravel_t *e, const int32_t *r) {
       record({"ravel_set_rotate", {word(e), word(r)}, bytes(r, sizeof(int32_t))}));
 }
 int32_t ravel_set_datetime_format(ravel_t *e, const ravel_datetime_format_t *f) {
-  return static_cast<int32_t>(record({"ravel_set_datetime_format", {word(e), word(f)},
+  return static_cast<int32_t>(record({"ravel_set_datetime_format",
+                                      {word(e), word(f)},
                                       bytes(f, sizeof(ravel_datetime_format_t))}));
 }
 int32_t ravel_set_ip_osd_enable(ravel_t *e, const ravel_ip_osd_t *o) {
-  return static_cast<int32_t>(record(
-      {"ravel_set_ip_osd_enable", {word(e), word(o)}, bytes(o, sizeof(ravel_ip_osd_t))}));
+  return static_cast<int32_t>(
+      record({"ravel_set_ip_osd_enable", {word(e), word(o)}, bytes(o, sizeof(ravel_ip_osd_t))}));
 }
 int32_t ravel_check_alive_m3(ravel_t *e, int32_t a, int32_t b) {
   return static_cast<int32_t>(record({"ravel_check_alive_m3", {word(e), a, b}, {}}));

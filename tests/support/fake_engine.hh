@@ -17,7 +17,7 @@ namespace fake_engine {
 
 struct call {
   std::string name;
-  std::vector<int64_t> args;  // the argument words, pointers as addresses
+  std::vector<int64_t> args;    // the argument words, pointers as addresses
   std::vector<uint8_t> record;  // a copy of the record or payload passed, if any
   void *buffer = nullptr;       // the frame buffer of ravel_put_decode_stream
   ravel_jpeg_cb jpeg_cb = nullptr;

@@ -15,7 +15,8 @@ void log_capture::handler(const gchar *domain, GLogLevelFlags level, const gchar
   // Only the library's own lines, which carry no domain.
   if (domain != nullptr) return;
   std::lock_guard<std::mutex> g(c->lock_);
-  c->lines_.push_back({static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK), message ? message : ""});
+  c->lines_.push_back(
+      {static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK), message ? message : ""});
 }
 
 std::vector<log_line> log_capture::lines() const {

@@ -14,8 +14,8 @@ gboolean buddy_meta_init(GstMeta *meta, gpointer /*params*/, GstBuffer * /*buffe
 }
 
 // A copy of a buddy buffer is a buddy buffer over the copy's own bytes.
-gboolean buddy_meta_transform(GstBuffer *dest, GstMeta *meta, GstBuffer * /*buffer*/,
-                              GQuark type, gpointer /*data*/) {
+gboolean buddy_meta_transform(GstBuffer *dest, GstMeta *meta, GstBuffer * /*buffer*/, GQuark type,
+                              gpointer /*data*/) {
   if (!GST_META_TRANSFORM_IS_COPY(type)) return FALSE;
   auto *src = reinterpret_cast<GstKelBuddyMeta *>(meta);
   auto *m = reinterpret_cast<GstKelBuddyMeta *>(
@@ -47,9 +47,9 @@ extern "C" GType gst_kel_buddy_buffer_get_type(void) {
 extern "C" const GstMetaInfo *gst_kel_buddy_meta_get_info(void) {
   static const GstMetaInfo *info = nullptr;
   if (g_once_init_enter(&info)) {
-    const GstMetaInfo *i = gst_meta_register(gst_kel_buddy_buffer_get_type(), "GstKelBuddyMeta",
-                                             sizeof(GstKelBuddyMeta), buddy_meta_init, nullptr,
-                                             buddy_meta_transform);
+    const GstMetaInfo *i =
+        gst_meta_register(gst_kel_buddy_buffer_get_type(), "GstKelBuddyMeta",
+                          sizeof(GstKelBuddyMeta), buddy_meta_init, nullptr, buddy_meta_transform);
     g_once_init_leave(&info, i);
   }
   return info;

@@ -24,7 +24,8 @@ gboolean list_meta_transform(GstBuffer *dest, GstMeta *meta, GstBuffer * /*buffe
       gst_buffer_add_meta(dest, gst_kel_list_meta_get_info(), nullptr));
   if (m == nullptr) return FALSE;
   m->list = g_list_copy_deep(
-      src->list, [](gconstpointer p, gpointer) -> gpointer {
+      src->list,
+      [](gconstpointer p, gpointer) -> gpointer {
         return gst_mini_object_ref(GST_MINI_OBJECT_CAST(const_cast<gpointer>(p)));
       },
       nullptr);
