@@ -24,10 +24,10 @@
 #include <vector>
 
 #include "kel_buffers.h"
-#include "orlo_display.h"
-#include "orlo_lumen_pipe.h"
+#include <orlo/orlo_display.h>
+#include <orlo/orlo_lumen_pipe.h>
 #include "ravel_soft.h"
-#include "shell.h"
+#include <orlo/shell.h>
 
 namespace {
 

@@ -5,5 +5,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake --preset release
-cmake --build --preset release --target orlo-demo
+cmake --build --preset release -j"$(nproc)" --target orlo-demo
 exec bash scripts/run-demo.sh "$@"

@@ -16,8 +16,9 @@ missing=()
 for p in "${PKGS[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
+# A machine that has everything needs neither the network nor root.
+[ "${#missing[@]}" -eq 0 ] && exit 0
+echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update
-if [ "${#missing[@]}" -gt 0 ]; then
-  apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+apt-get install -y --no-install-recommends "${missing[@]}"

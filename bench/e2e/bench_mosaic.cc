@@ -28,8 +28,8 @@
 #include <thread>
 #include <vector>
 
-#include "orlo_display.h"
-#include "orlo_lumen_pipe.h"
+#include <orlo/orlo_display.h>
+#include <orlo/orlo_lumen_pipe.h>
 #include "ravel_soft.h"
 
 namespace {

@@ -11,7 +11,7 @@
 
 #include "kel_buffers.h"
 #include "kelapp_sink.h"
-#include "orlo_display.h"
+#include <orlo/orlo_display.h>
 #include "ravel.h"
 
 #define BENCH_EXPORT extern "C" __attribute__((visibility("default")))

@@ -5,7 +5,7 @@
 #include <ostream>
 
 #include "display_fixture.hh"
-#include "display_overlap.hh"
+#include "display/display_overlap.hh"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "shell.h"
+#include <orlo/shell.h>
 
 static int quit(int argc, char **argv) {
   (void)argc;

@@ -4,7 +4,7 @@
 
 #include "kelsstsrc.h"
 #include "shared_word.hh"
-#include "sst_pipe_internal.hh"
+#include "pipes/sst_pipe_internal.hh"
 
 namespace {
 

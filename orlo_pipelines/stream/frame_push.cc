@@ -5,10 +5,10 @@
 
 #include <atomic>
 
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "ref_ptr.hh"
 #include "shared_word.hh"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 namespace {
 

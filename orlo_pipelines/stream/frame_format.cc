@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "kel_buffers.h"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 namespace orlo {
 

@@ -5,7 +5,7 @@
 
 #include "colorspace.h"
 #include "display_format.hh"
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "glib_lock.hh"
 #include "shared_word.hh"
 

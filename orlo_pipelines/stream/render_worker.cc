@@ -5,7 +5,7 @@
 #include "kel_buffers.h"
 #include "ref_ptr.hh"
 #include "shared_word.hh"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 namespace {
 

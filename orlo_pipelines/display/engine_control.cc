@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "display_state.hh"
+#include "display/display_state.hh"
 
 namespace orlo {
 namespace {

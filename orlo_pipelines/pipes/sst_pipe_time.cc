@@ -1,7 +1,7 @@
 // The time print of the playback pipe's lines.
 #include <glib.h>
 
-#include "sst_pipe_internal.hh"
+#include "pipes/sst_pipe_internal.hh"
 
 namespace orlo {
 

@@ -1,9 +1,9 @@
 // The JPEG hand-over: the engine's callback and the one record it fills.
 #include <cstdlib>
 
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "glib_lock.hh"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 orlo_jpeg_result_t g_jpeg_result = {};
 

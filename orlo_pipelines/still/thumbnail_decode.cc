@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include "colorspace.h"
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "glib_lock.hh"
 #include "ref_ptr.hh"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 // The engine's callback for a decoded picture; runs on an engine thread.
 void _cb_get_disp_image(void **pimage);

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "display_overlap.hh"
-#include "display_state.hh"
+#include "display/display_overlap.hh"
+#include "display/display_state.hh"
 #include "shared_word.hh"
 
 namespace orlo {

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "shared_word.hh"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 extern "C" ORLO_API int ravel_audio_new(int nonblock) {
   const int fd = open("/dev/dsp", O_WRONLY | (nonblock != 0 ? O_NONBLOCK : 0));

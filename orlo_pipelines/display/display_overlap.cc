@@ -1,6 +1,6 @@
 // The overlap repair of the geometry change.  Self-contained (GLib
 // logging only), so that a test can build it into its own program.
-#include "display_overlap.hh"
+#include "display/display_overlap.hh"
 
 #include <cstdint>
 

@@ -9,7 +9,7 @@
 
 #include "ref_ptr.hh"
 #include "shared_word.hh"
-#include "sst_pipe_internal.hh"
+#include "pipes/sst_pipe_internal.hh"
 
 namespace {
 

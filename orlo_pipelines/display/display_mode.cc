@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdint>
 
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "glib_lock.hh"
 #include "shared_word.hh"
 

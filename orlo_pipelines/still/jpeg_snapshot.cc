@@ -1,8 +1,8 @@
 // JPEG snapshot: a request to the engine, a timed wait, and the hand-over of
 // the picture between the engine's thread and the caller.
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "glib_lock.hh"
-#include "stream_delivery.hh"
+#include "stream/stream_delivery.hh"
 
 namespace {
 

@@ -6,7 +6,7 @@
 // rounded to 8, neighbouring tiles meet without a gap.
 #include <cstdint>
 
-#include "display_state.hh"
+#include "display/display_state.hh"
 #include "shared_word.hh"
 
 namespace orlo {
