@@ -9,6 +9,8 @@
 #include <gst/base/gstbasesink.h>
 #include <gst/base/gstqueuearray.h>
 
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "ref_ptr.hh"
@@ -26,28 +28,36 @@ enum {
   PROP_PRIORITY,
 };
 
-// One installed table with its user data; the table is a copy.
+// One installed table with its user data; the table is a copy.  A record is
+// shared by whoever calls through it, so its destroy notify runs when the
+// last of them lets go, never while a call through it is still running.
 template <typename Table>
-struct installed {
+struct callback_record {
   Table table{};
   gpointer user_data = nullptr;
   GDestroyNotify notify = nullptr;
 
-  // Hands back what is to be notified once the lock is dropped.
-  installed replace(const Table *t, gpointer data, GDestroyNotify n) {
-    installed old = *this;
-    table = t != nullptr ? *t : Table{};
-    user_data = data;
-    notify = n;
-    return old;
-  }
-  void notify_now() const {
+  callback_record(const Table *t, gpointer data, GDestroyNotify n)
+      : table(t != nullptr ? *t : Table{}), user_data(data), notify(n) {}
+  ~callback_record() {
     if (notify != nullptr) notify(user_data);
   }
+  callback_record(const callback_record &) = delete;
+  callback_record &operator=(const callback_record &) = delete;
 };
 
+template <typename Table>
+using callbacks_ptr = std::shared_ptr<const callback_record<Table>>;
+
+template <typename Table>
+callbacks_ptr<Table> no_callbacks() {
+  return std::make_shared<const callback_record<Table>>(nullptr, nullptr, nullptr);
+}
+
 // Everything below `lock` is guarded by it.  The streaming thread never calls
-// a callback with the lock held, so a callback may pull or set callbacks.
+// a callback with the lock held, so a callback may pull or set callbacks; a
+// record taken under the lock is released after it, since its last release
+// runs the application's notify.
 struct sink_state {
   GMutex lock;
   GCond cond;  // the queue shrank, or the sink stopped waiting
@@ -59,22 +69,33 @@ struct sink_state {
   gint priority = 0;
   bool unlocked = false;  // flushing or going down: render must not wait
   GstCaps *caps = nullptr;
-  installed<GstKelAppSinkRenderCallbacks> render_cbs;
-  installed<GstKelAppSinkCallbacks> cbs;
+  callbacks_ptr<GstKelAppSinkRenderCallbacks> render_cbs =
+      no_callbacks<GstKelAppSinkRenderCallbacks>();
+  callbacks_ptr<GstKelAppSinkCallbacks> cbs = no_callbacks<GstKelAppSinkCallbacks>();
+
+  sink_state() {
+    g_mutex_init(&lock);
+    g_cond_init(&cond);
+  }
+  ~sink_state();
+  sink_state(const sink_state &) = delete;
+  sink_state &operator=(const sink_state &) = delete;
 };
 
 }  // namespace
 
 struct _GstKelAppSink {
   GstBaseSink parent;
-  sink_state *st;
+  sink_state *st;  // the instance's private area, constructed in init
 };
 
 typedef struct _GstKelAppSinkClass {
   GstBaseSinkClass parent_class;
 } GstKelAppSinkClass;
 
-G_DEFINE_TYPE(GstKelAppSink, gst_kelapp_sink, GST_TYPE_BASE_SINK)
+using GstKelAppSinkPrivate = sink_state;
+
+G_DEFINE_TYPE_WITH_PRIVATE(GstKelAppSink, gst_kelapp_sink, GST_TYPE_BASE_SINK)
 
 namespace {
 
@@ -131,10 +152,8 @@ GstFlowReturn render(GstBaseSink *base, GstBuffer *buffer) {
   auto *self = GST_KELAPP_SINK(base);
   sink_state *st = self->st;
   GstBuffer *dropped = nullptr;
-  GstKelAppSinkRenderCallbacks render_cbs;
-  gpointer render_data;
-  GstKelAppSinkCallbacks cbs;
-  gpointer cbs_data;
+  callbacks_ptr<GstKelAppSinkRenderCallbacks> render_cbs;
+  callbacks_ptr<GstKelAppSinkCallbacks> cbs;
   {
     locked l(st);
     while (st->max_buffers > 0 && queued(st) >= st->max_buffers) {
@@ -146,53 +165,45 @@ GstFlowReturn render(GstBaseSink *base, GstBuffer *buffer) {
       g_cond_wait(&st->cond, &st->lock);
     }
     gst_queue_array_push_tail(st->queue, gst_buffer_ref(buffer));
-    render_cbs = st->render_cbs.table;
-    render_data = st->render_cbs.user_data;
-    cbs = st->cbs.table;
-    cbs_data = st->cbs.user_data;
+    render_cbs = st->render_cbs;
+    cbs = st->cbs;
   }
   if (dropped != nullptr) {
     GST_LOG_OBJECT(self, "queue full, dropped the oldest buffer");
     gst_buffer_unref(dropped);
   }
-  if (render_cbs.render != nullptr) render_cbs.render(self, render_data);
+  if (render_cbs->table.render != nullptr) render_cbs->table.render(self, render_cbs->user_data);
   if (GST_BUFFER_FLAG_IS_SET(buffer, GST_KELAPP_SINK_BUFFER_FLAG_STEP) &&
-      cbs.render_report != nullptr)
-    cbs.render_report(self, GST_KELAPP_SINK_REPORT_STEP_RENDERED, cbs_data);
+      cbs->table.render_report != nullptr)
+    cbs->table.render_report(self, GST_KELAPP_SINK_REPORT_STEP_RENDERED, cbs->user_data);
   return GST_FLOW_OK;
 }
 
 GstFlowReturn preroll(GstBaseSink *base, GstBuffer * /*buffer*/) {
   auto *self = GST_KELAPP_SINK(base);
-  GstKelAppSinkCallbacks cbs;
-  gpointer data;
+  callbacks_ptr<GstKelAppSinkCallbacks> cbs;
   {
     locked l(self->st);
-    cbs = self->st->cbs.table;
-    data = self->st->cbs.user_data;
+    cbs = self->st->cbs;
   }
-  if (cbs.new_preroll != nullptr) cbs.new_preroll(self, data);
+  if (cbs->table.new_preroll != nullptr) cbs->table.new_preroll(self, cbs->user_data);
   return GST_FLOW_OK;
 }
 
 gboolean event(GstBaseSink *base, GstEvent *ev) {
   auto *self = GST_KELAPP_SINK(base);
   if (GST_EVENT_IS_SERIALIZED(ev) && GST_EVENT_TYPE(ev) != GST_EVENT_FLUSH_STOP) {
-    GstKelAppSinkRenderCallbacks render_cbs;
-    gpointer render_data;
-    GstKelAppSinkCallbacks cbs;
-    gpointer data;
+    callbacks_ptr<GstKelAppSinkRenderCallbacks> render_cbs;
+    callbacks_ptr<GstKelAppSinkCallbacks> cbs;
     {
       locked l(self->st);
-      render_cbs = self->st->render_cbs.table;
-      render_data = self->st->render_cbs.user_data;
-      cbs = self->st->cbs.table;
-      data = self->st->cbs.user_data;
+      render_cbs = self->st->render_cbs;
+      cbs = self->st->cbs;
     }
-    if (cbs.event != nullptr) cbs.event(self, ev, data);
+    if (cbs->table.event != nullptr) cbs->table.event(self, ev, cbs->user_data);
     if (GST_EVENT_TYPE(ev) == GST_EVENT_EOS) {
-      if (render_cbs.eos != nullptr) render_cbs.eos(self, render_data);
-      if (cbs.eos != nullptr) cbs.eos(self, data);
+      if (render_cbs->table.eos != nullptr) render_cbs->table.eos(self, render_cbs->user_data);
+      if (cbs->table.eos != nullptr) cbs->table.eos(self, cbs->user_data);
     }
   }
   if (GST_EVENT_TYPE(ev) == GST_EVENT_FLUSH_STOP) flush(self);
@@ -295,20 +306,23 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec) {
   }
 }
 
-void finalize(GObject *object) {
-  auto *self = GST_KELAPP_SINK(object);
-  sink_state *st = self->st;
+sink_state::~sink_state() {
   {
     dropped_buffers dropped;
-    take_queue(st, dropped);
+    take_queue(this, dropped);
   }
-  gst_queue_array_free(st->queue);
-  gst_caps_replace(&st->caps, nullptr);
-  st->render_cbs.notify_now();
-  st->cbs.notify_now();
-  g_mutex_clear(&st->lock);
-  g_cond_clear(&st->cond);
-  delete st;
+  gst_queue_array_free(queue);
+  gst_caps_replace(&caps, nullptr);
+  // The records' notifies run here, as the members go.
+  render_cbs.reset();
+  cbs.reset();
+  g_mutex_clear(&lock);
+  g_cond_clear(&cond);
+}
+
+void finalize(GObject *object) {
+  auto *self = GST_KELAPP_SINK(object);
+  std::destroy_at(self->st);
   self->st = nullptr;
   G_OBJECT_CLASS(gst_kelapp_sink_parent_class)->finalize(object);
 }
@@ -366,33 +380,32 @@ static void gst_kelapp_sink_init(GstKelAppSink *self) {
   // The queue is the only place a rendered buffer waits: the base sink's
   // last-sample would keep one more frame alive past its pull.
   gst_base_sink_set_last_sample_enabled(GST_BASE_SINK(self), FALSE);
-  self->st = new sink_state;
-  g_mutex_init(&self->st->lock);
-  g_cond_init(&self->st->cond);
+  self->st =
+      std::construct_at(static_cast<sink_state *>(gst_kelapp_sink_get_instance_private(self)));
 }
 
 extern "C" void gst_kelapp_sink_set_render_callbacks(GstKelAppSink *sink,
                                                      const GstKelAppSinkRenderCallbacks *callbacks,
                                                      gpointer user_data, GDestroyNotify notify) {
   g_return_if_fail(GST_IS_KELAPP_SINK(sink));
-  installed<GstKelAppSinkRenderCallbacks> old;
+  auto record = std::make_shared<const callback_record<GstKelAppSinkRenderCallbacks>>(
+      callbacks, user_data, notify);
   {
     locked l(sink->st);
-    old = sink->st->render_cbs.replace(callbacks, user_data, notify);
+    std::swap(record, sink->st->render_cbs);
   }
-  old.notify_now();
 }
 
 extern "C" void gst_kelapp_sink_set_callbacks(GstKelAppSink *sink,
                                               const GstKelAppSinkCallbacks *callbacks,
                                               gpointer user_data, GDestroyNotify notify) {
   g_return_if_fail(GST_IS_KELAPP_SINK(sink));
-  installed<GstKelAppSinkCallbacks> old;
+  auto record =
+      std::make_shared<const callback_record<GstKelAppSinkCallbacks>>(callbacks, user_data, notify);
   {
     locked l(sink->st);
-    old = sink->st->cbs.replace(callbacks, user_data, notify);
+    std::swap(record, sink->st->cbs);
   }
-  old.notify_now();
 }
 
 extern "C" GstBuffer *gst_kelapp_sink_pull_buffer(GstKelAppSink *sink) {

@@ -3,27 +3,38 @@
 #include <gst/base/gstpushsrc.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 
 #include "lumen_core.hh"
 #include "lumen_src.h"
 
+namespace {
+
+// The element's C++ state, in the instance's private area: constructed in
+// init, destroyed in finalize.
+struct lumen_state {
+  lumen::source_core core;
+  // The words of a request written by property: "channel", "stream".
+  std::atomic<int> request_channel{0};
+  std::atomic<int> request_stream{0};
+};
+
+}  // namespace
+
 struct GstLumenSrc {
   GstPushSrc parent;
-  lumen::source_core *core;  // constructed in place in core_storage
-  alignas(lumen::source_core) unsigned char core_storage[sizeof(lumen::source_core)];
-  // The words of a request written by property: "channel", "stream".
-  std::atomic<int> request_channel;
-  std::atomic<int> request_stream;
+  lumen_state *st;
 };
 
 struct GstLumenSrcClass {
   GstPushSrcClass parent_class;
 };
 
-G_DEFINE_TYPE(GstLumenSrc, gst_lumen_src, GST_TYPE_PUSH_SRC)
+using GstLumenSrcPrivate = lumen_state;
+
+G_DEFINE_TYPE_WITH_PRIVATE(GstLumenSrc, gst_lumen_src, GST_TYPE_PUSH_SRC)
 
 namespace {
 
@@ -53,23 +64,23 @@ GstLumenSrc *as_lumen(GstElement *e) {
   return GST_IS_LUMEN_SRC(e) ? reinterpret_cast<GstLumenSrc *>(e) : nullptr;
 }
 
-lumen::source_core &core_of(gpointer self) { return *static_cast<GstLumenSrc *>(self)->core; }
+lumen::source_core &core_of(gpointer self) { return static_cast<GstLumenSrc *>(self)->st->core; }
 
 // The request's channel: "channel" plus 16 for the sub stream.
 int request_target(GstLumenSrc *self) {
-  return self->request_channel.load() + 16 * self->request_stream.load();
+  return self->st->request_channel.load() + 16 * self->st->request_stream.load();
 }
 
 void set_property(GObject *object, guint id, const GValue *value, GParamSpec *pspec) {
   auto *self = reinterpret_cast<GstLumenSrc *>(object);
-  auto &core = *self->core;
+  auto &core = self->st->core;
   lumen::settings s = core.get_settings();
   switch (id) {
     case PROP_CHANNEL:
-      self->request_channel = g_value_get_int(value);
+      self->st->request_channel = g_value_get_int(value);
       return;
     case PROP_STREAM:
-      self->request_stream = g_value_get_int(value);
+      self->st->request_stream = g_value_get_int(value);
       return;
     case PROP_PAUSE:
       if (g_value_get_int(value) != 0) core.pause(request_target(self));
@@ -110,13 +121,13 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *ps
 
 void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec) {
   auto *self = reinterpret_cast<GstLumenSrc *>(object);
-  const lumen::settings s = self->core->get_settings();
+  const lumen::settings s = self->st->core.get_settings();
   switch (id) {
     case PROP_CHANNEL:
-      g_value_set_int(value, self->request_channel);
+      g_value_set_int(value, self->st->request_channel);
       break;
     case PROP_STREAM:
-      g_value_set_int(value, self->request_stream);
+      g_value_set_int(value, self->st->request_stream);
       break;
     case PROP_PAUSE:
     case PROP_RESUME:
@@ -126,7 +137,7 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec) {
       g_value_set_int(value, -1);
       break;
     case PROP_URI:
-      g_value_set_string(value, self->core->uri(request_target(self)).c_str());
+      g_value_set_string(value, self->st->core.uri(request_target(self)).c_str());
       break;
     case PROP_WIDTH:
       g_value_set_int(value, s.width);
@@ -154,8 +165,8 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec) {
 
 void finalize(GObject *object) {
   auto *self = reinterpret_cast<GstLumenSrc *>(object);
-  self->core->~source_core();
-  self->core = nullptr;
+  std::destroy_at(self->st);
+  self->st = nullptr;
   G_OBJECT_CLASS(gst_lumen_src_parent_class)->finalize(object);
 }
 
@@ -245,9 +256,8 @@ static void gst_lumen_src_class_init(GstLumenSrcClass *klass) {
 }
 
 static void gst_lumen_src_init(GstLumenSrc *self) {
-  self->core = new (self->core_storage) lumen::source_core();
-  new (&self->request_channel) std::atomic<int>(0);
-  new (&self->request_stream) std::atomic<int>(0);
+  self->st =
+      std::construct_at(static_cast<lumen_state *>(gst_lumen_src_get_instance_private(self)));
   gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
   gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
   gst_base_src_set_do_timestamp(GST_BASE_SRC(self), TRUE);
@@ -264,19 +274,19 @@ extern "C" {
 
 gint gst_lumen_src_open_ch(GstElement *src, gint ch, gint streams) {
   LUMEN_CHECK(src, "gst_lumen_src_open_ch");
-  return self->core->open(ch, streams);
+  return self->st->core.open(ch, streams);
 }
 
 gint gst_lumen_src_close_ch(GstElement *src, gint ch, gint /*flags*/) {
   LUMEN_CHECK(src, "gst_lumen_src_close_ch");
-  return self->core->close(ch);
+  return self->st->core.close(ch);
 }
 
-#define LUMEN_SETTER(name, kind)                                           \
-  gint name(GstElement *src, GstLumenSrcCallback cb, gpointer user_data) { \
-    LUMEN_CHECK(src, #name);                                               \
-    self->core->set_callback(lumen::callback_kind::kind, cb, user_data);   \
-    return 0;                                                              \
+#define LUMEN_SETTER(name, kind)                                            \
+  gint name(GstElement *src, GstLumenSrcCallback cb, gpointer user_data) {  \
+    LUMEN_CHECK(src, #name);                                                \
+    self->st->core.set_callback(lumen::callback_kind::kind, cb, user_data); \
+    return 0;                                                               \
   }
 
 LUMEN_SETTER(gst_lumen_src_set_cmd_callback, cmd)
@@ -288,7 +298,7 @@ LUMEN_SETTER(gst_lumen_src_set_onvif_meta_callback, onvif_meta)
 
 gint gst_lumen_src_send_audio(GstElement *src, gint ch, gconstpointer data, gint size) {
   LUMEN_CHECK(src, "gst_lumen_src_send_audio");
-  return self->core->send_audio(ch, data, size);
+  return self->st->core.send_audio(ch, data, size);
 }
 
 gint gst_lumen_src_set_live_audio_ch(gint ch) {

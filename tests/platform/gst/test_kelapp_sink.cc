@@ -227,6 +227,59 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirData) {
   EXPECT_EQ(render.snapshot(), std::vector<std::string>{"notify"});
 }
 
+// A table's user data that knows whether a render is inside it.
+struct guarded {
+  std::atomic<int> inside{0}, renders{0};
+  std::atomic<bool> hold{false}, notified{false}, notified_inside{false};
+};
+
+gint render_guarded(GstKelAppSink *sink, gpointer data) {
+  auto *g = static_cast<guarded *>(data);
+  g->inside++;
+  g->renders++;
+  if (g->hold) wait_for([&] { return !g->hold.load(); });
+  if (GstBuffer *b = gst_kelapp_sink_pull_buffer(sink)) gst_buffer_unref(b);
+  g->inside--;
+  return 0;
+}
+
+void notify_guarded(gpointer data) {
+  auto *g = static_cast<guarded *>(data);
+  if (g->inside.load() != 0) g->notified_inside = true;
+  g->notified = true;
+}
+
+TEST(KelAppSink, ReplacedTablesAreNotifiedOnlyAfterTheLastRenderInsideThemReturns) {
+  pipeline p("sync=false");
+  std::vector<guarded> tables(20);
+  const GstKelAppSinkRenderCallbacks cbs = {nullptr, render_guarded, {}};
+  tables[0].hold = true;
+  gst_kelapp_sink_set_render_callbacks(p.sink(), &cbs, &tables[0], notify_guarded);
+  p.play();
+  std::atomic<bool> pushing{true};
+  std::thread pusher([&] {
+    for (int i = 0; pushing; i++) p.push(numbered(i));
+  });
+  // A render sits in the first table while it is replaced.
+  ASSERT_TRUE(wait_for([&] { return tables[0].inside.load() == 1; }));
+  gst_kelapp_sink_set_render_callbacks(p.sink(), &cbs, &tables[1], notify_guarded);
+  EXPECT_FALSE(tables[0].notified.load());
+  tables[0].hold = false;
+  ASSERT_TRUE(wait_for([&] { return tables[0].notified.load(); }));
+  // And again and again while buffers flow.
+  for (size_t i = 2; i < tables.size(); i++) {
+    ASSERT_TRUE(wait_for([&] { return tables[i - 1].renders.load() > 0; }));
+    gst_kelapp_sink_set_render_callbacks(p.sink(), &cbs, &tables[i], notify_guarded);
+  }
+  pushing = false;
+  pusher.join();
+  p.stop();
+  for (size_t i = 0; i + 1 < tables.size(); i++) {
+    EXPECT_TRUE(tables[i].notified.load()) << i;
+    EXPECT_FALSE(tables[i].notified_inside.load()) << i;
+  }
+}
+
 // Both sinks' render callbacks wait inside for each other.
 struct rendezvous {
   std::atomic<int> inside{0};
