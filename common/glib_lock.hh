@@ -5,15 +5,26 @@
 
 namespace orlo {
 
+// Holds a GMutex for a scope.  Built with `try_lock`, it only tries, and
+// owns() tells whether it got the lock.
 class mutex_guard {
  public:
-  explicit mutex_guard(GMutex *m) : m_(m) { g_mutex_lock(m_); }
-  ~mutex_guard() { g_mutex_unlock(m_); }
+  struct try_lock_t {};
+  static constexpr try_lock_t try_lock{};
+
+  explicit mutex_guard(GMutex *m) : m_(m), owns_(true) { g_mutex_lock(m_); }
+  mutex_guard(GMutex *m, try_lock_t) : m_(m), owns_(g_mutex_trylock(m) != FALSE) {}
+  ~mutex_guard() {
+    if (owns_) g_mutex_unlock(m_);
+  }
   mutex_guard(const mutex_guard &) = delete;
   mutex_guard &operator=(const mutex_guard &) = delete;
 
+  bool owns() const { return owns_; }
+
  private:
   GMutex *m_;
+  bool owns_;
 };
 
 // The records own their locks for the life of the process; these make them.

@@ -2,8 +2,12 @@
 //
 // Ownership is explicit at construction: orlo::adopt(p) takes over a
 // reference the caller already owns (a `transfer full` result), orlo::ref(p)
-// takes a new one (a `transfer none` result).  The per-type traits say how to
-// add and drop a reference.
+// takes a new one (a `transfer none` result), and orlo::adopt_floating(p)
+// sinks the floating reference of a new GstObject (`transfer floating`, as
+// gst_parse_launch and gst_element_factory_make give) and keeps it.  A
+// floating object handed to adopt() would be unreferenced while nobody owns
+// it: debug builds stop there.  The per-type traits say how to add and drop
+// a reference.
 #pragma once
 
 #include <gst/gst.h>
@@ -15,22 +19,21 @@ namespace orlo {
 template <typename T>
 struct ref_traits;
 
+// The GstObject family starts life with a floating reference, which whoever
+// keeps the object must sink.
+template <typename T>
+struct gst_object_traits {
+  static constexpr bool floats = true;
+  static void ref(T *p) { gst_object_ref(p); }
+  static void unref(T *p) { gst_object_unref(p); }
+  static bool floating(T *p) { return g_object_is_floating(p) != FALSE; }
+  static void sink(T *p) { gst_object_ref_sink(p); }
+};
+
 template <>
 struct ref_traits<GstBuffer> {
   static void ref(GstBuffer *p) { gst_buffer_ref(p); }
   static void unref(GstBuffer *p) { gst_buffer_unref(p); }
-};
-
-template <>
-struct ref_traits<GstMiniObject> {
-  static void ref(GstMiniObject *p) { gst_mini_object_ref(p); }
-  static void unref(GstMiniObject *p) { gst_mini_object_unref(p); }
-};
-
-template <>
-struct ref_traits<GstEvent> {
-  static void ref(GstEvent *p) { gst_event_ref(p); }
-  static void unref(GstEvent *p) { gst_event_unref(p); }
 };
 
 template <>
@@ -40,28 +43,13 @@ struct ref_traits<GstCaps> {
 };
 
 template <>
-struct ref_traits<GstSample> {
-  static void ref(GstSample *p) { gst_sample_ref(p); }
-  static void unref(GstSample *p) { gst_sample_unref(p); }
-};
+struct ref_traits<GstElement> : gst_object_traits<GstElement> {};
 
 template <>
-struct ref_traits<GstElement> {
-  static void ref(GstElement *p) { gst_object_ref(p); }
-  static void unref(GstElement *p) { gst_object_unref(p); }
-};
+struct ref_traits<GstPad> : gst_object_traits<GstPad> {};
 
 template <>
-struct ref_traits<GstPad> {
-  static void ref(GstPad *p) { gst_object_ref(p); }
-  static void unref(GstPad *p) { gst_object_unref(p); }
-};
-
-template <>
-struct ref_traits<GstBus> {
-  static void ref(GstBus *p) { gst_object_ref(p); }
-  static void unref(GstBus *p) { gst_object_unref(p); }
-};
+struct ref_traits<GstBus> : gst_object_traits<GstBus> {};
 
 template <>
 struct ref_traits<GstMessage> {
@@ -81,12 +69,6 @@ struct ref_traits<GMainLoop> {
   static void unref(GMainLoop *p) { g_main_loop_unref(p); }
 };
 
-template <>
-struct ref_traits<GThread> {
-  static void ref(GThread *p) { g_thread_ref(p); }
-  static void unref(GThread *p) { g_thread_unref(p); }
-};
-
 template <typename T>
 class ref_ptr {
  public:
@@ -102,9 +84,17 @@ class ref_ptr {
   ~ref_ptr() { reset(); }
 
   static ref_ptr adopt(T *p) noexcept {
+#ifndef NDEBUG
+    if constexpr (floats()) g_assert(p == nullptr || !ref_traits<T>::floating(p));
+#endif
     ref_ptr r;
     r.p_ = p;
     return r;
+  }
+  static ref_ptr adopt_floating(T *p) {
+    static_assert(floats(), "only a GstObject has a floating reference");
+    if (p != nullptr && ref_traits<T>::floating(p)) ref_traits<T>::sink(p);
+    return adopt(p);
   }
   static ref_ptr ref(T *p) {
     if (p) ref_traits<T>::ref(p);
@@ -122,12 +112,22 @@ class ref_ptr {
   }
 
  private:
+  static constexpr bool floats() {
+    if constexpr (requires { ref_traits<T>::floats; }) return ref_traits<T>::floats;
+    return false;
+  }
+
   T *p_ = nullptr;
 };
 
 template <typename T>
 ref_ptr<T> adopt(T *p) noexcept {
   return ref_ptr<T>::adopt(p);
+}
+
+template <typename T>
+ref_ptr<T> adopt_floating(T *p) {
+  return ref_ptr<T>::adopt_floating(p);
 }
 
 template <typename T>

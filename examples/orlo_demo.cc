@@ -6,6 +6,9 @@
 // demo's own commands runs beside it.
 #include <glib.h>
 #include <gst/gst.h>
+#include <orlo/orlo_display.h>
+#include <orlo/orlo_lumen_pipe.h>
+#include <orlo/shell.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,10 +27,7 @@
 #include <vector>
 
 #include "kel_buffers.h"
-#include <orlo/orlo_display.h>
-#include <orlo/orlo_lumen_pipe.h>
 #include "ravel_soft.h"
-#include <orlo/shell.h>
 
 namespace {
 
@@ -112,6 +112,41 @@ void set_plugin_path() {
 
 // ---- options -----------------------------------------------------------------
 
+// Takes the --source values, N=URI each.
+bool add_sources(gchar **sources, options &opt) {
+  bool ok = true;
+  for (gchar **s = sources; s != nullptr && *s != nullptr; ++s) {
+    char *eq = strchr(*s, '=');
+    char *end = nullptr;
+    const long ch = eq != nullptr ? strtol(*s, &end, 10) : -1;
+    if (eq == nullptr || end != eq || ch < 0 || ch >= kMaxChannels || eq[1] == '\0') {
+      fprintf(stderr, "orlo-demo: --source wants N=URI with N in 0..15, not '%s'\n", *s);
+      ok = false;
+      continue;
+    }
+    opt.sources.emplace_back(static_cast<int>(ch), std::string(eq + 1));
+  }
+  return ok;
+}
+
+// Every complaint is told, not only the first.
+bool options_usable(const options &opt) {
+  bool ok = true;
+  if (opt.channels < 1 || opt.channels > kMaxChannels) {
+    fprintf(stderr, "orlo-demo: --channels must be 1..16\n");
+    ok = false;
+  }
+  if (opt.duration < 0 || opt.snapshot_ch < 0 || opt.snapshot_ch >= opt.channels) {
+    fprintf(stderr, "orlo-demo: --duration must be >= 0 and --snapshot-ch an open channel\n");
+    ok = false;
+  }
+  if (opt.width < 16 || opt.height < 16 || (opt.width & 1) || (opt.height & 1)) {
+    fprintf(stderr, "orlo-demo: --width and --height must be even and at least 16\n");
+    ok = false;
+  }
+  return ok;
+}
+
 bool parse_options(int argc, char **argv, options &opt) {
   gchar *out = nullptr;
   gchar **sources = nullptr;
@@ -150,31 +185,9 @@ bool parse_options(int argc, char **argv, options &opt) {
   g_free(out);
   if (forever) opt.duration = 0;
   opt.window = window;
-  for (gchar **s = sources; s != nullptr && *s != nullptr; ++s) {
-    char *eq = strchr(*s, '=');
-    char *end = nullptr;
-    const long ch = eq != nullptr ? strtol(*s, &end, 10) : -1;
-    if (eq == nullptr || end != eq || ch < 0 || ch >= kMaxChannels || eq[1] == '\0') {
-      fprintf(stderr, "orlo-demo: --source wants N=URI with N in 0..15, not '%s'\n", *s);
-      ok = false;
-      continue;
-    }
-    opt.sources.emplace_back(static_cast<int>(ch), std::string(eq + 1));
-  }
+  if (!add_sources(sources, opt)) ok = false;
   g_strfreev(sources);
-  if (opt.channels < 1 || opt.channels > kMaxChannels) {
-    fprintf(stderr, "orlo-demo: --channels must be 1..16\n");
-    ok = false;
-  }
-  if (opt.duration < 0 || opt.snapshot_ch < 0 || opt.snapshot_ch >= opt.channels) {
-    fprintf(stderr, "orlo-demo: --duration must be >= 0 and --snapshot-ch an open channel\n");
-    ok = false;
-  }
-  if (opt.width < 16 || opt.height < 16 || (opt.width & 1) || (opt.height & 1)) {
-    fprintf(stderr, "orlo-demo: --width and --height must be even and at least 16\n");
-    ok = false;
-  }
-  return ok;
+  return options_usable(opt) && ok;
 }
 
 // ---- the mosaic --------------------------------------------------------------
@@ -469,28 +482,26 @@ void start_shell(int port) {
   printf("orlo-demo: debug shell on TCP port %d (try: nc localhost %d, then 'help')\n", port, port);
 }
 
-int run(demo &d) {
-  options &opt = d.opt;
-  if (g_mkdir_with_parents(opt.out.c_str(), 0755) != 0) {
-    fprintf(stderr, "orlo-demo: cannot make the output folder %s\n", opt.out.c_str());
-    return 1;
-  }
+// The display, its first mode, the channels' slots and the live pipe; then
+// the window and the shell.  False when the demo cannot go on.
+bool bring_up(demo &d) {
+  const options &opt = d.opt;
   const int32_t formats[1] = {0};  // 1920 x 1080
   const int fd = ravel_audio_new(1);
   d.h_display = orlo_display_new(formats, 0, opt.channels, 0, 1, fd > 0 ? fd : -1, nullptr);
   if (d.h_display == nullptr) {
     fprintf(stderr, "orlo-demo: the display could not be created\n");
-    return 1;
+    return false;
   }
   d.started = std::chrono::steady_clock::now();
   if (show_mode(d, opt.mode) != 0) {
     fprintf(stderr, "orlo-demo: display mode %d can't be shown\n", opt.mode);
-    return 1;
+    return false;
   }
   decode_all_channels(d);
   if (!start_live_pipe(d)) {
     fprintf(stderr, "orlo-demo: the live pipe could not be started\n");
-    return 1;
+    return false;
   }
   if (opt.window && ravel_soft_show_window(ravel_soft_engine(), 0) != 0)
     fprintf(stderr, "orlo-demo: no window (no graphical display); running headless\n");
@@ -501,8 +512,13 @@ int run(demo &d) {
   for (const auto &s : opt.sources)
     printf("orlo-demo: channel %d from %s\n", s.first, s.second.c_str());
   start_shell(opt.shell_port);
+  return true;
+}
 
-  // The timeline: the start mode, then 2, 7 and 1, back to the start mode.
+// The timeline: the start mode, then 2, 7 and 1, back to the start mode,
+// with a picture of display 0 at the end of each stage.
+void play_timeline(demo &d) {
+  const options &opt = d.opt;
   const int sequence[] = {opt.mode, 2, 7, 1, opt.mode};
   const int stages = static_cast<int>(sizeof sequence / sizeof sequence[0]);
   const double stage = opt.duration > 0 ? opt.duration / static_cast<double>(stages) : 3.0;
@@ -524,6 +540,16 @@ int run(demo &d) {
     while (sleep_unless_interrupted(1.0)) {
     }
   }
+}
+
+int run(demo &d) {
+  const options &opt = d.opt;
+  if (g_mkdir_with_parents(opt.out.c_str(), 0755) != 0) {
+    fprintf(stderr, "orlo-demo: cannot make the output folder %s\n", opt.out.c_str());
+    return 1;
+  }
+  if (!bring_up(d)) return 1;
+  play_timeline(d);
   write_display(d, 0, "display0.png");
   write_display(d, 2, "display2.png");
   print_statistics(d);

@@ -28,13 +28,14 @@ typedef struct ravel ravel_t;
 typedef void (*ravel_release_fn)(void *buffer);
 
 /* A finished JPEG.  `pbuf` points at the word that holds the address of the
- * JPEG data (released with free()); the five words are the engine's.  The
- * software engine (platform/ravel/ravel_soft.h) puts there: word1 the engine
- * port, word2 the JPEG's size in bytes, word3 its width, word4 its height,
- * word5 the port's time stamp from ravel_set_jpeg_timestamp; a NULL address
- * (word2 0) when there was no picture to encode. */
-typedef void (*ravel_jpeg_cb)(void **pbuf, uint32_t word1, uint32_t word2, uint32_t word3,
-                              uint32_t word4, uint32_t word5);
+ * JPEG data (released with free()); the five words that follow are the
+ * engine's, named here by what the software engine
+ * (platform/ravel/ravel_soft.h) puts there: the engine port, the JPEG's size
+ * in bytes, its width and height, and the port's time stamp from
+ * ravel_set_jpeg_timestamp; a NULL address (size 0) when there was no
+ * picture to encode.  liborlo passes them on as they come. */
+typedef void (*ravel_jpeg_cb)(void **pbuf, uint32_t port, uint32_t jpeg_size, uint32_t width,
+                              uint32_t height, uint32_t timestamp);
 
 /* A decoded picture, packed YVYU, released with g_free().  `pimage` points
  * at the word that holds its address (NULL in the software engine when the

@@ -18,15 +18,26 @@ constexpr unsigned ring_slots = 32;  // a power of two: slot numbers wrap by the
 constexpr unsigned ring_mask = ring_slots - 1;
 constexpr size_t line_size = 256;
 constexpr size_t line_max = line_size - 1;  // characters; the last byte is the terminator
-constexpr char BS = 8;
 constexpr const char *prompt_text = "vexsh:> ";
 
-using line_buffer = std::array<char, line_size>;
+// The keys the editor knows by their byte.
+enum key : unsigned char {
+  KEY_BS = 8,  // also what moves the client's cursor one left
+  KEY_TAB = 9,
+  KEY_LF = 10,
+  KEY_CR = 13,
+  KEY_ESC = 27,
+  KEY_SPACE = 32,  // the first printable byte
+  KEY_DEL = 127,
+  KEY_EXTENDED = 224,  // a console's prefix of extended keys: ignored
+};
+constexpr char BS = KEY_BS;
 
-// Sends `count` back spaces, which move the client's cursor left.
-void send_backspaces(size_t count) {
-  if (count != 0) zeb_printf("%s", std::string(count, BS).c_str());
-}
+// How far an escape sequence has come: ESC, ESC [, ESC [ and a parameter
+// byte, or a second parameter digit whose next byte is swallowed.
+enum class esc_state { none, escape, bracket, parameter, swallow };
+
+using line_buffer = std::array<char, line_size>;
 
 class session {
  public:
@@ -38,32 +49,35 @@ class session {
   // Edits and runs lines until a command ends the session or the client's
   // connection is gone.
   void run() {
-    zeb_printf("Welcome to vexshell!\r\n");
-    zeb_printf("Warnning: Do not open this telnet shell for release version!!!! \r\n");
+    put("Welcome to vexshell!\r\n");
+    put("Warnning: Do not open this telnet shell for release version!!!! \r\n");
     prompt();
+    send();
     for (;;) {
       int byte = zeb_getchar();
       // 0 is an ignored key, unless the transport has closed the connection.
       if (byte == 0 && !zeb_link_alive()) return;
       bool go_on = key(static_cast<unsigned char>(byte));
+      send();
       fflush(stdout);
       if (!go_on) return;
     }
   }
 
-  // Feeds one byte to the editor; false when the session is to end.
+  // Feeds one byte to the editor; false when the session is to end.  What
+  // the key shows waits in the refresh until send().
   bool key(unsigned char c) {
     switch (esc_state_) {
-      case 0:
+      case esc_state::none:
         return plain_key(c);
-      case 1:
-        esc_state_ = c == '[' ? 2 : 0;
+      case esc_state::escape:
+        esc_state_ = c == '[' ? esc_state::bracket : esc_state::none;
         return true;
-      case 2:
-        esc_state_ = 0;
+      case esc_state::bracket:
+        esc_state_ = esc_state::none;
         if ((c >= '1' && c <= '6') || c == '[') {
           esc_param_ = c;
-          esc_state_ = 3;
+          esc_state_ = esc_state::parameter;
         } else if (c == 'A') {
           recall(-1);
         } else if (c == 'B') {
@@ -74,50 +88,63 @@ class session {
           cursor_left();
         }
         return true;
-      case 3:
+      case esc_state::parameter:
         // A second digit 7 to 9 also swallows the byte behind it.
-        esc_state_ = (c >= '7' && c <= '9') ? 4 : 0;
+        esc_state_ = (c >= '7' && c <= '9') ? esc_state::swallow : esc_state::none;
         if (c == '~') tilde_key();
         return true;
-      default:
-        esc_state_ = 0;
+      case esc_state::swallow:
+        esc_state_ = esc_state::none;
         return true;
     }
+    return true;
+  }
+
+  // Sends the refresh gathered since the last send in one piece.
+  void send() {
+    if (refresh_.empty()) return;
+    zeb_printf("%s", refresh_.c_str());
+    refresh_.clear();
   }
 
  private:
   char *slot(unsigned n) { return (*ring_)[n & ring_mask].data(); }
   size_t cursor_index() const { return static_cast<size_t>(cursor_ - line_); }
 
+  void put(const char *text) { refresh_ += text; }
+  void put(char c) { refresh_ += c; }
+  // Back spaces, which move the client's cursor left.
+  void put_backspaces(size_t count) { refresh_.append(count, BS); }
+
   void prompt() {
-    zeb_printf("%s", prompt_text);
+    put(prompt_text);
     browse_ = head_;
     line_ = slot(head_);
     cursor_ = line_;
     insert_mode_ = true;
-    esc_state_ = 0;
+    esc_state_ = esc_state::none;
     memset(line_, 0, line_size);  // the oldest line is lost when head reaches it
   }
 
   bool plain_key(unsigned char c) {
     switch (c) {
-      case 8:
-      case 127:
+      case KEY_BS:
+      case KEY_DEL:
         back_space();
         return true;
-      case 9:
+      case KEY_TAB:
         complete();
         return true;
-      case 10:
-      case 13:
+      case KEY_LF:
+      case KEY_CR:
         return commit();
-      case 27:
-        esc_state_ = 1;
+      case KEY_ESC:
+        esc_state_ = esc_state::escape;
         return true;
-      case 224:
+      case KEY_EXTENDED:
         return true;
       default:
-        if (c >= 32) text(c);  // control bytes are dropped
+        if (c >= KEY_SPACE) text(c);  // control bytes are dropped
         return true;
     }
   }
@@ -151,8 +178,8 @@ class session {
       // The byte behind the terminator is zero, so the moved tail stays terminated.
       memmove(cursor_ + 1, cursor_, tail);
       *cursor_++ = static_cast<char>(c);
-      zeb_printf("%s", cursor_);
-      send_backspaces(tail);
+      put(cursor_);
+      put_backspaces(tail);
     } else {
       *cursor_++ = static_cast<char>(c);
     }
@@ -163,38 +190,41 @@ class session {
     size_t tail = strlen(cursor_);
     memmove(cursor_ - 1, cursor_, tail + 1);
     --cursor_;
-    zeb_printf("%c%s ", BS, cursor_);
-    send_backspaces(tail + 1);
+    put(BS);
+    put(cursor_);
+    put(' ');
+    put_backspaces(tail + 1);
   }
 
   void delete_key() {
     if (*cursor_ == '\0') return;
     size_t tail = strlen(cursor_);
     memmove(cursor_, cursor_ + 1, tail);
-    zeb_printf("%s ", cursor_);
-    send_backspaces(tail);  // the tail is one shorter now; plus one for the blank
+    put(cursor_);
+    put(' ');
+    put_backspaces(tail);  // the tail is one shorter now; plus one for the blank
   }
 
   void cursor_right() {
     if (*cursor_ == '\0') return;
-    zeb_printf("%c", *cursor_);
+    put(*cursor_);
     ++cursor_;
   }
 
   void cursor_left() {
     if (cursor_ == line_) return;
     --cursor_;
-    zeb_printf("%c", BS);
+    put(BS);
   }
 
   void home() {
-    zeb_printf("%s", cursor_);
-    send_backspaces(strlen(line_));
+    put(cursor_);
+    put_backspaces(strlen(line_));
     cursor_ = line_;
   }
 
   void end() {
-    zeb_printf("%s", cursor_);
+    put(cursor_);
     cursor_ = line_ + strlen(line_);
   }
 
@@ -209,14 +239,12 @@ class session {
       if (browse_ == head_) return;
       to = (browse_ + 1) & ring_mask;
     }
-    zeb_printf("%s", cursor_);
-    std::string erase;
-    for (size_t i = strlen(line_); i > 0; --i) erase += "\b \b";
-    if (!erase.empty()) zeb_printf("%s", erase.c_str());
+    put(cursor_);
+    for (size_t i = strlen(line_); i > 0; --i) put("\b \b");
     browse_ = to;
     line_ = slot(to);
     cursor_ = line_ + strlen(line_);
-    zeb_printf("%s", line_);
+    put(line_);
   }
 
   // Stores one completed character at the cursor and shows it; never into the
@@ -224,7 +252,7 @@ class session {
   bool store(char c) {
     if (cursor_index() >= line_max) return false;
     *cursor_++ = c;
-    zeb_printf("%c", c);
+    put(c);
     return true;
   }
 
@@ -270,12 +298,14 @@ class session {
     unsigned shown = 0;
     for (const shell_cmd_t *cmd = shell_cmd_list; cmd != nullptr; cmd = cmd->next) {
       if (strncmp(cmd->name, word, typed) != 0) continue;
-      if (shown++ % 4 == 0) zeb_printf("\r\n");
-      zeb_printf("%-20s", cmd->name);
+      if (shown++ % 4 == 0) put("\r\n");
+      put(cmd->name);
+      const size_t width = strlen(cmd->name);
+      if (width < 20) refresh_.append(20 - width, ' ');  // columns of 20
     }
-    zeb_printf("\r\n");
-    zeb_printf("%s", prompt_text);
-    zeb_printf("%s", line_);
+    put("\r\n");
+    put(prompt_text);
+    put(line_);
   }
 
   bool commit() {
@@ -285,7 +315,8 @@ class session {
       memcpy(into, line_, length);
       memset(into + length, 0, line_size - length);
     }
-    zeb_printf("\r\n");
+    put("\r\n");
+    send();  // the command's own output comes behind the line's end
     fflush(stdout);
     shell_free_args(&cmd_argc_, &cmd_argv_);
     const char *text = slot(head_);
@@ -300,7 +331,10 @@ class session {
     cmd_argc_ = static_cast<int>(count);
     int result = do_shell_cmd(cmd_argc_, cmd_argv_);
     if (result == SHELL_EXIT) return false;
-    if (result == SHELL_ERR_NOT_FOUND) zeb_printf("%s: command not found\r\n", cmd_argv_[0]);
+    if (result == SHELL_ERR_NOT_FOUND) {
+      put(cmd_argv_[0]);
+      put(": command not found\r\n");
+    }
     head_ = (head_ + 1) & ring_mask;
     prompt();
     return true;
@@ -312,11 +346,12 @@ class session {
   char *line_ = nullptr;
   char *cursor_ = nullptr;
   bool insert_mode_ = true;
-  int esc_state_ = 0;
+  esc_state esc_state_ = esc_state::none;
   unsigned char esc_param_ = 0;
   char scratch_[SHELL_SCRATCH_SIZE] = {};
   int cmd_argc_ = 0;
   char **cmd_argv_ = nullptr;
+  std::string refresh_;  // what the current key shows, sent in one piece
 };
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "colorspace.h"
-#include "display_format.hh"
 #include "display/display_state.hh"
+#include "display_format.hh"
 #include "glib_lock.hh"
 #include "shared_word.hh"
 
@@ -25,71 +25,67 @@ void release_frame(void *buffer) { gst_mini_object_unref(GST_MINI_OBJECT_CAST(bu
 
 }  // namespace orlo
 
-extern "C" ORLO_API orlo_display_t *orlo_display_new(const int32_t *formats, int32_t engine_opt,
-                                                     int32_t ch_count, int32_t /*reserved*/,
-                                                     int32_t n_display_ids, int32_t h_audio,
-                                                     const orlo_display_cfg_t *cfg) {
-  gst_init(nullptr, nullptr);
-  colorspace_init();
+namespace {
 
-  // Refusals that would leave a half-made handle are made before anything
-  // is created.
+constexpr const char *self = "orlo_display_new";
+// The engine word when no creation options are given.
+constexpr int32_t DEFAULT_ENGINE_WORD = 6;
+constexpr int32_t MAX_DISPLAY_IDS = 4;
+
+// What ravel_new gets besides the caller's words.
+struct engine_options {
+  int32_t display_ids[MAX_DISPLAY_IDS] = {0, 0, 0, 0};
+  int32_t engine_word = DEFAULT_ENGINE_WORD;
+  int32_t engine_block[4] = {0, 0, 0, 0};
+};
+
+// Refusals of the arguments.  They come before anything is created, so that
+// no half-made handle is left behind.
+bool arguments_usable(const int32_t *formats, int32_t n_display_ids, int32_t h_audio) {
   if (formats == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_new", "formats != NULL");
-    return nullptr;
+    g_return_if_fail_warning(nullptr, self, "formats != NULL");
+    return false;
   }
-  if (n_display_ids > 4) {
-    g_return_if_fail_warning(nullptr, "orlo_display_new", "n_display_ids <= 4");
-    return nullptr;
+  if (n_display_ids > MAX_DISPLAY_IDS) {
+    g_return_if_fail_warning(nullptr, self, "n_display_ids <= 4");
+    return false;
   }
   if (h_audio == 0) {
-    g_return_if_fail_warning(nullptr, "orlo_display_new", "h_display->h_audio != 0");
-    return nullptr;
+    g_return_if_fail_warning(nullptr, self, "h_display->h_audio != 0");
+    return false;
   }
+  return true;
+}
 
-  auto *h_display = static_cast<orlo_display_t *>(g_try_malloc0(sizeof(orlo_display_t)));
-  if (h_display == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_new", "h_display != NULL");
-    return nullptr;
-  }
-
-  g_display = h_display;
-  h_display->ch_count = ch_count;
-  orlo::store_word(h_display->main_port, -1);
-
-  int32_t display_ids[4] = {0, 0, 0, 0};
-  int32_t engine_word = 6;
-  int32_t engine_block[4] = {0, 0, 0, 0};
-  if (cfg != nullptr) {
-    for (int i = 0; i < n_display_ids; i++) {
-      int32_t id = cfg->display_ids[i];
-      if (id < 0 || id > 3) {
-        g_message("wrong display id:%d! default to HDMI.", id);
-        id = 0;
-      }
-      g_message("display id:%d.", id);
-      display_ids[i] = id;
+// The display list and the words for the engine; an id outside 0..3 means
+// HDMI.
+engine_options options_from(const orlo_display_cfg_t *cfg, int32_t n_display_ids) {
+  engine_options o;
+  if (cfg == nullptr) return o;
+  for (int i = 0; i < n_display_ids; i++) {
+    int32_t id = cfg->display_ids[i];
+    if (id < 0 || id > 3) {
+      g_message("wrong display id:%d! default to HDMI.", id);
+      id = 0;
     }
-    engine_word = cfg->engine_word;
-    std::memcpy(engine_block, cfg->engine_block, sizeof engine_block);
+    g_message("display id:%d.", id);
+    o.display_ids[i] = id;
   }
+  o.engine_word = cfg->engine_word;
+  std::memcpy(o.engine_block, cfg->engine_block, sizeof o.engine_block);
+  return o;
+}
 
-  g_engine = ravel_new(formats, engine_opt, ch_count, n_display_ids, 0, orlo::release_frame, 0, 0,
-                       0, 24, display_ids, engine_word, engine_block);
-  if (g_engine == nullptr) {
-    g_display = nullptr;
-    g_free(h_display);
-    return nullptr;
-  }
+// Gives up a handle that creation could not finish.
+orlo_display_t *discard(orlo_display_t *h_display) {
+  g_display = nullptr;
+  g_free(h_display);
+  return nullptr;
+}
 
-  const orlo::display_size size = orlo::size_of_format(formats[0]);
-  if (size.width == 0) {
-    // A refusal, not an abort: the engine stands, but no handle is given.
-    g_warning("not supported display format:%d\n", formats[0]);
-    g_display = nullptr;
-    g_free(h_display);
-    return nullptr;
-  }
+// The locks, the tables and the audio choice of a handle whose engine
+// stands.  The record came zeroed: the tables start cleared.
+void finish_handle(orlo_display_t *h_display, orlo::display_size size, int32_t h_audio) {
   orlo::store_word(h_display->disp_width, size.width);
   orlo::store_word(h_display->disp_height, size.height);
 
@@ -101,13 +97,46 @@ extern "C" ORLO_API orlo_display_t *orlo_display_new(const int32_t *formats, int
   h_display->mutex_jpeg = orlo::new_mutex();
   h_display->mutex_jpegsnap = orlo::new_mutex();
 
-  // The record came zeroed; the tables start cleared.
   orlo::store_word(h_display->config_mode, 0);
   h_display->jpeg_live_arg = 0;
 
   h_display->h_audio = h_audio == -1 ? 0 : h_audio;
   orlo::store_word(h_display->audio_all, 0);
   orlo::store_word(h_display->audio_ch, -1);
+}
+
+}  // namespace
+
+extern "C" ORLO_API orlo_display_t *orlo_display_new(const int32_t *formats, int32_t engine_opt,
+                                                     int32_t ch_count, int32_t /*reserved*/,
+                                                     int32_t n_display_ids, int32_t h_audio,
+                                                     const orlo_display_cfg_t *cfg) {
+  gst_init(nullptr, nullptr);
+  colorspace_init();
+  if (!arguments_usable(formats, n_display_ids, h_audio)) return nullptr;
+
+  auto *h_display = static_cast<orlo_display_t *>(g_try_malloc0(sizeof(orlo_display_t)));
+  if (h_display == nullptr) {
+    g_return_if_fail_warning(nullptr, self, "h_display != NULL");
+    return nullptr;
+  }
+  g_display = h_display;
+  h_display->ch_count = ch_count;
+  orlo::store_word(h_display->main_port, -1);
+
+  const engine_options o = options_from(cfg, n_display_ids);
+  g_engine = ravel_new(formats, engine_opt, ch_count, n_display_ids, 0, orlo::release_frame, 0, 0,
+                       0, 24, o.display_ids, o.engine_word, o.engine_block);
+  if (g_engine == nullptr) return discard(h_display);
+
+  // The format is judged once the engine stands.  One outside the table is
+  // a refusal, not an abort: the engine stays, but no handle is given.
+  const orlo::display_size size = orlo::size_of_format(formats[0]);
+  if (size.width == 0) {
+    g_warning("not supported display format:%d\n", formats[0]);
+    return discard(h_display);
+  }
+  finish_handle(h_display, size, h_audio);
   return h_display;
 }
 

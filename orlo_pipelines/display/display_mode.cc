@@ -135,7 +135,7 @@ extern "C" ORLO_API int orlo_display_decode_change(orlo_display_t *h_display,
     h_display->ch_sync[i] = rec.sync;
     h_display->ch_wait_sync[i] = rec.sync;
     h_display->ch_enable[i] = rec.enable;
-    h_display->ch_wait_first[i] = rec.enable == 1 ? 1 : 0;
+    h_display->ch_wait_first[i] = rec.enable == orlo::SLOT_ON ? 1 : 0;
     h_display->ch_first_cb[i] = rec.first_cb;
   }
   return 0;

@@ -22,6 +22,15 @@ extern std::atomic<int> engine_ever_started;
 
 namespace orlo {
 
+// The states of a stream slot in `ch_enable`.
+enum slot_enable : int32_t {
+  SLOT_OFF = 0,
+  SLOT_ON = 1,
+  // The slot hands its port over to its partner of the pair: its frames feed
+  // the partner's port until the partner has started, then it turns off.
+  SLOT_LEAVING = 2,
+};
+
 // Drops the frame reference that the engine gives back.
 void release_frame(void *buffer);
 

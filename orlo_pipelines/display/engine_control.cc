@@ -28,6 +28,19 @@ int zero_or_refused(int32_t ret, const char *failure) {
   return 0;
 }
 
+// A control record goes to the engine as a copy on the stack, never as the
+// caller's own; a NULL record is refused with the failed check `expr`.
+template <typename Record, typename Forward>
+int forward_copy(const void *record, const char *op, const char *expr, Forward forward) {
+  if (record == nullptr) {
+    g_return_if_fail_warning(nullptr, op, expr);
+    return -1;
+  }
+  Record copy;
+  std::memcpy(&copy, record, sizeof copy);
+  return forward(g_engine, &copy);
+}
+
 constexpr int kMaxMaskEntries = 4;
 
 // The caller's mask record: word 0 is not read, `count` entries follow the
@@ -203,54 +216,30 @@ extern "C" ORLO_API int orlo_display_set_mask(orlo_display_t * /*h_display*/, co
 }
 
 extern "C" ORLO_API int orlo_display_set_roi(orlo_display_t * /*h_display*/, const void *roi) {
-  if (roi == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_set_roi", "roi != NULL");
-    return -1;
-  }
-  ravel_roi_t copy;
-  std::memcpy(&copy, roi, sizeof copy);
-  return ravel_set_ROI_coordinate(g_engine, &copy);
+  return orlo::forward_copy<ravel_roi_t>(roi, "orlo_display_set_roi", "roi != NULL",
+                                         ravel_set_ROI_coordinate);
 }
 
 extern "C" ORLO_API int orlo_display_set_dnr(orlo_display_t * /*h_display*/, const void *dnr) {
-  if (dnr == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_set_dnr", "dnr != NULL");
-    return -1;
-  }
-  ravel_dnr_t copy;
-  std::memcpy(&copy, dnr, sizeof copy);
-  return ravel_set_dnr(g_engine, &copy);
+  return orlo::forward_copy<ravel_dnr_t>(dnr, "orlo_display_set_dnr", "dnr != NULL", ravel_set_dnr);
 }
 
 extern "C" ORLO_API int orlo_display_set_mirror(orlo_display_t * /*h_display*/,
                                                 const int32_t *mirror) {
-  if (mirror == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_set_mirror", "mirror != NULL");
-    return -1;
-  }
-  const int32_t copy = *mirror;
-  return ravel_set_mirror(g_engine, &copy);
+  return orlo::forward_copy<int32_t>(mirror, "orlo_display_set_mirror", "mirror != NULL",
+                                     ravel_set_mirror);
 }
 
 extern "C" ORLO_API int orlo_display_set_rotate(orlo_display_t * /*h_display*/,
                                                 const int32_t *rotate) {
-  if (rotate == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_set_rotate", "rotate != NULL");
-    return -1;
-  }
-  const int32_t copy = *rotate;
-  return ravel_set_rotate(g_engine, &copy);
+  return orlo::forward_copy<int32_t>(rotate, "orlo_display_set_rotate", "rotate != NULL",
+                                     ravel_set_rotate);
 }
 
 extern "C" ORLO_API int orlo_display_set_datetime_format(orlo_display_t * /*h_display*/,
                                                          const void *format) {
-  if (format == nullptr) {
-    g_return_if_fail_warning(nullptr, "orlo_display_set_datetime_format", "format != NULL");
-    return -1;
-  }
-  ravel_datetime_format_t copy;
-  std::memcpy(&copy, format, sizeof copy);
-  return ravel_set_datetime_format(g_engine, &copy);
+  return orlo::forward_copy<ravel_datetime_format_t>(format, "orlo_display_set_datetime_format",
+                                                     "format != NULL", ravel_set_datetime_format);
 }
 
 extern "C" ORLO_API int orlo_display_set_embedded_ip_osd_enable(orlo_display_t * /*h_display*/,

@@ -1,13 +1,9 @@
 // The live pipe: its record, the pipeline thread that builds and then parks,
 // and start, stop and delete.
-#include <pthread.h>
-#include <sched.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <memory>
 
 #include "orlo_lumen_pipe.h"
+#include "pipes/pipe_thread.hh"
 #include "shared_word.hh"
 
 namespace {
@@ -23,15 +19,7 @@ constexpr GstClockTime kStateWait = 10000000000ULL;  // 10 s
 // the life of the process.  It never touches the record after publishing.
 gpointer pipeline_thread(gpointer data) {
   auto *h_lumen_pipe = static_cast<orlo_lumen_pipe_t *>(data);
-
-  // Real-time scheduling where the process may have it; refused, the thread
-  // runs at the default policy.
-  sched_param param{};
-  param.sched_priority = sched_get_priority_min(SCHED_FIFO) + 2;
-  (void)pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);
-
-  GMainContext *context = g_main_context_new();
-  GMainLoop *loop = g_main_loop_new(context, FALSE);
+  orlo::raise_pipe_thread_priority();
 
   gchar *launch = g_strdup_printf(kLaunchFormat, kCaps);
   h_lumen_pipe->pipeline = gst_parse_launch(launch, nullptr);
@@ -49,7 +37,7 @@ gpointer pipeline_thread(gpointer data) {
   // Release: the caller that reads 1 also sees the three element fields.
   orlo::store_word(h_lumen_pipe->thread_ready, int32_t{1}, std::memory_order_release);
 
-  g_main_loop_run(loop);
+  orlo::park_pipe_thread();
   return nullptr;
 }
 
@@ -63,16 +51,13 @@ orlo_lumen_pipe_t *orlo_lumen_pipe_new(int /*unused*/) {
     g_return_if_fail_warning(nullptr, "orlo_lumen_pipe_new", "h_lumen_pipe != NULL");
     return nullptr;
   }
-  orlo::store_word(h_lumen_pipe->thread_ready, int32_t{0});
-  // A joinable thread that nobody joins.  GLib's thread priorities are gone;
-  // the thread raises its own scheduling instead.
-  h_lumen_pipe->h_thread = g_thread_try_new("lumen-pipe", pipeline_thread, h_lumen_pipe, nullptr);
+  h_lumen_pipe->h_thread = orlo::start_pipe_thread("lumen-pipe", pipeline_thread, h_lumen_pipe,
+                                                   h_lumen_pipe->thread_ready);
   if (h_lumen_pipe->h_thread == nullptr) {
     g_return_if_fail_warning(nullptr, "orlo_lumen_pipe_new", "h_lumen_pipe->h_thread != NULL");
     g_free(h_lumen_pipe);
     return nullptr;
   }
-  while (orlo::load_word(h_lumen_pipe->thread_ready, std::memory_order_acquire) != 1) usleep(1000);
   return h_lumen_pipe;
 }
 

@@ -1,15 +1,11 @@
 // The playback pipe: its record, the pipeline thread that builds
 // "kelsstsrc ! kelappsink", and the play-info status that reaches the record
 // through the sink's event callback.
-#include <pthread.h>
-#include <sched.h>
-#include <unistd.h>
-
 #include <cstdio>
 
-#include "ref_ptr.hh"
-#include "shared_word.hh"
+#include "pipes/pipe_thread.hh"
 #include "pipes/sst_pipe_internal.hh"
+#include "shared_word.hh"
 
 namespace {
 
@@ -47,12 +43,7 @@ gint sst_pipe_new_preroll(GstKelAppSink * /*sink*/, gpointer /*user_data*/) { re
 // its own that nothing quits.
 gpointer sst_pipe_thread(gpointer data) {
   auto *h_sst_pipe = static_cast<orlo_sst_pipe_t *>(data);
-  sched_param param{};
-  param.sched_priority = sched_get_priority_min(SCHED_FIFO) + 2;
-  pthread_setschedparam(pthread_self(), SCHED_FIFO, &param);  // a refusal keeps the default
-
-  auto context = orlo::adopt(g_main_context_new());
-  auto loop = orlo::adopt(g_main_loop_new(context.get(), FALSE));
+  orlo::raise_pipe_thread_priority();
 
   gchar *launch = g_strdup_printf(
       "kelsstsrc name=playsstsrc ! kelappsink caps=\"%s\" name=sst_app_sink", "video/x-h264");
@@ -77,7 +68,7 @@ gpointer sst_pipe_thread(gpointer data) {
   // Publishes the fields above to the creator polling for it.
   orlo::store_word<int32_t>(h_sst_pipe->thread_ready, 1, std::memory_order_release);
 
-  g_main_loop_run(loop.get());
+  orlo::park_pipe_thread();
   return nullptr;
 }
 
@@ -94,14 +85,13 @@ extern "C" ORLO_API orlo_sst_pipe_t *orlo_sst_pipe_new(void) {
     g_return_if_fail_warning(nullptr, "orlo_sst_pipe_new", "h_sst_pipe != NULL");
     return nullptr;
   }
-  orlo::store_word<int32_t>(h_sst_pipe->thread_ready, 0);
-  h_sst_pipe->h_thread = g_thread_try_new("sst_pipe", sst_pipe_thread, h_sst_pipe, nullptr);
+  h_sst_pipe->h_thread =
+      orlo::start_pipe_thread("sst_pipe", sst_pipe_thread, h_sst_pipe, h_sst_pipe->thread_ready);
   if (h_sst_pipe->h_thread == nullptr) {
     g_return_if_fail_warning(nullptr, "orlo_sst_pipe_new", "h_sst_pipe->h_thread != NULL");
     g_free(h_sst_pipe);
     return nullptr;
   }
-  while (orlo::load_word(h_sst_pipe->thread_ready, std::memory_order_acquire) != 1) usleep(1000);
   orlo::store_word<int32_t>(h_sst_pipe->direction, 0);
   orlo::store_word<uint64_t>(h_sst_pipe->last_timestamp, 0);
   orlo::store_word<uint64_t>(h_sst_pipe->base_time, 0);

@@ -3,8 +3,8 @@
 #include <cstdio>
 
 #include "kelsstsrc.h"
-#include "shared_word.hh"
 #include "pipes/sst_pipe_internal.hh"
+#include "shared_word.hh"
 
 namespace {
 

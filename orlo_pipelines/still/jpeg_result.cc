@@ -2,7 +2,7 @@
 #include <cstdlib>
 
 #include "display/display_state.hh"
-#include "glib_lock.hh"
+#include "still/engine_answer.hh"
 #include "stream/stream_delivery.hh"
 
 orlo_jpeg_result_t g_jpeg_result = {};
@@ -18,20 +18,20 @@ void _cb_get_jpeg_image(void **pbuf, uint32_t word1, uint32_t word2, uint32_t wo
               "_cb_get_jpeg_image", __LINE__);
     return;
   }
-  orlo::mutex_guard lock(h->mutex_jpeg);
-  g_jpeg_result.buf = buf;
-  g_jpeg_result.word1 = word1;
-  g_jpeg_result.word2 = word2;
-  g_jpeg_result.word3 = word3;
-  g_jpeg_result.word4 = word4;
-  g_jpeg_result.word5 = word5;
-  if (g_jpeg_result.cancel == 1) {
-    // The caller has given up: the answer is ours to free, and the record is
-    // left clean for the next snapshot.
-    std::free(buf);
-    g_jpeg_result = {};
-    g_warning("\n###### %s : %d : late !!! get_jpeg.cancel, so free buf ###\n",
-              "_cb_get_jpeg_image", __LINE__);
-  }
-  g_cond_signal(h->cond_jpeg);
+  orlo::engine_answer(h->mutex_jpeg, h->cond_jpeg).deliver([&] {
+    g_jpeg_result.buf = buf;
+    g_jpeg_result.word1 = word1;
+    g_jpeg_result.word2 = word2;
+    g_jpeg_result.word3 = word3;
+    g_jpeg_result.word4 = word4;
+    g_jpeg_result.word5 = word5;
+    if (g_jpeg_result.cancel == 1) {
+      // The caller has given up: the answer is ours to free, and the record
+      // is left clean for the next snapshot.
+      std::free(buf);
+      g_jpeg_result = {};
+      g_warning("\n###### %s : %d : late !!! get_jpeg.cancel, so free buf ###\n",
+                "_cb_get_jpeg_image", __LINE__);
+    }
+  });
 }

@@ -2,27 +2,26 @@
 // the picture between the engine's thread and the caller.
 #include "display/display_state.hh"
 #include "glib_lock.hh"
+#include "still/engine_answer.hh"
 #include "stream/stream_delivery.hh"
 
 namespace {
 
 constexpr gint64 kWait = 5 * G_TIME_SPAN_SECOND;
+constexpr const char *self = "orlo_display_get_jpeg_snapshot";
 
-// Holds mutex_jpegsnap for one snapshot, taken by try-lock so that a second
-// caller is refused at once instead of queueing.
-class snapshot_slot {
- public:
-  explicit snapshot_slot(GMutex *m) : m_(m), held_(g_mutex_trylock(m) != 0) {}
-  ~snapshot_slot() {
-    if (held_) g_mutex_unlock(m_);
-  }
-  snapshot_slot(const snapshot_slot &) = delete;
-  snapshot_slot &operator=(const snapshot_slot &) = delete;
-  bool held() const { return held_; }
+// The ways of asking, by the operation's `mode`.
+enum snapshot_mode : unsigned {
+  SNAPSHOT_CHANNEL = 0,         // ravel_jpeg_enc on the channel, flag 0
+  SNAPSHOT_CHANNEL_FLAG = 1,    // the same with flag 1
+  SNAPSHOT_NEXT_PLAYBACK = 2,   // the next playback frame at the channel's port
+  SNAPSHOT_PAUSED_PLAYBACK = 3  // the frame at which the port stands paused
+};
 
- private:
-  GMutex *m_;
-  bool held_;
+// Where a successful snapshot puts its answer; any of them may be NULL.
+struct snapshot_out {
+  void **buf;
+  uint32_t *word2, *word3, *word4, *word5;
 };
 
 }  // namespace
@@ -62,12 +61,97 @@ int _get_snapshot_port(int ch, int dispmode) {
   return port;
 }
 
+namespace {
+
+int request_channel(int ch, unsigned mode, uint32_t dstn, uint32_t timeimg) {
+  ravel_set_jpeg_dstntimeimg(g_engine, ch, dstn, timeimg);
+  const int32_t ret = ravel_jpeg_enc(g_engine, ch, static_cast<int32_t>(mode), _cb_get_jpeg_image);
+  if (ret == -1) {
+    g_warning("%s: %d : ravel_jpeg_enc failed ret : %d\n", self, __LINE__, ret);
+    return -1;
+  }
+  return 0;
+}
+
+// Arms the playback push: its next frame at the port carries the callback.
+int request_next_playback_frame(int port, int ch, int dispmode, uint32_t dstn, uint32_t timeimg) {
+  if (port < 0 || port >= ORLO_MAX_PLAYBACK_CHANNEL) {
+    // No playback port of that number: nothing is armed.
+    g_warning("%s: %d : no playback port %d for ch %d in dispmode %d\n", self, __LINE__, port, ch,
+              dispmode);
+    return -1;
+  }
+  ravel_set_jpeg_dstntimeimg(g_engine, port, dstn, timeimg);
+  _enable_pb_snapshot_port(static_cast<unsigned>(port), 1);
+  return 0;
+}
+
+// The encode request comes first here, the picture's words after it.
+int request_paused_playback_frame(int port, uint32_t dstn, uint32_t timeimg) {
+  int32_t ret = ravel_jpeg_enc(g_engine, port, 0, _cb_get_jpeg_image);
+  if (ret == -1) {
+    g_warning("%s: %d : ravel_jpeg_enc failed ret : %d\n", self, __LINE__, ret);
+    return -1;
+  }
+  ravel_set_jpeg_dstntimeimg(g_engine, port, dstn, timeimg);
+  ravel_set_jpeg_timestamp(g_engine, port, orlo_get_pb_timestamp(port));
+  ret = ravel_pause_frame(g_engine, port);
+  if (ret < 0) {
+    g_warning("%s: %d : ravel_pause_frame failed ret : %d\n", self, __LINE__, ret);
+    return -1;
+  }
+  return 0;
+}
+
+// Makes the request of `mode`; `port` receives the playback port of modes 2
+// and 3.  0 when the engine has been asked, -1 otherwise.
+int request(unsigned mode, int ch, int dispmode, uint32_t dstn, uint32_t timeimg, int &port) {
+  switch (mode) {
+    case SNAPSHOT_CHANNEL:
+    case SNAPSHOT_CHANNEL_FLAG:
+      return request_channel(ch, mode, dstn, timeimg);
+    case SNAPSHOT_NEXT_PLAYBACK:
+      port = _get_snapshot_port(ch, dispmode);
+      return request_next_playback_frame(port, ch, dispmode, dstn, timeimg);
+    case SNAPSHOT_PAUSED_PLAYBACK:
+      port = _get_snapshot_port(ch, dispmode);
+      return request_paused_playback_frame(port, dstn, timeimg);
+    default:
+      g_warning("%s: %d : Unknwon mode : %d\n", self, __LINE__, static_cast<int>(mode));
+      return -1;
+  }
+}
+
+// Waits for the answer and hands it out, or gives up on it: the callback
+// then frees what comes late.
+int await_jpeg(orlo_display_t *h, unsigned mode, int port, const snapshot_out &out) {
+  const orlo::engine_answer answer(h->mutex_jpeg, h->cond_jpeg);
+  return answer.await(
+      kWait, [] { return g_jpeg_result.buf != nullptr; },
+      [&] {
+        if (mode == SNAPSHOT_NEXT_PLAYBACK)
+          _enable_pb_snapshot_port(static_cast<unsigned>(port), 0);
+        if (g_jpeg_result.buf == nullptr) {
+          g_warning("%s: %d : get jpeg image failed\n", self, __LINE__);
+          g_jpeg_result.cancel = 1;
+          return -1;
+        }
+        if (out.buf != nullptr) *out.buf = g_jpeg_result.buf;
+        if (out.word2 != nullptr) *out.word2 = g_jpeg_result.word2;
+        if (out.word3 != nullptr) *out.word3 = g_jpeg_result.word3;
+        if (out.word4 != nullptr) *out.word4 = g_jpeg_result.word4;
+        if (out.word5 != nullptr) *out.word5 = g_jpeg_result.word5;
+        return 0;
+      });
+}
+
+}  // namespace
+
 extern "C" ORLO_API int orlo_display_get_jpeg_snapshot(orlo_display_t *h_display, int ch,
                                                        unsigned mode, int dispmode, uint32_t dstn,
                                                        uint32_t timeimg, void **out_buf,
                                                        uint32_t *out_word2, uint32_t *out_word3,
                                                        uint32_t *out_word4, uint32_t *out_word5) {
-  static const char *const self = "orlo_display_get_jpeg_snapshot";
   if (g_engine == nullptr) {
     g_warning("%s : %d : ravel has not been created!\n", self, __LINE__);
     return -1;
@@ -76,82 +160,18 @@ extern "C" ORLO_API int orlo_display_get_jpeg_snapshot(orlo_display_t *h_display
     g_return_if_fail_warning(nullptr, self, "h_display != NULL");
     return -1;
   }
-  snapshot_slot slot(h_display->mutex_jpegsnap);
-  if (!slot.held()) {
+  // One snapshot at a time: a second caller is refused at once, not queued.
+  orlo::mutex_guard slot(h_display->mutex_jpegsnap, orlo::mutex_guard::try_lock);
+  if (!slot.owns()) {
     g_warning("%s : %d : g_mutex_trylock fail!\n", self, __LINE__);
     return -2;
   }
-
-  {
-    // A late answer to an abandoned request may be running in the callback.
-    orlo::mutex_guard lock(h_display->mutex_jpeg);
+  // A late answer to an abandoned request may be running in the callback.
+  orlo::engine_answer(h_display->mutex_jpeg, h_display->cond_jpeg).locked([] {
     g_jpeg_result = orlo_jpeg_result_t{};
-  }
+  });
 
   int port = -1;
-  switch (mode) {
-    case 0:
-    case 1: {
-      ravel_set_jpeg_dstntimeimg(g_engine, ch, dstn, timeimg);
-      const int32_t ret =
-          ravel_jpeg_enc(g_engine, ch, static_cast<int32_t>(mode), _cb_get_jpeg_image);
-      if (ret == -1) {
-        g_warning("%s: %d : ravel_jpeg_enc failed ret : %d\n", self, __LINE__, ret);
-        return -1;
-      }
-      break;
-    }
-    case 2:
-      port = _get_snapshot_port(ch, dispmode);
-      if (port < 0 || port >= ORLO_MAX_PLAYBACK_CHANNEL) {
-        // No playback port of that number: nothing is armed.
-        g_warning("%s: %d : no playback port %d for ch %d in dispmode %d\n", self, __LINE__, port,
-                  ch, dispmode);
-        return -1;
-      }
-      ravel_set_jpeg_dstntimeimg(g_engine, port, dstn, timeimg);
-      _enable_pb_snapshot_port(static_cast<unsigned>(port), 1);
-      break;
-    case 3: {
-      port = _get_snapshot_port(ch, dispmode);
-      int32_t ret = ravel_jpeg_enc(g_engine, port, 0, _cb_get_jpeg_image);
-      if (ret == -1) {
-        g_warning("%s: %d : ravel_jpeg_enc failed ret : %d\n", self, __LINE__, ret);
-        return -1;
-      }
-      ravel_set_jpeg_dstntimeimg(g_engine, port, dstn, timeimg);
-      ravel_set_jpeg_timestamp(g_engine, port, orlo_get_pb_timestamp(port));
-      ret = ravel_pause_frame(g_engine, port);
-      if (ret < 0) {
-        g_warning("%s: %d : ravel_pause_frame failed ret : %d\n", self, __LINE__, ret);
-        return -1;
-      }
-      break;
-    }
-    default:
-      g_warning("%s: %d : Unknwon mode : %d\n", self, __LINE__, static_cast<int>(mode));
-      return -1;
-  }
-
-  // Monotonic, so that a change of the wall clock neither stretches nor cuts
-  // the wait; an answer that came before the wait is taken at once.  The
-  // outcome and the give-up are decided under the same lock as the callback's
-  // store, so an answer is either taken here or freed by the callback.
-  orlo::mutex_guard lock(h_display->mutex_jpeg);
-  const gint64 end = g_get_monotonic_time() + kWait;
-  while (g_jpeg_result.buf == nullptr &&
-         g_cond_wait_until(h_display->cond_jpeg, h_display->mutex_jpeg, end)) {
-  }
-  if (mode == 2) _enable_pb_snapshot_port(static_cast<unsigned>(port), 0);
-  if (g_jpeg_result.buf == nullptr) {
-    g_warning("%s: %d : get jpeg image failed\n", self, __LINE__);
-    g_jpeg_result.cancel = 1;
-    return -1;
-  }
-  if (out_buf != nullptr) *out_buf = g_jpeg_result.buf;
-  if (out_word2 != nullptr) *out_word2 = g_jpeg_result.word2;
-  if (out_word3 != nullptr) *out_word3 = g_jpeg_result.word3;
-  if (out_word4 != nullptr) *out_word4 = g_jpeg_result.word4;
-  if (out_word5 != nullptr) *out_word5 = g_jpeg_result.word5;
-  return 0;
+  if (request(mode, ch, dispmode, dstn, timeimg, port) != 0) return -1;
+  return await_jpeg(h_display, mode, port, {out_buf, out_word2, out_word3, out_word4, out_word5});
 }

@@ -1,8 +1,6 @@
 // The push of one frame to one engine port: the port's gate and state, the
 // channel of its last intra frame, the retries, the playback timestamps and
 // the snapshot requests.
-#include <unistd.h>
-
 #include <atomic>
 
 #include "display/display_state.hh"
@@ -22,8 +20,10 @@ int32_t last_intra_ch[ORLO_MAX_PORT];
 std::atomic<uint32_t> pb_timestamp[ORLO_MAX_PLAYBACK_CHANNEL];
 std::atomic<int32_t> pb_snapshot_port[ORLO_MAX_PLAYBACK_CHANNEL];
 
-constexpr int PUSH_ATTEMPTS = 21;
-constexpr useconds_t RETRY_SLEEP_US = 1000;
+// A port's `port_state`: in step it takes every frame; once it has lost a
+// frame or seen a foreign one it takes intra frames only, until one gets
+// through.
+enum port_step : int32_t { PORT_IN_STEP = 0, PORT_LOST_STEP = 1 };
 
 bool is_engine_port(int port) { return port >= 0 && port < ORLO_MAX_PORT; }
 
@@ -43,6 +43,21 @@ struct target {
   }
 };
 
+// One offer of a frame at a port.  A playback offer first keeps the port's
+// timestamp, and the first one that finds a snapshot waiting carries the
+// JPEG callback.
+int offer(int port, GstBuffer *buffer, const orlo::frame &f, push_kind kind) {
+  ravel_jpeg_cb jpeg_cb = nullptr;
+  if (kind == push_kind::playback) {
+    orlo_set_pb_timestamp(port, f.timestamp);
+    if (port < ORLO_MAX_PLAYBACK_CHANNEL && _check_pb_snapshot_port(static_cast<unsigned>(port))) {
+      ravel_set_jpeg_timestamp(g_engine, port, f.timestamp);
+      jpeg_cb = _cb_get_jpeg_image;
+    }
+  }
+  return _put_decode_stream(port, buffer, f.payload, f.size, jpeg_cb, nullptr, f.channel, f.type);
+}
+
 int push(orlo_display_t *h, target to, const orlo::frame &f, push_kind kind) {
   if (!is_video_type(f.type)) {
     g_warning("Invalid Frame Type = %d\n", f.type);
@@ -57,40 +72,26 @@ int push(orlo_display_t *h, target to, const orlo::frame &f, push_kind kind) {
   }
   // The gate: a port that has lost step takes intra frames only.
   const int32_t state = h->port_state[port];
-  if (state != 0 && !(state == 1 && f.type != orlo::FRAME_INTER)) return -1;
+  if (state != PORT_IN_STEP && !(state == PORT_LOST_STEP && f.type != orlo::FRAME_INTER)) return -1;
 
   orlo::ref_ptr<GstBuffer> ref = orlo::ref(f.buffer);
-  if (kind == push_kind::playback) orlo_set_pb_timestamp(port, f.timestamp);
-  for (int attempt = 1;; attempt++) {
-    ravel_jpeg_cb jpeg_cb = nullptr;
-    if (kind == push_kind::playback && port < ORLO_MAX_PLAYBACK_CHANNEL &&
-        _check_pb_snapshot_port(static_cast<unsigned>(port))) {
-      ravel_set_jpeg_timestamp(g_engine, port, f.timestamp);
-      jpeg_cb = _cb_get_jpeg_image;
-    }
-    const int r =
-        _put_decode_stream(port, ref.get(), f.payload, f.size, jpeg_cb, nullptr, f.channel, f.type);
-    if (r == 0) {
-      h->port_state[port] = 0;
-      (void)ref.release();  // the engine gives it back through release
-      return 0;
-    }
-    if (r == -2) {
-      ref.reset();
-      h->port_state[port] = 1;
-      return -2;
-    }
-    usleep(RETRY_SLEEP_US);
-    const int next = to.current(h);
-    if (!is_engine_port(next)) break;  // main_port went away: fail at the last port
-    port = next;
-    if (attempt == PUSH_ATTEMPTS || h->port_state[port] == 1) break;
-    if (kind == push_kind::playback) orlo_set_pb_timestamp(port, f.timestamp);
+  const int r = orlo::offer_with_retries(
+      [&] { return offer(port, ref.get(), f, kind); },
+      [&] {
+        const int next = to.current(h);
+        if (!is_engine_port(next)) return false;  // main_port went away: fail at the last port
+        port = next;
+        return h->port_state[port] != PORT_LOST_STEP;  // a port that lost step gets one offer
+      });
+  if (r == 0) {
+    h->port_state[port] = PORT_IN_STEP;
+    (void)ref.release();  // the engine gives it back through release
+    return 0;
   }
-  g_warning("ravel push failed at port %d\n", port);
+  if (r == -1) g_warning("ravel push failed at port %d\n", port);
   ref.reset();
-  h->port_state[port] = 1;
-  return -1;
+  h->port_state[port] = PORT_LOST_STEP;
+  return r;
 }
 
 }  // namespace
@@ -101,7 +102,7 @@ int _put_decode_stream(int port, GstBuffer *buffer, const uint8_t *data, int siz
     g_warning("%s:%d: port %d is no engine port\n", __func__, __LINE__, port);
     return -2;
   }
-  if ((type & ~4) == orlo::FRAME_INTRA) {
+  if (type == orlo::FRAME_INTRA || type == orlo::FRAME_INTRA_B) {
     last_intra_ch[port] = channel;
   } else if (channel != last_intra_ch[port]) {
     g_warning("previous ch(%d) is not matched with current ch(%d)\n", last_intra_ch[port], channel);

@@ -1,6 +1,7 @@
 // Sink binding and the render worker: one pass per rendered list buffer,
 // which walks the list, plays the audio, and sends each stream slot's frame
 // to the engine port that the slot tables choose.
+#include "display/display_state.hh"
 #include "glib_lock.hh"
 #include "kel_buffers.h"
 #include "ref_ptr.hh"
@@ -27,9 +28,19 @@ using pass_frames_t = orlo::frame[ORLO_MAX_SLOT];
 // The base of the slots of a sink's channels, by the element's place among
 // the bound sinks.
 int sink_base(orlo_display_t *h, GstElement *sink) {
-  if (sink == orlo::load_word(h->sinks[0])) return 16;
-  if (sink == orlo::load_word(h->sinks[1])) return 48;
-  return 80;
+  if (sink == orlo::load_word(h->sinks[0])) return LIVE_FIRST;
+  if (sink == orlo::load_word(h->sinks[1])) return PLAYBACK_FIRST;
+  return PLAYBACK_END;
+}
+
+// The stream slot of a channel.  Sums above 63 are taken 16 lower, which
+// keeps the sums inside the 84 slots: the playback sink (base 48) puts its
+// channels 16..31 on the slots of its channels 0..15, and a sink of base 80
+// reaches its channels 0..19.  The fold happens once: 63 stays, 64 becomes
+// 48.
+int slot_of(int channel, int base) {
+  const int slot = channel + base;
+  return slot > 63 ? slot - 16 : slot;
 }
 
 void walk(orlo_display_t *h, const GList *members, int base, pass_frames_t &pass_frames) {
@@ -40,14 +51,13 @@ void walk(orlo_display_t *h, const GList *members, int base, pass_frames_t &pass
       orlo::play_audio_frame(h, f);
       continue;
     }
-    int slot = f.channel + base;
-    if (slot > 63) slot -= 16;
+    const int slot = slot_of(f.channel, base);
     if (slot >= ORLO_MAX_SLOT) {
       g_warning("%s:%d: channel %d (slot base %d) has no stream slot, frame dropped\n", __func__,
                 __LINE__, f.channel, base);
       continue;
     }
-    if (h->ch_enable[slot] == 0) {
+    if (h->ch_enable[slot] == orlo::SLOT_OFF) {
       ch_started[slot] = 0;
       ch_sync_started[slot] = 0;
       continue;
@@ -71,19 +81,19 @@ void push_if_any(orlo_display_t *h, int port, const orlo::frame *f) {
 }
 
 // Stage A: what goes to the second slot's port.  A first slot that is
-// leaving (2) feeds it until the second has started, then turns off.
+// leaving feeds it until the second has started, then turns off.
 void live_stage_a(orlo_display_t *h, pass_frames_t &pass_frames, int j) {
   const int first = LIVE_FIRST + j, second = LIVE_SECOND + j;
   int32_t *enable = h->ch_enable;
   const orlo::frame *sel = nullptr;
-  if (enable[first] == 2) {
+  if (enable[first] == orlo::SLOT_LEAVING) {
     if (ch_started[second] != 0) {
-      enable[first] = 0;
+      enable[first] = orlo::SLOT_OFF;
       sel = &pass_frames[second];
     } else if (ch_started[first] != 0) {
       sel = &pass_frames[first];
     }
-  } else if (ch_started[second] != 0 && enable[second] == 1) {
+  } else if (ch_started[second] != 0 && enable[second] == orlo::SLOT_ON) {
     sel = &pass_frames[second];
   }
   push_if_any(h, h->ch_port[second], sel);
@@ -95,14 +105,14 @@ void live_stage_b(orlo_display_t *h, pass_frames_t &pass_frames, int j) {
   const int first = LIVE_FIRST + j, second = LIVE_SECOND + j;
   int32_t *enable = h->ch_enable;
   const orlo::frame *sel = nullptr;
-  if (enable[second] == 2) {
+  if (enable[second] == orlo::SLOT_LEAVING) {
     if (ch_started[first] != 0) {
-      enable[second] = 0;
-      if (enable[first] == 1) sel = &pass_frames[first];
+      enable[second] = orlo::SLOT_OFF;
+      if (enable[first] == orlo::SLOT_ON) sel = &pass_frames[first];
     } else if (ch_started[second] != 0) {
       sel = &pass_frames[second];
     }
-  } else if (ch_started[first] != 0 && enable[first] == 1) {
+  } else if (ch_started[first] != 0 && enable[first] == orlo::SLOT_ON) {
     sel = &pass_frames[first];
   }
   push_if_any(h, h->ch_port[first], sel);
@@ -117,7 +127,7 @@ void live_dispatch(orlo_display_t *h, pass_frames_t &pass_frames) {
 
 void playback_dispatch(orlo_display_t *h, pass_frames_t &pass_frames) {
   for (int slot = PLAYBACK_FIRST; slot < PLAYBACK_END; slot++) {
-    if (ch_started[slot] == 0 || h->ch_enable[slot] != 1) continue;
+    if (ch_started[slot] == 0 || h->ch_enable[slot] != orlo::SLOT_ON) continue;
     const orlo::frame &f = pass_frames[slot];
     if (f.buffer == nullptr) continue;
     orlo::push_playback_frame(h, h->ch_port[slot], f);

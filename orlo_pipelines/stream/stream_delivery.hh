@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gst/gst.h>
+#include <unistd.h>
 
 #include <cstdint>
 
@@ -17,6 +18,8 @@
 // mutex_jpeg and read by the waiting snapshot call.
 struct orlo_jpeg_result_t {
   void *buf;  // the JPEG, released with free(); NULL: no answer yet
+  // The callback's five words as they come (ravel_jpeg_cb names them:
+  // port, JPEG size, width, height, time stamp); word1 is never given out.
   uint32_t word1;
   uint32_t word2;
   uint32_t word3;
@@ -45,6 +48,26 @@ void _enable_pb_snapshot_port(unsigned ch, int value);
 bool _check_pb_snapshot_port(unsigned ch);
 
 namespace orlo {
+
+// An engine that refuses a frame gets it again after a short sleep, up to
+// PUSH_ATTEMPTS offers in all.
+constexpr int PUSH_ATTEMPTS = 21;
+constexpr useconds_t PUSH_RETRY_SLEEP_US = 1000;
+
+// Offers a frame until the engine answers other than "refused" (-1): `offer`
+// makes one offer and gives _put_decode_stream's result.  After each refusal
+// comes a sleep; then `again()` says whether another offer is worth making
+// (it may also ready it), and after PUSH_ATTEMPTS offers there is none.
+// Gives the last offer's result.
+template <typename Offer, typename Again>
+int offer_with_retries(Offer offer, Again again) {
+  for (int made = 1;; made++) {
+    const int result = offer();
+    if (result != -1) return result;
+    usleep(PUSH_RETRY_SLEEP_US);
+    if (!again() || made == PUSH_ATTEMPTS) return -1;
+  }
+}
 
 // The frame header that the source elements put in front of every payload,
 // little-endian; the library only reads it.

@@ -94,8 +94,7 @@ class direct_sink {
  public:
   direct_sink() {
     gst_init(nullptr, nullptr);
-    sink_ = orlo::adopt(
-        GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("kelappsink", nullptr))));
+    sink_ = orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
     g_object_set(sink_.get(), "sync", FALSE, nullptr);
     pad_ = orlo::adopt(gst_element_get_static_pad(sink_.get(), "sink"));
     gst_element_set_state(sink_.get(), GST_STATE_PLAYING);

@@ -140,7 +140,7 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   EXPECT_EQ(orlo_display_bind_src_pipe(h, c.element(), 8), -1);
   EXPECT_EQ(orlo_display_bind_src_pipe(h, c.element(), -1), -1);
   orlo::ref_ptr<GstElement> other =
-      orlo::adopt(GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("fakesink", nullptr))));
+      orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
   EXPECT_EQ(orlo_display_bind_src_pipe(h, other.get(), 3), -1);
   EXPECT_EQ(h->sinks[0], sink.element());
   EXPECT_EQ(h->sinks[1], b.element());
@@ -240,7 +240,7 @@ TEST(Pipeline, ListBuffersReachTheEngineOnTheStreamingThread) {
     return 0;
   });
   GError *err = nullptr;
-  orlo::ref_ptr<GstElement> pipe = orlo::adopt(gst_parse_launch(
+  orlo::ref_ptr<GstElement> pipe = orlo::adopt_floating(gst_parse_launch(
       "appsrc name=src format=time ! kelappsink name=sink sync=false drop=true max-buffers=3",
       &err));
   ASSERT_EQ(err, nullptr);

@@ -138,7 +138,7 @@ bool camera_stream::build(std::string *error) {
     if (pipeline != nullptr) gst_object_unref(pipeline);
     return false;
   }
-  pipeline_ = orlo::adopt(pipeline);
+  pipeline_ = orlo::adopt_floating(pipeline);
   // Our own threads need no clock but the system's; a live pipeline picks it.
   auto *bin = GST_BIN(pipeline);
   video_sink_ = orlo::adopt(gst_bin_get_by_name(bin, "video"));

@@ -35,7 +35,7 @@ class pipeline {
     std::string launch =
         std::string("appsrc name=src format=time ! kelappsink name=sink ") + sink_props;
     GError *err = nullptr;
-    pipe_ = orlo::adopt(gst_parse_launch(launch.c_str(), &err));
+    pipe_ = orlo::adopt_floating(gst_parse_launch(launch.c_str(), &err));
     if (err != nullptr) {
       ADD_FAILURE() << err->message;
       g_error_free(err);

@@ -1,0 +1,51 @@
+// The owning pointer and the lock holder: floating references are sunk by
+// the call meant for them and caught anywhere else; a tried lock is held
+// only when it was got.
+#include <gtest/gtest.h>
+
+#include "glib_lock.hh"
+#include "ref_ptr.hh"
+
+namespace {
+
+TEST(RefPtr, AdoptFloatingSinksANewObjectAndTakesOverASunkOne) {
+  gst_init(nullptr, nullptr);
+  orlo::ref_ptr<GstElement> made =
+      orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
+  ASSERT_TRUE(made);
+  EXPECT_FALSE(g_object_is_floating(made.get()));
+  EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(made.get()), 1);
+
+  GstElement *sunk =
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("fakesink", nullptr)));
+  orlo::ref_ptr<GstElement> kept = orlo::adopt_floating(sunk);
+  EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(kept.get()), 1);
+  EXPECT_FALSE(orlo::adopt_floating<GstElement>(nullptr));
+}
+
+#ifndef NDEBUG
+TEST(RefPtrDeathTest, AdoptingAFloatingObjectStops) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        gst_init(nullptr, nullptr);
+        auto p = orlo::adopt(gst_element_factory_make("fakesink", nullptr));
+      },
+      "floating");
+}
+#endif
+
+TEST(MutexGuard, ATriedLockIsHeldOnlyWhenGot) {
+  GMutex m;
+  g_mutex_init(&m);
+  {
+    orlo::mutex_guard first(&m, orlo::mutex_guard::try_lock);
+    EXPECT_TRUE(first.owns());
+    orlo::mutex_guard second(&m, orlo::mutex_guard::try_lock);
+    EXPECT_FALSE(second.owns());
+  }
+  orlo::mutex_guard again(&m, orlo::mutex_guard::try_lock);
+  EXPECT_TRUE(again.owns());
+}
+
+}  // namespace
