@@ -250,8 +250,9 @@ void notify_guarded(gpointer data) {
 }
 
 TEST(KelAppSink, ReplacedTablesAreNotifiedOnlyAfterTheLastRenderInsideThemReturns) {
-  pipeline p("sync=false");
+  // The tables outlive the sink: the last one is notified when the sink goes.
   std::vector<guarded> tables(20);
+  pipeline p("sync=false");
   const GstKelAppSinkRenderCallbacks cbs = {nullptr, render_guarded, {}};
   tables[0].hold = true;
   gst_kelapp_sink_set_render_callbacks(p.sink(), &cbs, &tables[0], notify_guarded);
