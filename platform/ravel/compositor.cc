@@ -2,41 +2,18 @@
 
 #include <libyuv/convert_argb.h>
 #include <libyuv/convert_from.h>
-#include <libyuv/planar_functions.h>
-#include <libyuv/scale.h>
 #include <pthread.h>
 
 #include <algorithm>
-#include <cstring>
+#include <numeric>
+
+#include "tile_draw.hh"
 
 namespace ravel_soft {
 namespace {
 
-// Regions are laid out in a space of 1920 x 1080; the crop fields stay in it.
-constexpr int kLayoutWidth = 1920;
-constexpr int kLayoutHeight = 1080;
-
-struct rect {
-  int x, y, w, h;
-};
-
-// The part of the picture that a region shows: the whole picture, or the
-// crop rectangle mapped from layout space onto the picture.
-rect source_rect(const ravel_region_t &r, const picture &pic) {
-  int pw = pic.width(), ph = pic.height();
-  rect s{0, 0, pw, ph};
-  if (r.crop_x >= 0 && r.crop_y >= 0 && r.crop_width > 0 && r.crop_height > 0) {
-    s.x = static_cast<int>(int64_t{r.crop_x} * pw / kLayoutWidth) & ~1;
-    s.y = static_cast<int>(int64_t{r.crop_y} * ph / kLayoutHeight) & ~1;
-    s.w = static_cast<int>(int64_t{r.crop_width} * pw / kLayoutWidth);
-    s.h = static_cast<int>(int64_t{r.crop_height} * ph / kLayoutHeight);
-    s.x = std::min(s.x, pw - 2);
-    s.y = std::min(s.y, ph - 2);
-    s.w = std::clamp(s.w, 2, pw - s.x);
-    s.h = std::clamp(s.h, 2, ph - s.y);
-  }
-  return s;
-}
+// How often an idle compositor looks whether a port lost its signal.
+constexpr std::chrono::milliseconds kSignalCheck{100};
 
 }  // namespace
 
@@ -54,8 +31,8 @@ void canvas::fill_black() {
   std::fill(v.begin(), v.end(), uint8_t{128});
 }
 
-compositor::compositor(picture_of pictures, statistics &stats, int width0, int height0)
-    : pictures_(std::move(pictures)), stats_(stats) {
+compositor::compositor(source_of sources, statistics &stats, int width0, int height0)
+    : sources_(std::move(sources)), stats_(stats) {
   displays_[0].cv.resize(width0, height0);
   displays_[1].cv.resize(1280, 720);
   thread_ = std::thread([this] {
@@ -73,16 +50,35 @@ int compositor::index_of(int32_t display) {
 }
 
 void compositor::set_regions(int index, const ravel_region_t *regions, int count, int) {
-  std::lock_guard<std::mutex> g(regions_lock_);
-  display &d = displays_[index];
-  d.regions.assign(regions, regions + count);
-  d.version++;
+  {
+    std::lock_guard<std::mutex> g(regions_lock_);
+    display &d = displays_[index];
+    d.regions.assign(regions, regions + count);
+    d.version++;
+  }
+  picture_arrived();
 }
 
 void compositor::set_running(bool on) {
   {
     std::lock_guard<std::mutex> g(state_lock_);
     running_ = on;
+  }
+  state_cond_.notify_all();
+}
+
+void compositor::picture_arrived() {
+  {
+    std::lock_guard<std::mutex> g(state_lock_);
+    arrived_ = true;
+  }
+  state_cond_.notify_all();
+}
+
+void compositor::set_fixed_rate(int per_second) {
+  {
+    std::lock_guard<std::mutex> g(state_lock_);
+    fixed_rate_ = std::max(0, per_second);
   }
   state_cond_.notify_all();
 }
@@ -99,6 +95,8 @@ void compositor::shutdown() {
 bool compositor::wait_pass(std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> g(state_lock_);
   uint64_t target = passes_started_ + 1;
+  requested_ = true;
+  state_cond_.notify_all();
   return state_cond_.wait_for(g, timeout, [&] { return passes_done_ >= target; });
 }
 
@@ -126,59 +124,100 @@ void compositor::set_observer(int index, canvas_observer observer) {
   displays_[index].observer = std::move(observer);
 }
 
-void compositor::run() {
+// Until there is something to draw: a new picture, a request, or, in the
+// fixed mode, the next tick.  Passes keep at least one refresh period apart;
+// a pass that only looks for lost signals (after a quiet while) does not
+// count as one.
+void compositor::wait_for_work(std::unique_lock<std::mutex> &g) {
   using clock = std::chrono::steady_clock;
-  const auto period = std::chrono::microseconds(1000000 / kRate);
-  auto next = clock::now();
+  auto ready = [this] { return quit_ || (running_ && (arrived_ || requested_)); };
+  if (fixed_rate_ == 0 && !state_cond_.wait_for(g, kSignalCheck, ready)) return;
+  if (quit_ || !running_) return;
+  auto period = std::chrono::microseconds(1000000 / (fixed_rate_ > 0 ? fixed_rate_ : kRefreshRate));
+  auto next = last_pass_ + period;
+  if (clock::now() < next) state_cond_.wait_until(g, next, [this] { return quit_; });
+  last_pass_ = clock::now();
+}
+
+void compositor::run() {
   std::unique_lock<std::mutex> g(state_lock_);
   for (;;) {
     state_cond_.wait(g, [this] { return quit_ || running_; });
+    wait_for_work(g);
     if (quit_) return;
+    if (!running_) continue;
+    bool requested = requested_;
+    bool whole = fixed_rate_ > 0;
+    arrived_ = requested_ = false;
     passes_started_++;
     g.unlock();
-    pass();
+    bool drew = pass(whole);
     g.lock();
     passes_done_++;
+    if (drew || requested) stats_.compose_passes++;
     state_cond_.notify_all();
-    // A steady rate; a late pass does not make the next ones hurry.
-    next += period;
-    auto now = clock::now();
-    if (next < now) next = now;
-    state_cond_.wait_until(g, next, [this] { return quit_; });
   }
 }
 
-void compositor::pass() {
-  for (display &d : displays_) {
-    std::vector<ravel_region_t> regions;
-    uint64_t version;
-    canvas_observer observer;
-    {
-      std::lock_guard<std::mutex> g(regions_lock_);
-      regions = d.regions;
-      version = d.version;
-      observer = d.observer;
-    }
-    // The pictures of this pass, and what the drawing is made of: the same
-    // regions with the same pictures need no new drawing.
-    std::vector<picture_ptr> pics(regions.size());
-    std::vector<uint64_t> made_of{version};
-    for (size_t i = 0; i < regions.size(); i++) {
-      int port = regions[i].ch;
-      if (port >= 0 && port < kPorts) pics[i] = pictures_(port);
-      made_of.push_back(pics[i] ? pics[i]->seq : 0);
-    }
-    if (made_of == d.drawn) continue;
-    {
-      std::lock_guard<std::mutex> g(canvas_lock_);
-      compose(d, regions, pics);
-      d.drawn = std::move(made_of);
-      if (observer) observer(d.cv);
-    }
-    for (size_t i = 0; i < regions.size(); i++)
-      if (pics[i]) note_shown(regions[i].ch, pics[i]->seq);
+bool compositor::pass(bool whole) {
+  // Every port, shown or not, so that the watch for lost signals covers all.
+  std::array<tile_source, kPorts> now;
+  for (int p = 0; p < kPorts; p++) now[p] = sources_(p);
+  bool drew = false;
+  for (display &d : displays_) drew = update(d, now, whole) || drew;
+  return drew;
+}
+
+bool compositor::update(display &d, const std::array<tile_source, kPorts> &now, bool whole) {
+  std::vector<ravel_region_t> regions;
+  uint64_t version;
+  canvas_observer observer;
+  {
+    std::lock_guard<std::mutex> g(regions_lock_);
+    regions = d.regions;
+    version = d.version;
+    observer = d.observer;
   }
-  stats_.compose_passes++;
+  const size_t n = regions.size();
+  std::vector<tile_source> src(n);
+  std::vector<tile_key> keys(n);
+  for (size_t i = 0; i < n; i++) {
+    int port = regions[i].ch;
+    if (port >= 0 && port < kPorts) src[i] = now[port];
+    keys[i] = {src[i].pic ? src[i].pic->seq : 0, src[i].no_signal};
+  }
+  const bool relayout = version != d.drawn_version;
+  if (!relayout && keys == d.drawn) return false;
+  // Layers from the bottom up; within a layer, in list order.
+  std::vector<size_t> order(n);
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return regions[a].layer < regions[b].layer; });
+  std::vector<bool> redraw(n, relayout || whole);
+  std::vector<rect> drawn_rects;
+  {
+    std::lock_guard<std::mutex> g(canvas_lock_);
+    if (relayout || whole) d.cv.fill_black();
+    for (size_t i : order) {
+      rect r = clip_region(regions[i], d.cv);
+      // A tile is redrawn when its picture changed, or when a tile under it
+      // was, since that drawing covered part of it.
+      if (!redraw[i]) {
+        redraw[i] =
+            !(keys[i] == d.drawn[i]) || std::any_of(drawn_rects.begin(), drawn_rects.end(),
+                                                    [&](const rect &o) { return overlap(o, r); });
+      }
+      if (!redraw[i]) continue;
+      draw_tile(d.cv, regions[i], src[i]);
+      drawn_rects.push_back(r);
+    }
+    if (observer) observer(d.cv);
+  }
+  for (size_t i = 0; i < n; i++)
+    if (redraw[i] && src[i].pic && !src[i].no_signal) note_shown(regions[i].ch, src[i].pic->seq);
+  d.drawn = std::move(keys);
+  d.drawn_version = version;
+  return true;
 }
 
 void compositor::note_shown(int port, uint64_t seq) {
@@ -186,54 +225,6 @@ void compositor::note_shown(int port, uint64_t seq) {
     last_shown_[port] = seq;
     stats_.port[port].shown++;
     stats_.port[port].last_shown_seq = seq;
-  }
-}
-
-void compositor::compose(display &d, const std::vector<ravel_region_t> &regions,
-                         const std::vector<picture_ptr> &pics) {
-  canvas &c = d.cv;
-  c.fill_black();
-  // Layers from the bottom up; within a layer, in list order.
-  std::vector<size_t> order(regions.size());
-  for (size_t i = 0; i < order.size(); i++) order[i] = i;
-  std::stable_sort(order.begin(), order.end(),
-                   [&](size_t a, size_t b) { return regions[a].layer < regions[b].layer; });
-  const int cw2 = c.width / 2;
-  for (size_t i : order) {
-    const ravel_region_t &r = regions[i];
-    // Chroma is at half resolution: the rectangle keeps to even pixels.
-    int x0 = std::max(r.x, 0) & ~1, y0 = std::max(r.y, 0) & ~1;
-    int x1 = static_cast<int>(std::min<int64_t>(int64_t{r.x} + r.width, c.width)) & ~1;
-    int y1 = static_cast<int>(std::min<int64_t>(int64_t{r.y} + r.height, c.height)) & ~1;
-    if (r.width <= 0 || r.height <= 0 || x1 <= x0 || y1 <= y0) continue;
-    uint8_t *dy = c.y.data() + static_cast<size_t>(y0) * c.width + x0;
-    uint8_t *du = c.u.data() + static_cast<size_t>(y0 / 2) * cw2 + x0 / 2;
-    uint8_t *dv = c.v.data() + static_cast<size_t>(y0 / 2) * cw2 + x0 / 2;
-    int w = x1 - x0, h = y1 - y0;
-    const picture *pic = pics[i].get();
-    if (pic == nullptr) {
-      libyuv::SetPlane(dy, c.width, w, h, 16);
-      libyuv::SetPlane(du, cw2, w / 2, h / 2, 128);
-      libyuv::SetPlane(dv, cw2, w / 2, h / 2, 128);
-      continue;
-    }
-    rect s = source_rect(r, *pic);
-    // A region that reaches past the display shows the matching part of its
-    // source, not a squeezed whole.
-    if (x0 != r.x || y0 != r.y || w != r.width || h != r.height) {
-      int64_t sx = s.x + int64_t{x0 - r.x} * s.w / r.width;
-      int64_t sy = s.y + int64_t{y0 - r.y} * s.h / r.height;
-      int64_t sw = int64_t{w} * s.w / r.width, sh = int64_t{h} * s.h / r.height;
-      s = {static_cast<int>(sx) & ~1, static_cast<int>(sy) & ~1, std::max(2, static_cast<int>(sw)),
-           std::max(2, static_cast<int>(sh))};
-      s.w = std::min(s.w, pic->width() - s.x);
-      s.h = std::min(s.h, pic->height() - s.y);
-    }
-    const uint8_t *sy = pic->plane(0) + static_cast<size_t>(s.y) * pic->stride(0) + s.x;
-    const uint8_t *su = pic->plane(1) + static_cast<size_t>(s.y / 2) * pic->stride(1) + s.x / 2;
-    const uint8_t *sv = pic->plane(2) + static_cast<size_t>(s.y / 2) * pic->stride(2) + s.x / 2;
-    libyuv::I420Scale(sy, pic->stride(0), su, pic->stride(1), sv, pic->stride(2), s.w, s.h, dy,
-                      c.width, du, cw2, dv, cw2, w, h, libyuv::kFilterBilinear);
   }
 }
 

@@ -1,5 +1,6 @@
-// The displays and the thread that composes them: 25 passes a second, each
-// region scaled from the latest picture of its port.
+// The displays and the thread that composes them.  A pass runs when a port
+// has a new picture (at most at the display's refresh rate) and redraws only
+// the tiles whose picture changed, with the tiles above them.
 #pragma once
 
 #include <array>
@@ -26,14 +27,20 @@ struct canvas {
   void fill_black();
 };
 
+// What a port's tiles show: its latest picture, or NO SIGNAL.
+struct tile_source {
+  picture_ptr pic;
+  bool no_signal = false;
+};
+
 class compositor {
  public:
-  static constexpr int kDisplays = 2;  // engine displays 0 and 2
-  static constexpr int kRate = 25;     // passes per second
-  using picture_of = std::function<picture_ptr(int port)>;
+  static constexpr int kDisplays = 2;      // engine displays 0 and 2
+  static constexpr int kRefreshRate = 60;  // passes per second at most
+  using source_of = std::function<tile_source(int port)>;
   using canvas_observer = std::function<void(const canvas &)>;
 
-  compositor(picture_of pictures, statistics &stats, int width0, int height0);
+  compositor(source_of sources, statistics &stats, int width0, int height0);
   ~compositor();
   compositor(const compositor &) = delete;
   compositor &operator=(const compositor &) = delete;
@@ -43,9 +50,14 @@ class compositor {
 
   void set_regions(int index, const ravel_region_t *regions, int count, int playback);
   void set_running(bool on);
+  // A port has a new picture: a pass follows as soon as the rate allows.
+  void picture_arrived();
+  // `per_second` > 0: a fixed tick that redraws a whole display whenever
+  // anything on it changed (for comparisons); 0: on arrival (the default).
+  void set_fixed_rate(int per_second);
   void shutdown();
 
-  // Waits for a pass that starts after the call to end; false on time-out.
+  // Asks for a pass and waits for it to end; false on time-out.
   bool wait_pass(std::chrono::milliseconds timeout);
   void size(int index, int *width, int *height) const;
   // Copies the composed display as R, G, B bytes, `stride` bytes a row.
@@ -56,21 +68,27 @@ class compositor {
   void set_observer(int index, canvas_observer observer);
 
  private:
+  struct tile_key {
+    uint64_t seq = 0;
+    bool no_signal = false;
+    bool operator==(const tile_key &) const = default;
+  };
   struct display {
     canvas cv;
     std::vector<ravel_region_t> regions;
-    uint64_t version = 1;         // rises with every new region list
-    std::vector<uint64_t> drawn;  // what the last drawing was made of
+    uint64_t version = 1;  // rises with every new region list
+    uint64_t drawn_version = 0;
+    std::vector<tile_key> drawn;  // what each region's drawing was made of
     canvas_observer observer;
   };
 
   void run();
-  void pass();
-  void compose(display &d, const std::vector<ravel_region_t> &regions,
-               const std::vector<picture_ptr> &pics);
+  void wait_for_work(std::unique_lock<std::mutex> &g);
+  bool pass(bool whole);
+  bool update(display &d, const std::array<tile_source, kPorts> &now, bool whole);
   void note_shown(int port, uint64_t seq);
 
-  picture_of pictures_;
+  source_of sources_;
   statistics &stats_;
   std::array<display, kDisplays> displays_;
   std::array<uint64_t, kPorts> last_shown_{};
@@ -81,6 +99,10 @@ class compositor {
   std::condition_variable state_cond_;
   bool running_ = false;
   bool quit_ = false;
+  bool arrived_ = false;
+  bool requested_ = false;
+  int fixed_rate_ = 0;
+  std::chrono::steady_clock::time_point last_pass_{};
   uint64_t passes_started_ = 0;
   uint64_t passes_done_ = 0;
   std::thread thread_;

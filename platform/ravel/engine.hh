@@ -41,6 +41,9 @@ struct ravel {
   std::array<std::unique_ptr<ravel_soft::display_window>, ravel_soft::compositor::kDisplays>
       windows;
 
+  // A port with a picture that gets no frame for this long shows NO SIGNAL;
+  // 0 turns the watch off.
+  std::atomic<int32_t> signal_timeout_ms{5000};
   std::atomic<bool> started{false};
   std::atomic<bool> closed{false};
   std::atomic<bool> idle_refusal_logged{false};

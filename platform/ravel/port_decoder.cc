@@ -5,14 +5,18 @@
 
 #include <cstdio>
 
-#include "h264_nal.hh"
 #include "log_domain.hh"
 #include "still_images.hh"
 
 namespace ravel_soft {
 
-port_decoder::port_decoder(int port, ravel_release_fn release, statistics &stats)
-    : port_(port), release_(release), stats_(stats), counters_(stats.port[port]) {
+port_decoder::port_decoder(int port, ravel_release_fn release, statistics &stats,
+                           picture_hook on_picture)
+    : port_(port),
+      release_(release),
+      stats_(stats),
+      counters_(stats.port[port]),
+      on_picture_(std::move(on_picture)) {
   thread_ = std::thread([this] {
     char name[16];
     std::snprintf(name, sizeof name, "ravel-dec-%d", port_);
@@ -31,7 +35,10 @@ int32_t port_decoder::offer(const pending_frame &frame) {
       return -1;
     }
     queue_.push_back(frame);
+    queue_.back().generation = generation_;
+    last_frame_ = clock::now();
     counters_.accepted++;
+    counters_.queued++;
   }
   wake_.notify_all();
   return 0;
@@ -46,6 +53,14 @@ void port_decoder::set_running(bool on) {
   {
     std::lock_guard<std::mutex> g(lock_);
     running_ = on;
+  }
+  wake_.notify_all();
+}
+
+void port_decoder::reset() {
+  {
+    std::lock_guard<std::mutex> g(lock_);
+    generation_++;
   }
   wake_.notify_all();
 }
@@ -67,9 +82,52 @@ void port_decoder::shutdown() {
   if (thread_.joinable()) thread_.join();
 }
 
+void port_decoder::with_counters(const std::function<void(const port_counters &)> &read) const {
+  std::lock_guard<std::mutex> g(lock_);
+  read(counters_);
+}
+
+bool port_decoder::no_signal(clock::time_point now, clock::duration timeout) {
+  std::lock_guard<std::mutex> g(lock_);
+  if (!lost_ && latest_ && timeout > clock::duration::zero() && now - last_frame_ > timeout) {
+    lost_ = true;
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_MESSAGE, "port %d: no frame for %lld ms: NO SIGNAL", port_,
+          static_cast<long long>(
+              std::chrono::duration_cast<std::chrono::milliseconds>(now - last_frame_).count()));
+  }
+  counters_.no_signal = lost_;
+  return lost_;
+}
+
+void port_decoder::set_signal(bool present) {
+  std::lock_guard<std::mutex> g(lock_);
+  lost_ = !present;
+  // A port said to be present is given a fresh time-out.
+  if (present) last_frame_ = clock::now();
+  counters_.no_signal = lost_;
+}
+
 void port_decoder::give_back(const pending_frame &f) {
   release_(f.buffer);
   counters_.released++;
+}
+
+void port_decoder::count(outcome o) {
+  switch (o) {
+    case outcome::decoded:
+      counters_.decoded++;
+      break;
+    case outcome::error:
+      counters_.decode_errors++;
+      break;
+    case outcome::skipped:
+      counters_.skipped++;
+      break;
+    case outcome::flushed:
+      counters_.flushed++;
+      break;
+  }
+  counters_.queued--;
 }
 
 void port_decoder::run() {
@@ -81,58 +139,84 @@ void port_decoder::run() {
     if (quit_) break;
     pending_frame f = queue_.front();
     queue_.pop_front();
-    bool decode = running_;
+    bool decode = running_ && f.generation == generation_;
     g.unlock();
-    if (decode) {
-      handle(f);
-    } else {
-      if (f.jpeg_cb != nullptr) deliver_jpeg(f.jpeg_cb, port_, nullptr, f.jpeg_timestamp, stats_);
-      if (f.image_cb != nullptr) deliver_yvyu(f.image_cb, nullptr);
-      give_back(f);
-    }
+    outcome o = decode ? handle(f) : drop_undecoded(f);
     g.lock();
+    count(o);
   }
   // Process exit: the buffers go back, the callers' callbacks are not called
   // any more.
   while (!queue_.empty()) {
-    pending_frame f = queue_.front();
+    give_back(queue_.front());
     queue_.pop_front();
-    give_back(f);
+    count(outcome::flushed);
   }
   jpeg_waits_.clear();
 }
 
-void port_decoder::handle(const pending_frame &f) {
-  if (f.image_cb != nullptr) {
-    decode_for_image(f);
-    return;
-  }
+port_decoder::outcome port_decoder::drop_undecoded(const pending_frame &f) {
+  if (f.jpeg_cb != nullptr) deliver_jpeg(f.jpeg_cb, port_, nullptr, f.jpeg_timestamp, stats_);
+  if (f.image_cb != nullptr) deliver_yvyu(f.image_cb, nullptr);
+  give_back(f);
+  // The stream has a hole now: the next picture must not build on it.
+  wait_intra_ = true;
+  return outcome::flushed;
+}
+
+port_decoder::outcome port_decoder::skip(const pending_frame &f) {
+  if (f.jpeg_cb != nullptr) deliver_jpeg(f.jpeg_cb, port_, nullptr, f.jpeg_timestamp, stats_);
+  give_back(f);
+  return outcome::skipped;
+}
+
+port_decoder::outcome port_decoder::handle(const pending_frame &f) {
+  if (f.image_cb != nullptr) return decode_for_image(f);
+  // Read before anything else, so that parameter sets are kept even from
+  // frames that are skipped.
+  access_unit au = reader_.inspect(f.data, f.size);
   if (wait_intra_) {
-    if (!has_idr_slice(f.data, f.size)) {
-      counters_.skipped++;
-      if (f.jpeg_cb != nullptr) deliver_jpeg(f.jpeg_cb, port_, nullptr, f.jpeg_timestamp, stats_);
-      give_back(f);
-      return;
-    }
+    if (!au.intra || !au.params_known) return skip(f);
+    // Pictures still held for reordering are gone with the reset.
+    fail_jpeg_waits(next_tag_);
     decoder_.reset();
+    gaps_.restart();
     wait_intra_ = false;
+  } else if (au.has_slice && !au.params_known) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+          "port %d: a frame names a parameter set never seen; the port waits for an intra frame",
+          port_);
+    wait_intra_ = true;
+    return skip(f);
   }
+  if (!gaps_.accept(au)) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+          "port %d: a frame is missing before frame_num %u; the port holds its picture until an "
+          "intra frame",
+          port_, au.frame_num);
+    wait_intra_ = true;
+    return skip(f);
+  }
+  return decode(f);
+}
+
+port_decoder::outcome port_decoder::decode(const pending_frame &f) {
   int64_t tag = next_tag_++;
   if (f.jpeg_cb != nullptr) jpeg_waits_.push_back({tag, f.jpeg_cb, f.jpeg_timestamp});
   bool good = decoder_.decode(f.data, f.size, tag, [this](std::shared_ptr<picture> pic, int64_t t) {
     publish(std::move(pic), t);
   });
   give_back(f);
-  if (!good) {
-    counters_.decode_errors++;
-    wait_intra_ = true;
-    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
-          "port %d: damaged frame of %d bytes skipped; the port waits for an intra frame", port_,
-          f.size);
-    fail_jpeg_waits(tag);
-  }
-  // A request whose frame never came out of the decoder is not kept forever.
-  fail_jpeg_waits(tag - 8);
+  // A request whose frame never came out of the decoder is not kept forever
+  // (pictures come out at most a reorder window late).
+  fail_jpeg_waits(tag - 20);
+  if (good) return outcome::decoded;
+  wait_intra_ = true;
+  g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
+        "port %d: damaged frame of %d bytes dropped; the port waits for an intra frame", port_,
+        f.size);
+  fail_jpeg_waits(tag);
+  return outcome::error;
 }
 
 void port_decoder::publish(std::shared_ptr<picture> pic, int64_t tag) {
@@ -141,13 +225,19 @@ void port_decoder::publish(std::shared_ptr<picture> pic, int64_t tag) {
   {
     std::lock_guard<std::mutex> g(lock_);
     latest_ = done;
+    lost_ = false;
+    counters_.no_signal = false;
   }
-  counters_.decoded++;
-  while (!jpeg_waits_.empty() && jpeg_waits_.front().tag <= tag) {
-    jpeg_wait w = jpeg_waits_.front();
-    jpeg_waits_.pop_front();
-    deliver_jpeg(w.cb, port_, w.tag == tag ? done.get() : nullptr, w.timestamp, stats_);
+  counters_.pictures++;
+  // Pictures leave in presentation order, not in the order their frames
+  // came: a request is served by its own frame's picture.
+  for (auto it = jpeg_waits_.begin(); it != jpeg_waits_.end(); ++it) {
+    if (it->tag != tag) continue;
+    deliver_jpeg(it->cb, port_, done.get(), it->timestamp, stats_);
+    jpeg_waits_.erase(it);
+    break;
   }
+  if (on_picture_) on_picture_(port_);
 }
 
 void port_decoder::fail_jpeg_waits(int64_t up_to_tag) {
@@ -158,7 +248,7 @@ void port_decoder::fail_jpeg_waits(int64_t up_to_tag) {
   }
 }
 
-void port_decoder::decode_for_image(const pending_frame &f) {
+port_decoder::outcome port_decoder::decode_for_image(const pending_frame &f) {
   // A decoder of its own: the frame is shown to nobody and must not disturb
   // the references of the stream that runs on this port.
   h264_decoder once;
@@ -169,15 +259,12 @@ void port_decoder::decode_for_image(const pending_frame &f) {
   bool good = once.decode(f.data, f.size, 0, keep);
   if (!got) good = once.drain(keep) && good;
   give_back(f);
-  if (!got) {
-    counters_.decode_errors++;
+  if (!got)
     g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
           "port %d: the frame for a decoded image gave no picture%s", port_,
           good ? "" : " (damaged)");
-  } else {
-    counters_.decoded++;
-  }
   deliver_yvyu(f.image_cb, got.get());
+  return got ? outcome::decoded : outcome::error;
 }
 
 }  // namespace ravel_soft

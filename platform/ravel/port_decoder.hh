@@ -2,13 +2,16 @@
 // empties it, keeping the port's latest good picture.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <thread>
 
 #include "h264_decoder.hh"
+#include "h264_nal.hh"
 #include "picture.hh"
 #include "ravel.h"
 #include "statistics.hh"
@@ -22,6 +25,7 @@ struct pending_frame {
   ravel_jpeg_cb jpeg_cb = nullptr;
   ravel_image_cb image_cb = nullptr;
   uint32_t jpeg_timestamp = 0;  // the port's JPEG time stamp when the frame came in
+  uint64_t generation = 0;      // the port's reset count when the frame came in
 };
 
 class port_decoder {
@@ -29,8 +33,11 @@ class port_decoder {
   // Short on purpose: a full queue is the back-pressure that makes the
   // pushing side retry, and a live mosaic should not lag behind its sources.
   static constexpr size_t kQueueDepth = 6;
+  using clock = std::chrono::steady_clock;
+  // Told on the port's thread whenever the port has a new picture.
+  using picture_hook = std::function<void(int port)>;
 
-  port_decoder(int port, ravel_release_fn release, statistics &stats);
+  port_decoder(int port, ravel_release_fn release, statistics &stats, picture_hook on_picture);
   ~port_decoder();
   port_decoder(const port_decoder &) = delete;
   port_decoder &operator=(const port_decoder &) = delete;
@@ -42,12 +49,24 @@ class port_decoder {
 
   // A port that does not run refuses frames and hands back what it queued.
   void set_running(bool on);
+  // Frames queued now go back undecoded; the port starts again at an intra
+  // frame and keeps its picture until then.
+  void reset();
   // Test hook: a held port takes nothing from its queue.
   void hold(bool on);
   // Ends the thread; queued frames are released without their callbacks.
   void shutdown();
+  // Runs `read` under the lock that the frame counters are written under.
+  void with_counters(const std::function<void(const port_counters &)> &read) const;
+
+  // Whether the port's tiles show NO SIGNAL: after set_signal(false), or
+  // when a port with a picture got no frame for `timeout` (zero: never),
+  // until the port's next picture.
+  bool no_signal(clock::time_point now, clock::duration timeout);
+  void set_signal(bool present);
 
  private:
+  enum class outcome { decoded, error, skipped, flushed };
   struct jpeg_wait {
     int64_t tag;
     ravel_jpeg_cb cb;
@@ -55,16 +74,21 @@ class port_decoder {
   };
 
   void run();
-  void handle(const pending_frame &f);
-  void decode_for_image(const pending_frame &f);
+  outcome handle(const pending_frame &f);
+  outcome decode(const pending_frame &f);
+  outcome skip(const pending_frame &f);
+  outcome drop_undecoded(const pending_frame &f);
+  outcome decode_for_image(const pending_frame &f);
   void publish(std::shared_ptr<picture> pic, int64_t tag);
   void fail_jpeg_waits(int64_t up_to_tag);
   void give_back(const pending_frame &f);
+  void count(outcome o);
 
   const int port_;
   const ravel_release_fn release_;
   statistics &stats_;
   port_counters &counters_;
+  const picture_hook on_picture_;
 
   mutable std::mutex lock_;
   std::condition_variable wake_;
@@ -72,11 +96,17 @@ class port_decoder {
   bool running_ = false;
   bool held_ = false;
   bool quit_ = false;
+  uint64_t generation_ = 0;
   picture_ptr latest_;
+  clock::time_point last_frame_{};
+  bool lost_ = false;
 
   // Owned by the decoder thread.
   h264_decoder decoder_;
+  stream_reader reader_;
+  gap_detector gaps_;
   bool wait_intra_ = true;
+  uint64_t decoder_generation_ = 0;
   int64_t next_tag_ = 1;
   uint64_t next_seq_ = 1;
   std::deque<jpeg_wait> jpeg_waits_;

@@ -1,8 +1,8 @@
 // The software media engine: bring-up, streams, regions and still images.
 //
-// Each engine port decodes on a thread of its own, the compositor draws both
-// displays 25 times a second, and JPEG requests are served on a third kind of
-// thread: callers never wait for decoding.
+// Each engine port decodes on a thread of its own, the compositor redraws
+// the tiles of a port when it has a new picture, and JPEG requests are served
+// on a third kind of thread: callers never wait for decoding.
 #include <glib.h>
 
 #include <cstring>
@@ -35,10 +35,19 @@ std::atomic<ravel *> current{nullptr};
 
 ravel::ravel(ravel_release_fn release_fn, int32_t channels, int width0, int height0)
     : release(release_fn), ch_count(channels) {
+  // No frame is taken before ravel_new has returned, so no picture arrives
+  // before the compositor exists.
   for (int i = 0; i < ravel_soft::kPorts; i++)
-    ports[i] = std::make_unique<ravel_soft::port_decoder>(i, release, stats);
+    ports[i] = std::make_unique<ravel_soft::port_decoder>(
+        i, release, stats, [this](int) { compositor->picture_arrived(); });
   compositor = std::make_unique<ravel_soft::compositor>(
-      [this](int port) { return ports[port]->latest(); }, stats, width0, height0);
+      [this](int port) {
+        auto timeout = std::chrono::milliseconds(signal_timeout_ms.load());
+        ravel_soft::port_decoder &p = *ports[port];
+        return ravel_soft::tile_source{p.latest(),
+                                       p.no_signal(std::chrono::steady_clock::now(), timeout)};
+      },
+      stats, width0, height0);
   stills = std::make_unique<ravel_soft::still_requests>(
       [this](int port) { return ports[port]->latest(); },
       [this](int port) { return jpeg[port].timestamp.load(); }, stats);
@@ -115,6 +124,8 @@ int32_t ravel_change_pipe_config(ravel_t *engine, ravel_dec_config_t *dec_block,
   std::memcpy(engine->control.dec_config.data(), dec_block, sizeof(ravel_dec_config_t) * n);
   engine->control.dec_config_count = count;
   engine->control.enc_ch_count = ch_count;
+  // A new pipe layout starts every port afresh.
+  for (auto &p : engine->ports) p->reset();
   return 0;
 }
 

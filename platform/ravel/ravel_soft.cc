@@ -12,15 +12,21 @@ ravel_t *ravel_soft_engine(void) { return ravel_current(); }
 
 int32_t ravel_soft_port_stats(ravel_t *engine, int32_t port, ravel_soft_port_stats_t *out) {
   if (engine == nullptr || out == nullptr || !engine->port_ok(port)) return -1;
-  const ravel_soft::port_counters &c = engine->stats.port[port];
-  out->accepted = c.accepted.load();
-  out->refused = c.refused.load();
-  out->decoded = c.decoded.load();
-  out->shown = c.shown.load();
-  out->decode_errors = c.decode_errors.load();
-  out->skipped = c.skipped.load();
-  out->released = c.released.load();
-  out->last_shown = c.last_shown_seq.load();
+  // One instant for the columns that add up to `accepted`.
+  engine->ports[port]->with_counters([out](const ravel_soft::port_counters &c) {
+    out->accepted = c.accepted.load();
+    out->refused = c.refused.load();
+    out->decoded = c.decoded.load();
+    out->decode_errors = c.decode_errors.load();
+    out->skipped = c.skipped.load();
+    out->flushed = c.flushed.load();
+    out->queued = c.queued.load();
+    out->pictures = c.pictures.load();
+    out->shown = c.shown.load();
+    out->released = c.released.load();
+    out->last_shown = c.last_shown_seq.load();
+    out->no_signal = c.no_signal.load() ? 1 : 0;
+  });
   ravel_soft::picture_ptr pic = engine->ports[port]->latest();
   out->width = pic ? pic->width() : 0;
   out->height = pic ? pic->height() : 0;
@@ -79,6 +85,25 @@ int32_t ravel_soft_show_window(ravel_t *engine, int32_t display) {
   window = std::move(made);
   ravel_soft::display_window *shown = window.get();
   engine->compositor->set_observer(index, [shown](const ravel_soft::canvas &c) { shown->push(c); });
+  return 0;
+}
+
+int32_t ravel_soft_set_port_signal(ravel_t *engine, int32_t port, int32_t present) {
+  if (engine == nullptr || !engine->port_ok(port)) return -1;
+  engine->ports[port]->set_signal(present != 0);
+  engine->compositor->picture_arrived();
+  return 0;
+}
+
+int32_t ravel_soft_set_signal_timeout(ravel_t *engine, int32_t timeout_ms) {
+  if (engine == nullptr || timeout_ms < 0) return -1;
+  engine->signal_timeout_ms = timeout_ms;
+  return 0;
+}
+
+int32_t ravel_soft_set_compose_rate(ravel_t *engine, int32_t per_second) {
+  if (engine == nullptr || per_second < 0) return -1;
+  engine->compositor->set_fixed_rate(per_second);
   return 0;
 }
 

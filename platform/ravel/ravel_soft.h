@@ -14,10 +14,20 @@
  *   Every accepted buffer goes back through the release function exactly
  *   once, on the port's thread, as soon as the decoder has read it (at
  *   ravel_stop, queued frames go back undecoded).
- * - A port starts, and restarts after a damaged frame, at an IDR frame:
- *   frames before it are skipped (counted as `skipped`), a damaged or
- *   truncated frame counts as a decode error, and the port keeps showing
- *   its last good picture.
+ * - A port starts at an intra frame, and starts again at one after a frame
+ *   that went missing before it reached the port (H.264 frame_num skips a
+ *   number after a reference picture), a damaged or truncated frame, or a
+ *   frame that names a parameter set never seen.  Until then it decodes
+ *   nothing and keeps showing its last good picture: frames passed over
+ *   count as `skipped`, the damaged frame itself as a decode error.
+ * - Every accepted frame is counted in exactly one column: decoded,
+ *   decode_errors, skipped, flushed (still queued when its port was reset
+ *   or the engine stopped) or queued (in the port now).  ravel_soft_port_stats
+ *   reads them at one instant, so accepted is their sum.
+ * - ravel_change_pipe_config resets every port: frames queued then go back
+ *   undecoded (flushed) and the port starts again at an intra frame.
+ * - Pictures leave the decoder in presentation order (streams with B
+ *   frames are reordered), each as soon as the frames it waits for are in.
  * - Regions.  ravel_change_geometry takes up to 37 regions for display 0 (the
  *   size of the display format given to ravel_new) or display 2 (1280 x 720).
  *   A region's `ch` is read as an engine port number; a region whose port
@@ -51,8 +61,8 @@
  *   g_malloc (g_free releases it); the address is NULL when the frame gave
  *   no picture.
  * - ravel_print_statistics prints, for every port that saw a frame, the
- *   frames accepted, refused, decoded, shown and damaged, the frames skipped
- *   before an intra frame, and the rates since the previous printout.
+ *   columns of ravel_soft_port_stats_t (the signal as "ok" or "NONE") and
+ *   the rates since the previous printout.
  */
 #ifndef RAVEL_SOFT_H
 #define RAVEL_SOFT_H
@@ -75,17 +85,22 @@ extern "C" {
 #define RAVEL_SOFT_QUEUE_DEPTH 6
 
 typedef struct ravel_soft_port_stats {
+  /* accepted = decoded + decode_errors + skipped + flushed + queued */
   uint64_t accepted;      /* frames taken by ravel_put_decode_stream */
-  uint64_t refused;       /* frames refused by it */
-  uint64_t decoded;       /* good pictures decoded */
-  uint64_t shown;         /* distinct pictures that reached a composed display */
+  uint64_t refused;       /* frames refused by it (not accepted) */
+  uint64_t decoded;       /* frames decoded without damage */
   uint64_t decode_errors; /* damaged or truncated frames */
   uint64_t skipped;       /* frames passed over while waiting for an intra frame */
+  uint64_t flushed;       /* frames still queued when the port was reset or the engine stopped */
+  uint64_t queued;        /* frames in the port now */
+  uint64_t pictures;      /* good pictures out of the decoder */
+  uint64_t shown;         /* distinct pictures that reached a composed display */
   uint64_t released;      /* buffers given back through the release function */
   uint64_t last_shown;    /* the last picture that reached a display, counted from 1 in the
-                             order the port decoded its stream's pictures; 0 for none */
+                             order the port's pictures left its decoder; 0 for none */
   int32_t width;          /* of the latest picture; 0 without one */
   int32_t height;
+  int32_t no_signal; /* 1 while the port's tiles show NO SIGNAL */
 } ravel_soft_port_stats_t;
 
 /* The engine that ravel_new made in this process, NULL before. */
@@ -94,7 +109,7 @@ RAVEL_SOFT_API ravel_t *ravel_soft_engine(void);
 /* Counters of one port.  0, or -1 for a bad port. */
 RAVEL_SOFT_API int32_t ravel_soft_port_stats(ravel_t *engine, int32_t port,
                                              ravel_soft_port_stats_t *out);
-/* Compose passes made since creation. */
+/* Compose passes since creation that drew something or were asked for. */
 RAVEL_SOFT_API uint64_t ravel_soft_compose_passes(ravel_t *engine);
 
 /* Size of engine display 0 or 2.  0, or -1 for another display number. */
@@ -107,14 +122,27 @@ RAVEL_SOFT_API int32_t ravel_soft_read_display(ravel_t *engine, int32_t display,
 /* Writes the last composed picture of a display to `path` as PNG.  0, or -1
  * (logged) when the file can't be written. */
 RAVEL_SOFT_API int32_t ravel_soft_write_display(ravel_t *engine, int32_t display, const char *path);
-/* Waits until a compose pass that starts after the call has ended: what was
- * pushed and decoded before the call is then on the displays.  0, or -1
+/* Asks for a compose pass and waits until it has ended: what was pushed and
+ * decoded before the call is then on the displays.  0, or -1
  * after `timeout_ms` (the engine does not run). */
 RAVEL_SOFT_API int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_ms);
 /* Shows a display in a window (GStreamer autovideosink) from now on.  0, or
  * -1 when no graphical display is available (DISPLAY / WAYLAND_DISPLAY) or
  * the window can't be made; the engine is headless until this is called. */
 RAVEL_SOFT_API int32_t ravel_soft_show_window(ravel_t *engine, int32_t display);
+
+/* Tells a port whether its source is there.  0: its tiles show NO SIGNAL
+ * until its next picture or a call with 1; 1: its picture is shown again,
+ * and the time-out below counts from now.  0, or -1 for a bad port. */
+RAVEL_SOFT_API int32_t ravel_soft_set_port_signal(ravel_t *engine, int32_t port, int32_t present);
+/* How long a port with a picture may go without a frame before it shows NO
+ * SIGNAL by itself, in milliseconds; 0 turns this off.  5000 unless set.
+ * 0, or -1 for a negative time. */
+RAVEL_SOFT_API int32_t ravel_soft_set_signal_timeout(ravel_t *engine, int32_t timeout_ms);
+/* For comparisons: `per_second` > 0 composes on a fixed tick instead, a
+ * whole display redrawn whenever anything on it changed; 0 goes back to
+ * composing on arrival.  0 or -1. */
+RAVEL_SOFT_API int32_t ravel_soft_set_compose_rate(ravel_t *engine, int32_t per_second);
 
 /* Test hook: a held port takes no frame from its queue, so that the queue
  * fills and pushes are refused; 0 lets it go on.  0 or -1. */

@@ -14,22 +14,21 @@ void statistics::print() {
               static_cast<double>(passes - previous_passes_) / secs,
               static_cast<unsigned long long>(jpegs.load()));
   std::printf(
-      "port  accepted  refused   decoded     shown  errors  skipped   in/s  dec/s  shown/s\n");
+      "port  accepted  refused   decoded  errors  skipped  flushed queued  pictures     shown"
+      "  signal   in/s  dec/s  shown/s\n");
+  auto u = [](const std::atomic<uint64_t> &v) { return static_cast<unsigned long long>(v.load()); };
   for (int i = 0; i < kPorts; i++) {
     const port_counters &c = port[i];
     snapshot s{c.accepted.load(), c.decoded.load(), c.shown.load()};
-    uint64_t refused = c.refused.load();
-    if (s.accepted == 0 && refused == 0) continue;
+    if (s.accepted == 0 && c.refused.load() == 0) continue;
     const snapshot &p = previous_[i];
-    std::printf(
-        "%4d %9llu %8llu %9llu %9llu %7llu %8llu %6.1f %6.1f %8.1f\n", i,
-        static_cast<unsigned long long>(s.accepted), static_cast<unsigned long long>(refused),
-        static_cast<unsigned long long>(s.decoded), static_cast<unsigned long long>(s.shown),
-        static_cast<unsigned long long>(c.decode_errors.load()),
-        static_cast<unsigned long long>(c.skipped.load()),
-        static_cast<double>(s.accepted - p.accepted) / secs,
-        static_cast<double>(s.decoded - p.decoded) / secs,
-        static_cast<double>(s.shown - p.shown) / secs);
+    std::printf("%4d %9llu %8llu %9llu %7llu %8llu %8llu %6llu %9llu %9llu %7s %6.1f %6.1f %8.1f\n",
+                i, u(c.accepted), u(c.refused), u(c.decoded), u(c.decode_errors), u(c.skipped),
+                u(c.flushed), u(c.queued), u(c.pictures), u(c.shown),
+                c.no_signal.load() ? "NONE" : "ok",
+                static_cast<double>(s.accepted - p.accepted) / secs,
+                static_cast<double>(s.decoded - p.decoded) / secs,
+                static_cast<double>(s.shown - p.shown) / secs);
     previous_[i] = s;
   }
   std::fflush(stdout);

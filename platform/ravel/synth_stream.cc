@@ -110,7 +110,8 @@ std::vector<frame> encode(rgb colour, const stream_options &opt) {
   };
   for (int i = 0; i < opt.frames; i++) {
     if (av_frame_make_writable(pic.get()) < 0) return {};
-    paint(pic.get(), c, right, i, opt.pattern);
+    const yuv ci = opt.colours != nullptr ? to_yuv(opt.colours[i]) : c;
+    paint(pic.get(), ci, opt.colours != nullptr ? ci : right, i, opt.pattern);
     pic->pts = i;
     if (avcodec_send_frame(ctx.get(), pic.get()) < 0) return {};
     drain();

@@ -19,6 +19,7 @@ struct stream_options {
   bool pattern = false;        // a moving texture instead of a flat colour (costs the decoder more)
   int bitrate_kbps = 0;        // 0: constant quality
   const rgb *right = nullptr;  // when set, the right half of the picture has this colour
+  const rgb *colours = nullptr;  // when set, frame i has colours[i] (`frames` entries)
 };
 
 struct frame {

@@ -44,6 +44,21 @@ std::vector<test_frame *> engine_harness::stream(rgb colour, int frames, int gop
   return out;
 }
 
+std::vector<test_frame *> engine_harness::stream_of(const std::vector<rgb> &colours, int gop) {
+  ravel_synth::stream_options opt;
+  opt.frames = static_cast<int>(colours.size());
+  opt.gop = gop;
+  opt.colours = colours.data();
+  std::vector<test_frame *> out;
+  for (auto &f : ravel_synth::encode(colours[0], opt)) {
+    frames_.push_back(std::make_unique<test_frame>());
+    frames_.back()->data = std::move(f.data);
+    out.push_back(frames_.back().get());
+  }
+  EXPECT_EQ(out.size(), colours.size());
+  return out;
+}
+
 int32_t engine_harness::push(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb,
                              ravel_image_cb image_cb) {
   auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -79,10 +94,20 @@ ravel_soft_port_stats_t engine_harness::stats(int32_t port) {
   return s;
 }
 
+::testing::AssertionResult engine_harness::accounted(int32_t port) {
+  ravel_soft_port_stats_t s = stats(port);
+  uint64_t sum = s.decoded + s.decode_errors + s.skipped + s.flushed + s.queued;
+  if (sum == s.accepted) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << "port " << port << ": accepted " << s.accepted << " but decoded " << s.decoded
+         << " + errors " << s.decode_errors << " + skipped " << s.skipped << " + flushed "
+         << s.flushed << " + queued " << s.queued << " = " << sum;
+}
+
 bool engine_harness::handled(int32_t port, uint64_t n) {
   return eventually([&] {
     ravel_soft_port_stats_t s = stats(port);
-    return s.released >= n && s.accepted == s.released;
+    return s.accepted >= n && s.queued == 0 && s.accepted == s.released;
   });
 }
 

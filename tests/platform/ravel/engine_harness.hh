@@ -38,6 +38,8 @@ class engine_harness : public ::testing::Test {
   // With `right`, the right half of the picture has that colour.
   std::vector<test_frame *> stream(rgb colour, int frames, int gop = 10, int width = 160,
                                    int height = 96, const rgb *right = nullptr);
+  // Frames whose pictures change colour: frame i has colours[i].
+  std::vector<test_frame *> stream_of(const std::vector<rgb> &colours, int gop);
   // One attempt to push a frame.
   int32_t put(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb = nullptr,
               ravel_image_cb image_cb = nullptr);
@@ -49,6 +51,8 @@ class engine_harness : public ::testing::Test {
   // Waits until `what` holds, up to 20 s.
   static bool eventually(const std::function<bool()> &what);
   ravel_soft_port_stats_t stats(int32_t port);
+  // Whether every accepted frame of the port is in exactly one column.
+  ::testing::AssertionResult accounted(int32_t port);
   // Waits until the port has handled (decoded, skipped or failed) `n` frames.
   bool handled(int32_t port, uint64_t n);
   // Waits for a compose pass and reads a display as RGB.

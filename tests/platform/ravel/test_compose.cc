@@ -105,6 +105,49 @@ TEST_F(compose, AnEmptyListBlanksTheDisplayAndBadListsAreRefused) {
   EXPECT_EQ(ravel_change_geometry(engine_, many, -1, 2, 0), -1);
 }
 
+// A NO SIGNAL tile: mostly dark, with white letters.
+::testing::AssertionResult no_signal_tile(const std::vector<uint8_t> &pic, int width, int x, int y,
+                                          int w, int h) {
+  int dark = 0, white = 0;
+  for (int j = y; j < y + h; j++)
+    for (int i = x; i < x + w; i++) {
+      const uint8_t *p = &pic[(static_cast<size_t>(j) * width + i) * 3];
+      if (p[0] < 50 && p[1] < 50 && p[2] < 50) dark++;
+      if (p[0] > 220 && p[1] > 220 && p[2] > 220) white++;
+    }
+  if (dark > w * h * 7 / 10 && white > w * h / 100) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << dark << " dark and " << white << " white of " << w * h;
+}
+
+TEST_F(compose, ALostPortShowsNoSignalUntilItsNextPicture) {
+  feed(2);
+  ASSERT_EQ(ravel_soft_set_signal_timeout(engine_, 0), 0);
+  regions(0, {region(0, 0, 0, 960, 540), region(1, 960, 0, 960, 540)});
+  auto tile = [&](int p) {
+    int32_t w, h;
+    auto pic = display(0, &w, &h);
+    return no_signal_tile(pic, w, p * 960, 0, 960, 540);
+  };
+  // Told so: at once, and until told otherwise.
+  ASSERT_EQ(ravel_soft_set_port_signal(engine_, 1, 0), 0);
+  EXPECT_TRUE(tile(1));
+  EXPECT_EQ(stats(1).no_signal, 1);
+  EXPECT_TRUE(shows(0, kColours[0], 40, 40, 880, 460));
+  EXPECT_EQ(stats(0).no_signal, 0);
+  ASSERT_EQ(ravel_soft_set_port_signal(engine_, 1, 1), 0);
+  EXPECT_TRUE(shows(0, kColours[1], 1000, 40, 880, 460));
+  // By itself: a port with a picture that hears nothing for the time-out.
+  ASSERT_EQ(ravel_soft_set_signal_timeout(engine_, 200), 0);
+  ASSERT_TRUE(eventually([&] { return stats(0).no_signal == 1; }));
+  EXPECT_TRUE(tile(0));
+  // The next picture ends it.
+  push_all(0, stream(kColours[2], 1));
+  ASSERT_TRUE(handled(0, 4));
+  EXPECT_TRUE(shows(0, kColours[2], 40, 40, 880, 460));
+  EXPECT_EQ(ravel_soft_set_port_signal(engine_, 18, 0), -1);
+  EXPECT_EQ(ravel_soft_set_signal_timeout(engine_, -1), -1);
+}
+
 TEST_F(compose, PicturesAreWrittenAsPng) {
   feed(1);
   regions(2, {region(0, 0, 0, 1280, 720)});

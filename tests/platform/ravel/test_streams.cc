@@ -85,6 +85,77 @@ TEST_F(streams, DamagedFramesAreSkippedAndThePortRecoversAtTheNextIntraFrame) {
   EXPECT_EQ(garbled.releases.load(), 1);
 }
 
+TEST_F(streams, AMissingFrameHoldsTheLastGoodPictureUntilTheNextIntraFrame) {
+  start(0);
+  regions(0, {region(0, 0, 0, 1920, 1080)});
+  // Every frame a colour of its own: a picture decoded across the gap would
+  // show neither the last good one nor the source.
+  std::vector<rgb> colours;
+  for (int i = 0; i < 12; i++)
+    colours.push_back({static_cast<uint8_t>(30 + i * 16), static_cast<uint8_t>(220 - i * 14),
+                       static_cast<uint8_t>(60 + (i % 3) * 70)});
+  auto frames = stream_of(colours, 10);
+  for (int i = 0; i < 10; i++)
+    if (i != 5) {
+      ASSERT_EQ(push(0, frames[i]), 0);
+    }
+  ASSERT_TRUE(handled(0, 9));
+  auto s = stats(0);
+  EXPECT_EQ(s.decoded, 5u);
+  EXPECT_EQ(s.skipped, 4u);
+  EXPECT_EQ(s.pictures, 5u);
+  EXPECT_TRUE(shows(0, colours[4]));
+  push_all(0, {frames[10], frames[11]});
+  ASSERT_TRUE(handled(0, 11));
+  EXPECT_EQ(stats(0).pictures, 7u);
+  EXPECT_TRUE(shows(0, colours[11]));
+}
+
+TEST_F(streams, EveryAcceptedFrameIsInExactlyOneColumn) {
+  start(0);
+  auto f = stream(kRed, 13, 10);
+  // Port 0 loses frame 4, port 1 gets frame 2 cut short.
+  for (int i = 0; i < 13; i++)
+    if (i != 4) {
+      ASSERT_EQ(push(0, f[i]), 0);
+    }
+  test_frame cut;
+  cut.data.assign(f[2]->data.begin(), f[2]->data.begin() + f[2]->data.size() / 2);
+  push_all(1, {f[0], f[1], &cut, f[3], f[4], f[10]});
+  ASSERT_TRUE(handled(0, 12));
+  ASSERT_TRUE(handled(1, 6));
+  // Port 2 is reset with three frames queued, then goes on mid-stream.
+  ASSERT_EQ(ravel_soft_hold_port(engine_, 2, 1), 0);
+  push_all(2, {f[0], f[1], f[2]});
+  EXPECT_TRUE(accounted(2));
+  EXPECT_EQ(stats(2).queued, 3u);
+  ravel_dec_config_t dec[RAVEL_DEC_CONFIG_COUNT];
+  std::vector<uint8_t> enc(RAVEL_ENC_CONFIG_BYTES);
+  ASSERT_EQ(ravel_init_dec_config_param(engine_, dec), 0);
+  ASSERT_EQ(ravel_change_pipe_config(engine_, dec, 0, enc.data(), 16), 0);
+  ASSERT_EQ(ravel_soft_hold_port(engine_, 2, 0), 0);
+  push_all(2, {f[3], f[10]});
+  ASSERT_TRUE(handled(2, 5));
+  // Port 3 has four frames queued when the engine stops.
+  ASSERT_EQ(ravel_soft_hold_port(engine_, 3, 1), 0);
+  push_all(3, {f[0], f[1], f[2], f[3]});
+  ASSERT_EQ(ravel_stop(engine_), 0);
+  ASSERT_TRUE(handled(3, 4));
+  const struct {
+    uint64_t decoded, errors, skipped, flushed;
+  } want[4] = {{7, 0, 5, 0}, {3, 1, 2, 0}, {1, 0, 1, 3}, {0, 0, 0, 4}};
+  // (A reset reaches every port; ports 0 and 1 had nothing queued then.)
+  for (int p = 0; p < 4; p++) {
+    EXPECT_TRUE(accounted(p));
+    auto s = stats(p);
+    EXPECT_EQ(s.decoded, want[p].decoded) << "port " << p;
+    EXPECT_EQ(s.decode_errors, want[p].errors) << "port " << p;
+    EXPECT_EQ(s.skipped, want[p].skipped) << "port " << p;
+    EXPECT_EQ(s.flushed, want[p].flushed) << "port " << p;
+    EXPECT_EQ(s.released, s.accepted) << "port " << p;
+  }
+}
+
 TEST_F(streams, GarbledDataAtAFreshPortCostsNothingButTheFrame) {
   start(0);
   test_frame noise;
