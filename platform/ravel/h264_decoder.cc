@@ -21,9 +21,9 @@ h264_decoder::h264_decoder() {
   if (ctx == nullptr) return;
   // One thread: the engine already runs one decoder thread per port.
   ctx->thread_count = 1;
-  // Pictures leave as soon as they are decoded: a live mosaic wants no
-  // reorder delay, and a still-image request waits for its own frame.
-  ctx->flags |= AV_CODEC_FLAG_LOW_DELAY;
+  // No low-delay flag: with it, libavcodec hands pictures out in decoding
+  // order and drops those of B frames that come out of order.  Streams
+  // without B frames state a reorder depth of 0 and still leave at once.
   // Damage is reported rather than concealed, so that a broken frame is
   // counted and the port holds its last good picture.
   ctx->err_recognition = AV_EF_CRCCHECK | AV_EF_BITSTREAM | AV_EF_BUFFER | AV_EF_EXPLODE;

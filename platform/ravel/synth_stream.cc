@@ -80,14 +80,21 @@ std::vector<frame> encode(rgb colour, const stream_options &opt) {
   ctx->time_base = {1, 25};
   ctx->framerate = {25, 1};
   ctx->gop_size = opt.gop;
-  ctx->max_b_frames = 0;
+  ctx->max_b_frames = opt.b_frames;
   ctx->thread_count = 1;
   if (opt.bitrate_kbps > 0) ctx->bit_rate = opt.bitrate_kbps * 1000LL;
   av_opt_set(ctx->priv_data, "preset", "ultrafast", 0);
-  av_opt_set(ctx->priv_data, "tune", "zerolatency", 0);
-  av_opt_set(ctx->priv_data, "profile", "baseline", 0);
   // SPS and PPS ahead of every intra frame, as a camera sends them.
-  av_opt_set(ctx->priv_data, "x264-params", "repeat-headers=1:scenecut=0", 0);
+  if (opt.b_frames == 0) {
+    av_opt_set(ctx->priv_data, "tune", "zerolatency", 0);
+    av_opt_set(ctx->priv_data, "profile", "baseline", 0);
+    av_opt_set(ctx->priv_data, "x264-params", "repeat-headers=1:scenecut=0", 0);
+  } else {
+    // A fixed pattern of B frames, as a recorder's High-profile file has.
+    av_opt_set(ctx->priv_data, "profile", "high", 0);
+    av_opt_set(ctx->priv_data, "x264-params",
+               "repeat-headers=1:scenecut=0:b-adapt=0:b-pyramid=none:ref=2", 0);
+  }
   if (avcodec_open2(ctx.get(), codec, nullptr) < 0) return out;
 
   std::unique_ptr<AVFrame, frame_free> pic(av_frame_alloc());

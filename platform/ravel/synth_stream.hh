@@ -18,6 +18,7 @@ struct stream_options {
   int gop = 10;                // an intra frame every `gop` frames
   bool pattern = false;        // a moving texture instead of a flat colour (costs the decoder more)
   int bitrate_kbps = 0;        // 0: constant quality
+  int b_frames = 0;            // B frames between reference frames (High profile when > 0)
   const rgb *right = nullptr;  // when set, the right half of the picture has this colour
   const rgb *colours = nullptr;  // when set, frame i has colours[i] (`frames` entries)
 };

@@ -44,8 +44,10 @@ std::vector<test_frame *> engine_harness::stream(rgb colour, int frames, int gop
   return out;
 }
 
-std::vector<test_frame *> engine_harness::stream_of(const std::vector<rgb> &colours, int gop) {
+std::vector<test_frame *> engine_harness::stream_of(const std::vector<rgb> &colours, int gop,
+                                                    int b_frames) {
   ravel_synth::stream_options opt;
+  opt.b_frames = b_frames;
   opt.frames = static_cast<int>(colours.size());
   opt.gop = gop;
   opt.colours = colours.data();

@@ -39,7 +39,8 @@ class engine_harness : public ::testing::Test {
   std::vector<test_frame *> stream(rgb colour, int frames, int gop = 10, int width = 160,
                                    int height = 96, const rgb *right = nullptr);
   // Frames whose pictures change colour: frame i has colours[i].
-  std::vector<test_frame *> stream_of(const std::vector<rgb> &colours, int gop);
+  // With `b_frames`, that many B frames between reference frames.
+  std::vector<test_frame *> stream_of(const std::vector<rgb> &colours, int gop, int b_frames = 0);
   // One attempt to push a frame.
   int32_t put(int32_t port, test_frame *f, ravel_jpeg_cb jpeg_cb = nullptr,
               ravel_image_cb image_cb = nullptr);

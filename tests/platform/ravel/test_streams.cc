@@ -111,6 +111,31 @@ TEST_F(streams, AMissingFrameHoldsTheLastGoodPictureUntilTheNextIntraFrame) {
   EXPECT_TRUE(shows(0, colours[11]));
 }
 
+TEST_F(streams, BFramesAreShownInPresentationOrderOneStepAtATime) {
+  start(0);
+  regions(0, {region(0, 0, 0, 1920, 1080)});
+  // Frame i is a grey of level 20 + 13 i: its number is burned into it.
+  std::vector<rgb> greys;
+  for (int i = 0; i < 16; i++) {
+    auto v = static_cast<uint8_t>(20 + i * 13);
+    greys.push_back({v, v, v});
+  }
+  auto frames = stream_of(greys, 16, 2);
+  // As a frame step does: one frame, then a look at the display.
+  std::vector<int> seen;
+  for (size_t i = 0; i < frames.size(); i++) {
+    ASSERT_EQ(push(0, frames[i]), 0);
+    ASSERT_TRUE(handled(0, i + 1));
+    if (stats(0).pictures == 0) continue;
+    int32_t w, h;
+    auto pic = display(0, &w, &h);
+    seen.push_back((mean_colour(pic, w, 100, 100, 400, 400).r - 20 + 6) / 13);
+  }
+  EXPECT_EQ(stats(0).decoded, frames.size());
+  EXPECT_GE(seen.size() + 3, frames.size());
+  for (size_t k = 0; k < seen.size(); k++) EXPECT_EQ(seen[k], static_cast<int>(k)) << "step " << k;
+}
+
 TEST_F(streams, EveryAcceptedFrameIsInExactlyOneColumn) {
   start(0);
   auto f = stream(kRed, 13, 10);
