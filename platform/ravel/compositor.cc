@@ -59,6 +59,14 @@ void compositor::set_regions(int index, const ravel_region_t *regions, int count
   picture_arrived();
 }
 
+void compositor::redraw_all() {
+  {
+    std::lock_guard<std::mutex> g(regions_lock_);
+    for (display &d : displays_) d.version++;
+  }
+  picture_arrived();
+}
+
 void compositor::set_running(bool on) {
   {
     std::lock_guard<std::mutex> g(state_lock_);

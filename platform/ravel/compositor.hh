@@ -66,6 +66,8 @@ class compositor {
   void with_canvas(int index, const std::function<void(const canvas &)> &use) const;
   // Called on the compositor thread after each pass that changed the display.
   void set_observer(int index, canvas_observer observer);
+  // Every display is drawn whole in the next pass.
+  void redraw_all();
 
  private:
   struct tile_key {

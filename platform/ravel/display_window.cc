@@ -1,6 +1,7 @@
 #include "display_window.hh"
 
 #include <gst/app/gstappsrc.h>
+#include <libyuv/convert_argb.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -17,19 +18,17 @@ bool graphical_display_available() {
 
 display_window::~display_window() { close(); }
 
-bool display_window::open(int width, int height, const char *title) {
+bool display_window::open(int width, int height, const char *title, const char *sink) {
   if (pipeline_) return true;
-  if (!graphical_display_available()) {
-    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_MESSAGE, "no graphical display: %s stays headless", title);
-    return false;
-  }
   gst_init(nullptr, nullptr);
+  // The window gets RGB converted here exactly as the pictures written to
+  // PNG are: handed YUV, GStreamer takes HD sizes for BT.709 and rounds its
+  // own way, and the window's colours drift from the pictures'.
   gchar *launch = g_strdup_printf(
       "appsrc name=src is-live=true do-timestamp=true format=time "
-      "caps=video/x-raw,format=I420,width=%d,height=%d,framerate=25/1 "
-      "! queue leaky=downstream max-size-buffers=2 ! videoconvert "
-      "! autovideosink sync=false",
-      width, height);
+      "caps=\"video/x-raw,format=BGRx,width=%d,height=%d,framerate=0/1\" "
+      "! queue leaky=downstream max-size-buffers=2 ! %s",
+      width, height, sink);
   GError *error = nullptr;
   GstElement *made = gst_parse_launch(launch, &error);
   g_free(launch);
@@ -53,11 +52,17 @@ bool display_window::open(int width, int height, const char *title) {
 
 void display_window::push(const canvas &c) {
   if (!src_) return;
-  size_t ys = c.y.size(), cs = c.u.size();
-  GstBuffer *buf = gst_buffer_new_allocate(nullptr, ys + 2 * cs, nullptr);
-  gst_buffer_fill(buf, 0, c.y.data(), ys);
-  gst_buffer_fill(buf, ys, c.u.data(), cs);
-  gst_buffer_fill(buf, ys + cs, c.v.data(), cs);
+  GstBuffer *buf =
+      gst_buffer_new_allocate(nullptr, static_cast<size_t>(c.width) * c.height * 4, nullptr);
+  GstMapInfo map;
+  if (buf == nullptr || !gst_buffer_map(buf, &map, GST_MAP_WRITE)) {
+    if (buf != nullptr) gst_buffer_unref(buf);
+    return;
+  }
+  // libyuv's "ARGB" is B, G, R, A in memory: GStreamer's BGRx.
+  libyuv::I420ToARGB(c.y.data(), c.width, c.u.data(), c.width / 2, c.v.data(), c.width / 2,
+                     map.data, c.width * 4, c.width, c.height);
+  gst_buffer_unmap(buf, &map);
   gst_app_src_push_buffer(GST_APP_SRC(src_.get()), buf);  // takes the buffer
 }
 

@@ -1,6 +1,6 @@
 // A window that shows one composed display, through GStreamer
 // (appsrc ! videoconvert ! autovideosink).  Only on request, and only where a
-// graphical display exists.
+// graphical display exists; or through a sink of the caller's choice.
 #pragma once
 
 #include <gst/gst.h>
@@ -17,8 +17,12 @@ class display_window {
   display_window(const display_window &) = delete;
   display_window &operator=(const display_window &) = delete;
 
-  // False when there is no graphical display or the pipeline can't start.
-  bool open(int width, int height, const char *title);
+  // The window's default end of the pipeline.
+  static constexpr const char *kWindowSink = "videoconvert ! autovideosink sync=false";
+
+  // False when the pipeline can't start.  `sink` is the end of the pipeline
+  // that takes the display's I420 pictures.
+  bool open(int width, int height, const char *title, const char *sink);
   // Hands one composed picture to the window (compositor thread).
   void push(const canvas &c);
   void close();

@@ -1,9 +1,12 @@
 // The software engine's own calls (ravel_soft.h).
 #include "ravel_soft.h"
 
+#include <glib.h>
+
 #include <vector>
 
 #include "engine.hh"
+#include "log_domain.hh"
 #include "picture_file.hh"
 
 extern "C" {
@@ -72,20 +75,39 @@ int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_ms) {
   return engine->compositor->wait_pass(std::chrono::milliseconds(timeout_ms)) ? 0 : -1;
 }
 
-int32_t ravel_soft_show_window(ravel_t *engine, int32_t display) {
+namespace {
+
+int32_t show_display(ravel_t *engine, int32_t display, const char *sink) {
   int index = ravel_soft::compositor::index_of(display);
-  if (engine == nullptr || index < 0 || engine->closed) return -1;
+  if (engine == nullptr || index < 0 || engine->closed || sink == nullptr) return -1;
   std::lock_guard<std::mutex> g(engine->windows_lock);
   auto &window = engine->windows[index];
   if (window) return 0;
   auto made = std::make_unique<ravel_soft::display_window>();
   int w, h;
   engine->compositor->size(index, &w, &h);
-  if (!made->open(w, h, display == 0 ? "display 0" : "display 2")) return -1;
+  if (!made->open(w, h, display == 0 ? "display 0" : "display 2", sink)) return -1;
   window = std::move(made);
   ravel_soft::display_window *shown = window.get();
   engine->compositor->set_observer(index, [shown](const ravel_soft::canvas &c) { shown->push(c); });
+  // The window starts with the display as it is.
+  engine->compositor->redraw_all();
   return 0;
+}
+
+}  // namespace
+
+int32_t ravel_soft_show_window(ravel_t *engine, int32_t display) {
+  if (!ravel_soft::graphical_display_available()) {
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_MESSAGE, "no graphical display: display %d stays headless",
+          display);
+    return -1;
+  }
+  return show_display(engine, display, ravel_soft::display_window::kWindowSink);
+}
+
+int32_t ravel_soft_show_display_through(ravel_t *engine, int32_t display, const char *sink) {
+  return show_display(engine, display, sink);
 }
 
 int32_t ravel_soft_set_port_signal(ravel_t *engine, int32_t port, int32_t present) {

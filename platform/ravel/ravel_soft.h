@@ -130,6 +130,13 @@ RAVEL_SOFT_API int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_
  * -1 when no graphical display is available (DISPLAY / WAYLAND_DISPLAY) or
  * the window can't be made; the engine is headless until this is called. */
 RAVEL_SOFT_API int32_t ravel_soft_show_window(ravel_t *engine, int32_t display);
+/* The same path as the window's, ending in `sink`, a gst-launch description
+ * (for instance "videoconvert ! video/x-raw,format=RGB ! filesink
+ * location=f.rgb"): what reaches it is the display as BGRx, converted
+ * from the display's YUV exactly as ravel_soft_read_display converts it.  0 (also when a window or
+ * sink shows the display already), or -1 when the pipeline can't be made. */
+RAVEL_SOFT_API int32_t ravel_soft_show_display_through(ravel_t *engine, int32_t display,
+                                                       const char *sink);
 
 /* Tells a port whether its source is there.  0: its tiles show NO SIGNAL
  * until its next picture or a call with 1; 1: its picture is shown again,

@@ -148,6 +148,33 @@ TEST_F(compose, ALostPortShowsNoSignalUntilItsNextPicture) {
   EXPECT_EQ(ravel_soft_set_signal_timeout(engine_, -1), -1);
 }
 
+TEST_F(compose, TheWindowPathShowsThePicturesColours) {
+  feed(4);
+  regions(2, {region(0, 0, 0, 640, 360), region(1, 640, 0, 640, 360), region(2, 0, 360, 640, 360),
+              region(3, 640, 360, 640, 360)});
+  // The window's pipeline, ending in a file instead of a window.
+  const std::string path = ::testing::TempDir() + "ravel_window.rgb";
+  const std::string sink = "videoconvert ! video/x-raw,format=RGB ! filesink location=" + path;
+  ASSERT_EQ(ravel_soft_show_display_through(engine_, 2, sink.c_str()), 0);
+  const size_t frame_bytes = 1280 * 720 * 3;
+  std::vector<uint8_t> window(frame_bytes);
+  ASSERT_TRUE(eventually([&] {
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return false;
+    size_t got = std::fread(window.data(), 1, frame_bytes, f);
+    std::fclose(f);
+    return got == frame_bytes;
+  }));
+  std::remove(path.c_str());
+  int32_t w, h;
+  auto png = display(2, &w, &h);
+  for (int p = 0; p < 4; p++) {
+    int x = (p % 2) * 640 + 40, y = (p / 2) * 360 + 40;
+    rgb a = mean_colour(window, 1280, x, y, 560, 280), b = mean_colour(png, w, x, y, 560, 280);
+    EXPECT_TRUE(near(a, b, 2)) << "tile " << p << ": window " << str(a) << ", picture " << str(b);
+  }
+}
+
 TEST_F(compose, PicturesAreWrittenAsPng) {
   feed(1);
   regions(2, {region(0, 0, 0, 1280, 720)});
