@@ -71,37 +71,22 @@ void skip_scaling_list(bit_reader &r, int size) {
   }
 }
 
-// Walks the NAL units of an Annex B unit: `visit(type, ref_idc, payload, size)`.
+// Walks the NAL units of an Annex B unit: `visit(type, ref_idc, payload,
+// bytes to the end of the unit)`, until it gives false.  A NAL unit's own
+// end is not looked for: the readers stop long before it, and a unit is not
+// scanned past the slice header that answers what the port asks.
 template <typename F>
 void for_each_nal(const uint8_t *data, int32_t size, F visit) {
-  int32_t start = -1;
-  for (int32_t i = 0; i + 2 < size; i++) {
+  for (int32_t i = 0; i + 3 < size; i++) {
     if (data[i] != 0 || data[i + 1] != 0 || data[i + 2] != 1) continue;
-    if (start >= 0) {
-      int32_t end = i;
-      while (end > start && data[end - 1] == 0) end--;  // a four-byte start code
-      visit(data[start] & 0x1f, (data[start] >> 5) & 3, data + start + 1, end - start - 1);
-    }
-    start = i + 3;
-    i += 2;
+    const int32_t start = i + 3;
+    if (!visit(data[start] & 0x1f, (data[start] >> 5) & 3, data + start + 1, size - start - 1))
+      return;
+    i = start;
   }
-  if (start >= 0 && start < size)
-    visit(data[start] & 0x1f, (data[start] >> 5) & 3, data + start + 1, size - start - 1);
 }
 
 }  // namespace
-
-bool has_idr_slice(const uint8_t *data, int32_t size) {
-  // Start codes are 00 00 01 (a four-byte code ends the same way); the NAL
-  // header byte follows, its low five bits the unit type.
-  for (int32_t i = 0; i + 3 < size; i++) {
-    if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-      if ((data[i + 3] & 0x1f) == 5) return true;
-      i += 2;
-    }
-  }
-  return false;
-}
 
 stream_reader::stream_reader() { pps_sps_.fill(-1); }
 
@@ -118,7 +103,11 @@ access_unit stream_reader::inspect(const uint8_t *data, int32_t size) {
       if (type == 5) au.idr = true;
       if (ref_idc != 0) au.reference = true;
       read_slice(nal, n, au);
+      // Only a picture that is intra so far but not IDR needs its other
+      // slices read.
+      return au.intra && !au.idr && au.params_known;
     }
+    return true;
   });
   if (!au.has_slice) {
     au.intra = false;

@@ -7,9 +7,6 @@
 
 namespace ravel_soft {
 
-// True when the Annex B access unit holds an IDR slice (NAL unit type 5).
-bool has_idr_slice(const uint8_t *data, int32_t size);
-
 // One access unit, as far as the port needs to know it.
 struct access_unit {
   bool has_slice = false;     // a coded picture is in it

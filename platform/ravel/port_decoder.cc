@@ -28,8 +28,10 @@ port_decoder::port_decoder(int port, ravel_release_fn release, statistics &stats
 port_decoder::~port_decoder() { shutdown(); }
 
 int32_t port_decoder::offer(const pending_frame &frame) {
+  bool was_empty;
   {
     std::lock_guard<std::mutex> g(lock_);
+    was_empty = queue_.empty();
     if (!running_ || quit_ || queue_.size() >= kQueueDepth) {
       counters_.refused++;
       return -1;
@@ -40,7 +42,8 @@ int32_t port_decoder::offer(const pending_frame &frame) {
     counters_.accepted++;
     counters_.queued++;
   }
-  wake_.notify_all();
+  // The thread waits only on an empty queue.
+  if (was_empty) wake_.notify_all();
   return 0;
 }
 

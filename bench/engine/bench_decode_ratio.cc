@@ -1,0 +1,91 @@
+// The engine's cost over the decoder's: the CPU the whole engine spends per
+// decoded frame on one port, against a bare libavcodec decode loop on the
+// same stream, both on one thread, in the same run.
+//
+//   BM_EngineOverBareDecode/H   H = 360, 720, 1080 lines; reports both costs
+//                               in ms per frame and their ratio.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <thread>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "bench_streams.hh"
+#include "ravel_soft.h"
+
+namespace engine_bench {
+namespace {
+
+constexpr int kRounds = 4;  // the stream's frames this many times
+constexpr int kPort = 17;   // in no region: decoding only
+
+double bare_decode_ms_per_frame(const std::vector<ravel_synth::frame> &frames) {
+  const AVCodec *codec = avcodec_find_decoder(AV_CODEC_ID_H264);
+  AVCodecContext *ctx = avcodec_alloc_context3(codec);
+  ctx->thread_count = 1;
+  avcodec_open2(ctx, codec, nullptr);
+  AVPacket *pkt = av_packet_alloc();
+  AVFrame *pic = av_frame_alloc();
+  double cpu0 = thread_cpu_seconds();
+  int out = 0;
+  for (int r = 0; r < kRounds; r++) {
+    for (const auto &f : frames) {
+      pkt->data = const_cast<uint8_t *>(f.data.data());
+      pkt->size = static_cast<int>(f.data.size());
+      avcodec_send_packet(ctx, pkt);
+      while (avcodec_receive_frame(ctx, pic) == 0) out++;
+    }
+  }
+  double cpu = thread_cpu_seconds() - cpu0;
+  av_frame_free(&pic);
+  av_packet_free(&pkt);
+  avcodec_free_context(&ctx);
+  benchmark::DoNotOptimize(out);
+  // Per frame in, as for the engine: the last pictures stay in the decoder.
+  return 1000.0 * cpu / static_cast<double>(uint64_t{kRounds} * frames.size());
+}
+
+double engine_ms_per_frame(const std::vector<ravel_synth::frame> &frames) {
+  ravel_soft_port_stats_t s{};
+  ravel_soft_port_stats(engine(), kPort, &s);
+  const uint64_t target = s.decoded + uint64_t{kRounds} * frames.size();
+  double cpu0 = process_cpu_seconds();
+  for (int r = 0; r < kRounds; r++) {
+    for (const auto &f : frames) {
+      while (put(kPort, f) != 0) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+  }
+  while (s.decoded < target) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ravel_soft_port_stats(engine(), kPort, &s);
+  }
+  double cpu = process_cpu_seconds() - cpu0;
+  return 1000.0 * cpu / static_cast<double>(uint64_t{kRounds} * frames.size());
+}
+
+void BM_EngineOverBareDecode(benchmark::State &state) {
+  const int height = static_cast<int>(state.range(0));
+  const auto &frames = stream(height, 0);
+  engine();
+  for (auto _ : state) {
+    double bare = bare_decode_ms_per_frame(frames);
+    double eng = engine_ms_per_frame(frames);
+    state.counters["bare_ms_per_frame"] = bare;
+    state.counters["engine_ms_per_frame"] = eng;
+    state.counters["ratio"] = eng / bare;
+    state.counters["width"] = width_of(height);
+    state.counters["height"] = height;
+  }
+}
+BENCHMARK(BM_EngineOverBareDecode)
+    ->Arg(360)
+    ->Arg(720)
+    ->Arg(1080)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace engine_bench
