@@ -97,8 +97,10 @@ access_unit stream_reader::inspect(const uint8_t *data, int32_t size) {
   for_each_nal(data, size, [&](int type, int ref_idc, const uint8_t *nal, int32_t n) {
     if (type == 7) {
       read_sps(nal, n);
+      au.has_params = true;
     } else if (type == 8) {
       read_pps(nal, n);
+      au.has_params = true;
     } else if (type == 1 || type == 5) {
       if (type == 5) au.idr = true;
       if (ref_idc != 0) au.reference = true;

@@ -178,6 +178,18 @@ port_decoder::outcome port_decoder::handle(const pending_frame &f) {
   // Read before anything else, so that parameter sets are kept even from
   // frames that are skipped.
   access_unit au = reader_.inspect(f.data, f.size);
+  if (!au.has_slice && !au.has_params) {
+    // Neither a picture nor what pictures need: nothing the decoder should
+    // see.  A frame it stood for is caught at the next frame_num.
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "port %d: a frame of %d bytes holds no picture",
+          port_, f.size);
+    if (f.jpeg_cb != nullptr) deliver_jpeg(f.jpeg_cb, port_, nullptr, f.jpeg_timestamp, stats_);
+    give_back(f);
+    return outcome::error;
+  }
+  // Parameter sets on their own, as some sources send them: the decoder
+  // needs them whatever it waits for.
+  if (!au.has_slice) return decode(f);
   if (wait_intra_) {
     if (!au.intra || !au.params_known) return skip(f);
     // Pictures still held for reordering are gone with the reset.
@@ -185,7 +197,7 @@ port_decoder::outcome port_decoder::handle(const pending_frame &f) {
     decoder_.reset();
     gaps_.restart();
     wait_intra_ = false;
-  } else if (au.has_slice && !au.params_known) {
+  } else if (!au.params_known) {
     g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
           "port %d: a frame names a parameter set never seen; the port waits for an intra frame",
           port_);

@@ -181,6 +181,72 @@ TEST_F(streams, EveryAcceptedFrameIsInExactlyOneColumn) {
   }
 }
 
+// The frame without its sequence and picture parameter sets.
+std::vector<uint8_t> without_parameter_sets(const std::vector<uint8_t> &au) {
+  std::vector<size_t> starts;
+  for (size_t i = 0; i + 3 < au.size(); i++)
+    if (au[i] == 0 && au[i + 1] == 0 && au[i + 2] == 1) starts.push_back(i);
+  starts.push_back(au.size());
+  std::vector<uint8_t> out;
+  for (size_t k = 0; k + 1 < starts.size(); k++) {
+    int type = au[starts[k] + 3] & 0x1f;
+    if (type != 7 && type != 8)
+      out.insert(out.end(), au.begin() + starts[k], au.begin() + starts[k + 1]);
+  }
+  return out;
+}
+
+TEST_F(streams, BadInputIsCountedAndThePortHoldsItsLastGoodPicture) {
+  start(0);
+  auto red = stream(kRed, 6, 10);
+  auto blue = stream(kBlue, 2, 10);
+  auto wide = stream(kBlue, 2, 10, 320, 180);
+  test_frame cut, noise, fake_idr, bare_idr;
+  cut.data.assign(red[3]->data.begin(), red[3]->data.begin() + red[3]->data.size() / 2);
+  for (int i = 0; i < 3000; i++) noise.data.push_back(static_cast<uint8_t>((i * 131 + 7) | 1));
+  fake_idr.data = {0, 0, 1, 0x65};
+  fake_idr.data.insert(fake_idr.data.end(), noise.data.begin(), noise.data.end());
+  bare_idr.data = without_parameter_sets(blue[0]->data);
+  const struct {
+    const char *what;
+    bool fresh;  // the port has seen nothing before
+    std::vector<test_frame *> bad;
+    std::vector<test_frame *> next;  // an intra frame and what follows
+  } cases[] = {
+      {"truncated frame", false, {&cut, red[4], red[5]}, {blue[0], blue[1]}},
+      {"garbage for a frame", false, {&noise, red[4], red[5]}, {blue[0], blue[1]}},
+      {"garbage behind a start code", false, {&fake_idr, red[4], red[5]}, {blue[0], blue[1]}},
+      {"no parameter sets until an intra frame",
+       true,
+       {&bare_idr, red[1], red[2]},
+       {blue[0], blue[1]}},
+      {"resolution change", false, {}, {wide[0], wide[1]}},
+  };
+  std::vector<ravel_region_t> tiles;
+  for (int p = 0; p < 5; p++) tiles.push_back(region(p, (p % 3) * 640, (p / 3) * 540, 640, 540));
+  regions(0, tiles);
+  for (int p = 0; p < 5; p++) {
+    const auto &c = cases[p];
+    SCOPED_TRACE(c.what);
+    const uint64_t good = c.fresh ? 0 : 3;
+    if (!c.fresh) push_all(p, {red[0], red[1], red[2]});
+    push_all(p, c.bad);
+    ASSERT_TRUE(handled(p, good + c.bad.size()));
+    auto s = stats(p);
+    EXPECT_EQ(s.decode_errors + s.skipped, c.bad.size());
+    EXPECT_EQ(s.pictures, good);
+    if (!c.fresh) {
+      EXPECT_TRUE(shows(0, kRed, (p % 3) * 640 + 20, (p / 3) * 540 + 20, 600, 500));
+    }
+    push_all(p, c.next);
+    ASSERT_TRUE(handled(p, good + c.bad.size() + 2));
+    EXPECT_EQ(stats(p).pictures, good + 2);
+    EXPECT_TRUE(shows(0, kBlue, (p % 3) * 640 + 20, (p / 3) * 540 + 20, 600, 500));
+    EXPECT_TRUE(accounted(p));
+  }
+  EXPECT_EQ(stats(4).width, 320);
+}
+
 TEST_F(streams, GarbledDataAtAFreshPortCostsNothingButTheFrame) {
   start(0);
   test_frame noise;
