@@ -107,7 +107,7 @@ access_unit stream_reader::inspect(const uint8_t *data, int32_t size) {
       read_slice(nal, n, au);
       // Only a picture that is intra so far but not IDR needs its other
       // slices read.
-      return au.intra && !au.idr && au.params_known;
+      return au.intra && !au.idr && au.params_known && !au.cut;
     }
     return true;
   });
@@ -169,6 +169,8 @@ void stream_reader::read_pps(const uint8_t *nal, int32_t size) {
 }
 
 void stream_reader::read_slice(const uint8_t *nal, int32_t size, access_unit &au) {
+  const bool first = !au.has_slice;
+  au.has_slice = true;
   bit_reader r(nal, size);
   r.ue();  // first_mb_in_slice
   uint32_t slice_type = r.ue() % 5;
@@ -179,20 +181,20 @@ void stream_reader::read_slice(const uint8_t *nal, int32_t size, access_unit &au
     s = &sps_[static_cast<std::size_t>(pps_sps_[pps_id])];
   if (s == nullptr || !s->valid) {
     au.params_known = false;
+    au.cut = au.cut || r.overrun;
     return;
   }
   if (s->separate_colour_planes) r.bits(2);
   uint32_t frame_num = r.bits(s->log2_max_frame_num);
   if (r.overrun) {
-    au.params_known = false;
+    au.cut = true;
     return;
   }
-  if (!au.has_slice) {
+  if (first) {
     au.frame_num = frame_num;
     au.max_frame_num = 1u << s->log2_max_frame_num;
     au.gaps_allowed = s->gaps_allowed;
   }
-  au.has_slice = true;
 }
 
 bool gap_detector::accept(const access_unit &au) {

@@ -11,6 +11,7 @@ namespace ravel_soft {
 struct access_unit {
   bool has_slice = false;     // a coded picture is in it
   bool has_params = false;    // a sequence or picture parameter set is in it
+  bool cut = false;           // a slice header ends before its frame_num
   bool idr = false;           // an IDR slice is in it
   bool intra = false;         // every slice is an I slice (IDR or not)
   bool reference = false;     // nal_ref_idc of its slices is not 0

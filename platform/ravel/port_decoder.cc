@@ -178,13 +178,15 @@ port_decoder::outcome port_decoder::handle(const pending_frame &f) {
   // Read before anything else, so that parameter sets are kept even from
   // frames that are skipped.
   access_unit au = reader_.inspect(f.data, f.size);
-  if (!au.has_slice && !au.has_params) {
-    // Neither a picture nor what pictures need: nothing the decoder should
-    // see.  A frame it stood for is caught at the next frame_num.
-    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "port %d: a frame of %d bytes holds no picture",
-          port_, f.size);
+  if ((!au.has_slice && !au.has_params) || au.cut) {
+    // Neither a picture nor what pictures need, or a picture cut short in
+    // its first bytes: nothing the decoder should see.  A frame that went
+    // missing with it is caught at the next frame_num.
+    g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "port %d: a frame of %d bytes holds no %spicture",
+          port_, f.size, au.cut ? "whole " : "");
     if (f.jpeg_cb != nullptr) deliver_jpeg(f.jpeg_cb, port_, nullptr, f.jpeg_timestamp, stats_);
     give_back(f);
+    if (au.cut) wait_intra_ = true;
     return outcome::error;
   }
   // Parameter sets on their own, as some sources send them: the decoder
