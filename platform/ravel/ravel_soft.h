@@ -19,7 +19,8 @@
  *   number after a reference picture), a damaged or truncated frame, or a
  *   frame that names a parameter set never seen.  Until then it decodes
  *   nothing and keeps showing its last good picture: frames passed over
- *   count as `skipped`, the damaged frame itself as a decode error.
+ *   count as `skipped`, the damaged frame itself as a decode error, as does
+ *   a frame with neither a slice nor a parameter set in it.
  * - Every accepted frame is counted in exactly one column: decoded,
  *   decode_errors, skipped, flushed (still queued when its port was reset
  *   or the engine stopped) or queued (in the port now).  ravel_soft_port_stats
@@ -36,7 +37,15 @@
  *   order).  The crop fields, when all four are set (x, y >= 0, width,
  *   height > 0), select a part of the picture given in the layout space of
  *   1920 x 1080 that stands for the whole picture.  `flag` is not read.
- *   The compositor draws 25 times a second while the engine runs.
+ *   While the engine runs, the compositor redraws a port's tiles (and the
+ *   tiles that lie above them) when the port has a new picture, at most 60
+ *   times a second; nothing is drawn while nothing changes.
+ * - NO SIGNAL.  A port whose signal is lost shows, in every region that
+ *   names it, a dark tile with "CH <n>" (n the region's `ch`) and the words
+ *   NO SIGNAL instead of its frozen picture.  A port loses its signal when
+ *   ravel_soft_set_port_signal says so, or by itself when it has a picture
+ *   and gets no frame for the signal time-out (5 s unless set); its next
+ *   picture ends the state.  The port statistics carry it (`no_signal`).
  * - JPEG callback words (ravel_jpeg_cb): the address of the JPEG data
  *   (malloc'ed, released with free(); NULL when no picture could be encoded,
  *   which tells the waiting caller at once), then
