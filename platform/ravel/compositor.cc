@@ -76,11 +76,14 @@ void compositor::set_running(bool on) {
 }
 
 void compositor::picture_arrived() {
+  bool first;
   {
     std::lock_guard<std::mutex> g(state_lock_);
+    first = !arrived_;
     arrived_ = true;
   }
-  state_cond_.notify_all();
+  // The pictures that come while a pass is due anyway wake nobody.
+  if (first) state_cond_.notify_all();
 }
 
 void compositor::set_fixed_rate(int per_second) {
