@@ -107,6 +107,9 @@ void BM_LiveMosaic(benchmark::State &state) {
     double cpu0 = process_cpu_seconds();
     auto t0 = std::chrono::steady_clock::now();
     uint64_t refused = 0;
+    ravel_soft_port_stats_t first;
+    ravel_soft_port_stats(engine(), 0, &first);
+    const uint64_t skipped0 = first.skipped, refused0 = first.refused;
     latency_watch watch(kTotal);
     for (int i = 0; i < kTotal; i++) {
       std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * i));
@@ -117,7 +120,11 @@ void BM_LiveMosaic(benchmark::State &state) {
     }
     std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * kTotal));
     std::vector<double> latency_ms = watch.finish();
-    if (!latency_ms.empty() && height == 360) {
+    // Pictures are matched to pushes by number: a frame skipped or refused
+    // on channel 0 would shift the match, so such a run has no latency.
+    ravel_soft_port_stats_t s0;
+    ravel_soft_port_stats(engine(), 0, &s0);
+    if (!latency_ms.empty() && height == 360 && s0.skipped == skipped0 && s0.refused == refused0) {
       state.counters["latency_p50_ms"] = latency_ms[latency_ms.size() / 2];
       state.counters["latency_p99_ms"] = latency_ms[latency_ms.size() * 99 / 100];
     }
@@ -147,6 +154,7 @@ void BM_LiveMosaic(benchmark::State &state) {
 }
 BENCHMARK(BM_LiveMosaic)
     ->ArgNames({"n", "rate", "h"})
+    ->Args({16, 0, 360})  // also warms the ports up for the two that follow
     ->Args({16, 25, 360})
     ->Args({16, 0, 360})
     ->Args({16, 0, 720})
