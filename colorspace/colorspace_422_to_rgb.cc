@@ -9,6 +9,7 @@ namespace {
 void yv16_to_rgb(YuvToRgbRow row, int bpp, uint8_t *dst, int dst_stride, const uint8_t *y_src,
                  const uint8_t *u_src, const uint8_t *v_src, int y_stride, int uv_stride, int width,
                  int height) {
+  if (empty_picture(width, height)) return;
   ptrdiff_t y_pitch = y_stride, uv_pitch = uv_stride;
   if (height < 0) {
     height = -height;
@@ -25,6 +26,7 @@ void yv16_to_rgb(YuvToRgbRow row, int bpp, uint8_t *dst, int dst_stride, const u
 
 void yvyu_to_rgb(PackedToRgbRow row, uint8_t *dst, int dst_stride, const uint8_t *src,
                  int src_stride, int width, int height) {
+  if (empty_picture(width, height)) return;
   ptrdiff_t s_pitch = pitch(src_stride, 2);
   if (height < 0) {
     height = -height;
@@ -57,6 +59,7 @@ void yv16_to_rgb32_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const u
 
 void yv16i_to_rgb24_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *uv_src,
                       int y_stride, int width, int height) {
+  if (empty_picture(width, height)) return;
   const InterleavedToRgbRow row = row_kernels().interleaved_to_bgr24;
   ptrdiff_t y_pitch = y_stride;
   if (height < 0) {

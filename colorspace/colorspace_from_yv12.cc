@@ -35,7 +35,7 @@ Yv12Source yv12_source(const uint8_t *y_src, const uint8_t *u_src, const uint8_t
 void yv12_to_rgb(YuvPairToRgbRow row, int bpp, uint8_t *dst, int dst_stride, const uint8_t *y_src,
                  const uint8_t *u_src, const uint8_t *v_src, int y_stride, int uv_stride, int width,
                  int height) {
-  if (height / 2 == 0) return;
+  if (empty_picture(width, height) || height / 2 == 0) return;
   const Yv12Source s = yv12_source(y_src, u_src, v_src, y_stride, uv_stride, height);
   const ptrdiff_t d_pitch = pitch(dst_stride, bpp);
   for (int k = 0; k < s.height / 2; k++) {
@@ -50,7 +50,7 @@ void yv12_to_rgb(YuvPairToRgbRow row, int bpp, uint8_t *dst, int dst_stride, con
 void yv12_to_packed(ToPackedRow row, uint8_t *dst, int dst_stride, const uint8_t *y_src,
                     const uint8_t *u_src, const uint8_t *v_src, int y_stride, int uv_stride,
                     int width, int height) {
-  if (height == 0) return;
+  if (empty_picture(width, height)) return;
   const Yv12Source s = yv12_source(y_src, u_src, v_src, y_stride, uv_stride, height);
   const ptrdiff_t d_pitch = pitch(dst_stride, 2);
   for (int r = 0; r < s.height; r++) {
@@ -112,7 +112,7 @@ void yv12_to_uyvy_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const ui
 // Y rows, then height / 2 rows of U and of V, each at dst_stride / 2.
 void yv12_to_yuv_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,
                    const uint8_t *v_src, int y_stride, int uv_stride, int width, int height) {
-  if (height == 0) return;
+  if (empty_picture(width, height)) return;
   const Yv12Source s = yv12_source(y_src, u_src, v_src, y_stride, uv_stride, height);
   const ptrdiff_t d_pitch = dst_stride, c_pitch = dst_stride / 2;
   const int h2 = s.height / 2;

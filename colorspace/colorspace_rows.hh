@@ -66,16 +66,24 @@ const RowKernels &plain_row_kernels();
 // The vector kernels for this machine, plain where none is written.
 const RowKernels &vector_row_kernels();
 
-// The best kernels for this machine; table-driven entries fall back to the
-// plain ones when the tables differ from their standard contents.
+// The kernels every converter runs: the plain ones until the tables are
+// filled, then the vector ones (unless switched off).  One atomic load.
 const RowKernels &row_kernels();
+
+// Called by colorspace_init once the tables hold their values.
+void tables_ready();
 
 // For tests: runs fn once with the vector kernels of each instruction set
 // that this machine supports, then restores the best one.  Not thread-safe.
 void for_each_vector_target(const std::function<void(const char *target)> &fn);
 
 // For tests and benchmarks: false makes row_kernels() give the plain set.
+// Not for use while converters run on other threads.
 void set_vector_kernels_enabled(bool enabled);
+
+// A width of 0 or less, or a zero height, leaves every destination as it
+// was; the walks check this before they compute a single row address.
+inline bool empty_picture(int width, int height) { return width <= 0 || height == 0; }
 
 // Byte pitch as a signed size, so that row offsets never overflow int.
 inline ptrdiff_t pitch(int stride, int bytes_per_unit) {

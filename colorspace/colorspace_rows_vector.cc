@@ -3,12 +3,14 @@
 // is a small constant times the sample, so a term split into a floor by 8192
 // and a remainder fits 16-bit lanes, and the sum of the parts floors exactly.
 
-// 512-bit and scalable targets are left out: the carries of the 16-bit
-// formats are written for blocks of 128 and 256 bits.  The one-lane fallback
-// keeps the plain kernels.
+// Scalable targets are left out: the carries of the 16-bit formats need the
+// vector size at compile time.  The one-lane fallback keeps the plain
+// kernels.  AVX-512 with VNNI and VBMI is a target of its own.
 #ifndef HWY_DISABLED_TARGETS
-#define HWY_DISABLED_TARGETS \
-  (HWY_AVX3 | HWY_AVX3_DL | HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
+#define HWY_DISABLED_TARGETS (HWY_SVE | HWY_SVE2 | HWY_SVE_256 | HWY_SVE2_128 | HWY_RVV)
+#endif
+#ifndef HWY_WANT_AVX3_DL
+#define HWY_WANT_AVX3_DL
 #endif
 
 #undef HWY_TARGET_INCLUDE
@@ -196,7 +198,49 @@ struct PutBgr16In24 {
 // chain; the lanes hold pixel pairs, so the sum before an odd pixel is the
 // sum through its pair less its own term.
 constexpr size_t kLanes16 = HWY_MAX_BYTES / 2;
-static_assert(kLanes16 == 8 || kLanes16 == 16, "carries are written for 128 and 256 bits");
+using D64 = hn::Repartition<uint64_t, D16>;
+
+// Lanes of 64 bits moved up by whole 128-bit blocks, zeros shifted in.
+template <size_t kBlocks>
+HWY_INLINE V16 BlocksUp(V16 v) {
+  const D16 d;
+  const D64 d64;
+  alignas(64) static constexpr uint64_t kIdx[8] = {0, 0, 0, 0, 0, 1, 2, 3};
+  alignas(64) static constexpr uint64_t kIdx1[8] = {0, 0, 0, 1, 2, 3, 4, 5};
+  const uint64_t *idx = kBlocks == 1 ? kIdx1 : kIdx;
+  const auto moved = hn::TableLookupLanes(hn::BitCast(d64, v), hn::SetTableIndices(d64, idx));
+  return hn::BitCast(d, hn::IfThenZeroElse(hn::FirstN(d64, 2 * kBlocks), moved));
+}
+
+// Every lane gets the last lane of the vector.
+HWY_INLINE V16 BroadcastLast(V16 p) {
+  const V16 block_last = hn::Broadcast<7>(p);
+  if constexpr (kLanes16 == 8) {
+    return block_last;
+  } else {
+    const D64 d64;
+    alignas(64) static constexpr uint64_t kLast[8] = {7, 7, 7, 7, 7, 7, 7, 7};
+    alignas(64) static constexpr uint64_t kLast4[8] = {3, 3, 3, 3};
+    const auto idx = hn::SetTableIndices(d64, kLanes16 == 16 ? kLast4 : kLast);
+    return hn::BitCast(D16(), hn::TableLookupLanes(hn::BitCast(d64, block_last), idx));
+  }
+}
+
+// Inclusive prefix sum over all lanes: within each block by lane shifts,
+// then the totals of the blocks below added to each block.
+HWY_INLINE V16 PrefixSum(V16 v) {
+  const D16 d;
+  V16 p = hn::Add(v, hn::ShiftLeftLanes<1>(d, v));
+  p = hn::Add(p, hn::ShiftLeftLanes<2>(d, p));
+  p = hn::Add(p, hn::ShiftLeftLanes<4>(d, p));
+  if constexpr (kLanes16 > 8) {
+    const V16 totals = hn::Broadcast<7>(p);
+    V16 below = hn::Add(totals, BlocksUp<1>(totals));
+    if constexpr (kLanes16 > 16) below = hn::Add(below, BlocksUp<2>(below));
+    p = hn::Add(p, hn::Sub(below, totals));
+  }
+  return p;
+}
 
 struct LineCarry {
   V16 run;  // the sum of all terms so far, in every lane
@@ -204,22 +248,10 @@ struct LineCarry {
   HWY_INLINE void Apply(V16 &even, V16 &odd) {
     const D16 d;
     const V16 pair = hn::Add(even, odd);
-    V16 p = hn::Add(pair, hn::ShiftLeftLanes<1>(d, pair));
-    p = hn::Add(p, hn::ShiftLeftLanes<2>(d, p));
-    p = hn::Add(p, hn::ShiftLeftLanes<4>(d, p));
-    if constexpr (kLanes16 == 16) {
-      // The shifts stay within 128-bit blocks: carry the lower block over.
-      p = hn::Add(p, hn::ConcatLowerLower(d, hn::Broadcast<7>(p), hn::Zero(d)));
-    }
-    p = hn::Add(p, run);
+    const V16 p = hn::Add(PrefixSum(pair), run);
     const V16 seven = hn::Set(d, 7);
     const V16 before_even = hn::Sub(p, pair), before_odd = hn::Sub(p, odd);
-    if constexpr (kLanes16 == 16) {
-      const V16 last = hn::Broadcast<7>(p);
-      run = hn::ConcatUpperUpper(d, last, last);
-    } else {
-      run = hn::Broadcast<7>(p);
-    }
+    run = BroadcastLast(p);
     even = hn::Add(even, hn::And(before_even, seven));
     odd = hn::Add(odd, hn::And(before_odd, seven));
   }

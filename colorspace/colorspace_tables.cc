@@ -1,5 +1,6 @@
 // The five YUV-to-RGB lookup tables.
 #include "colorspace.h"
+#include "colorspace_rows.hh"
 
 int32_t RGB_Y_tab[256];
 int32_t B_U_tab[256];
@@ -15,4 +16,5 @@ extern "C" void colorspace_init(void) {
     G_V_tab[i] = 6660 * (i - 128);
     R_V_tab[i] = 13074 * (i - 128);
   }
+  orlo::colorspace::tables_ready();
 }

@@ -12,6 +12,7 @@ namespace {
 // one source row to the one that goes below it in the destination.
 void pairs_to_yv12(ToYv12Row row, uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
                    const uint8_t *first, ptrdiff_t step, int width, int height, int stride) {
+  if (empty_picture(width, height)) return;
   const int pairs = height / 2;
   const ptrdiff_t y_pitch = stride;
   const ptrdiff_t uv_pitch = stride / 2;
@@ -25,6 +26,7 @@ void pairs_to_yv12(ToYv12Row row, uint8_t *y_out, uint8_t *u_out, uint8_t *v_out
 // 16-bit sources start at row 0 and flip on a negative height.
 void rgb16_to_yv12(ToYv12Row row, uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
                    const uint8_t *src, int width, int height, int stride) {
+  if (empty_picture(width, height)) return;
   ptrdiff_t step = pitch(width, 2);
   if (height < 0) {
     height = -height;
@@ -38,7 +40,7 @@ void rgb16_to_yv12(ToYv12Row row, uint8_t *y_out, uint8_t *u_out, uint8_t *v_out
 // 24- and 32-bit sources are stored bottom-up.
 void bottom_up_to_yv12(ToYv12Row row, int bpp, uint8_t *y_out, uint8_t *u_out, uint8_t *v_out,
                        const uint8_t *src, int width, int height, int stride) {
-  if (height < 2) return;
+  if (empty_picture(width, height) || height < 2) return;
   const ptrdiff_t step = pitch(width, bpp);
   pairs_to_yv12(row, y_out, u_out, v_out, src + (height - 1) * step, -step, width, height, stride);
 }
@@ -87,7 +89,7 @@ void uyvy_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out, const uint8_
 // Source planes Y, U, V back to back without row gaps.
 void yuv_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out, const uint8_t *src, int width,
                    int height, int stride) {
-  if (height <= 0) return;
+  if (empty_picture(width, height) || height < 0) return;
   const int w2 = width / 2, h2 = height / 2;
   const ptrdiff_t chroma_size = static_cast<ptrdiff_t>(w2) * h2;
   const uint8_t *u_src = src + static_cast<ptrdiff_t>(width) * height;
