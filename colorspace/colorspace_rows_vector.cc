@@ -20,6 +20,7 @@
 
 #include <cstring>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "colorspace_rows.hh"
@@ -154,41 +155,131 @@ HWY_INLINE V16 Clip(V16 c, int16_t low) {
   return hn::Min(hn::Max(c, hn::Set(D16(), low)), hn::Set(D16(), 255));
 }
 
+#if HWY_TARGET == HWY_AVX3_DL
+// With byte permutes across the whole vector, the even and odd lanes of a
+// channel are packed to bytes with saturation (the clip) in one step, and
+// each output vector gathers its bytes from the packed channels in two.
+// Packing leaves per 128-bit block the bytes of 8 even, then 8 odd pixels.
+constexpr int PackedByte(int pixel) {
+  const int pair = pixel >> 1;
+  return 16 * (pair >> 3) + (pair & 7) + 8 * (pixel & 1);
+}
+
+// Output vector t of pixels of kBpp bytes: bytes 0 and 1 of a pixel from
+// the first two channels, byte 2 from the third, byte 3 zero.
+struct Route {
+  alignas(64) uint8_t first_two[64];
+  alignas(64) uint8_t third[64];
+  uint64_t take_first_two = 0, take_third = 0;
+};
+
+template <int kBpp>
+constexpr Route MakeRoute(int t) {
+  Route r{};
+  for (int i = 0; i < 64; i++) {
+    const int q = 64 * t + i, pixel = q / kBpp, byte = q % kBpp;
+    const auto at = static_cast<uint8_t>(PackedByte(pixel));
+    if (byte < 2) {
+      r.first_two[i] = static_cast<uint8_t>(at + 64 * byte);
+      r.take_first_two |= uint64_t{1} << i;
+    } else if (byte == 2) {
+      r.third[i] = at;
+      r.take_third |= uint64_t{1} << i;
+    }
+  }
+  return r;
+}
+
+template <int kBpp, int t>
+inline constexpr Route kRoute = MakeRoute<kBpp>(t);
+
+template <int kBpp, int... t>
+HWY_INLINE void StoreRouted(uint8_t *d, __m512i a, __m512i b, __m512i c,
+                            std::integer_sequence<int, t...>) {
+  const auto one = [&](const Route &r, uint8_t *to) {
+    const __m512i ab =
+        _mm512_maskz_permutex2var_epi8(r.take_first_two, a, _mm512_load_si512(r.first_two), b);
+    _mm512_storeu_si512(
+        to, _mm512_mask_permutexvar_epi8(ab, r.take_third, _mm512_load_si512(r.third), c));
+  };
+  (one(kRoute<kBpp, t>, d + 64 * t), ...);
+}
+#endif
+
+// How an unclipped term becomes a byte.  Wide works on 16-bit terms and
+// leaves the clip to 0..255 to the store; Packed works on clipped bytes.
+struct ClipOnly {
+  static HWY_INLINE V16 Wide(V16 c) { return c; }
+#if HWY_TARGET == HWY_AVX3_DL
+  static HWY_INLINE __m512i Packed(__m512i x) { return x; }
+#endif
+};
+// The packed-source rule: 0 becomes 1.
+struct FloorOne {
+  static HWY_INLINE V16 Wide(V16 c) { return hn::Max(c, hn::Set(D16(), 1)); }
+#if HWY_TARGET == HWY_AVX3_DL
+  static HWY_INLINE __m512i Packed(__m512i x) { return _mm512_max_epu8(x, _mm512_set1_epi8(1)); }
+#endif
+};
+// max(floor(min(c, 255) x 31 / 255), 1) x 8.  floor(x x 31 / 255) is the
+// high half of x x 7968 for every x from 0 to 255, at most 0 for x below 0
+// and at least 31 for x above 255.
+struct FiveBits {
+  static HWY_INLINE V16 Wide(V16 c) {
+    const D16 d;
+    const V16 q = hn::MulHigh(c, hn::Set(d, 7968));
+    return hn::ShiftLeft<3>(hn::Min(hn::Max(q, hn::Set(d, 1)), hn::Set(d, 31)));
+  }
+#if HWY_TARGET == HWY_AVX3_DL
+  // A table of the 256 bytes: two lookups of 128 each, chosen by the top bit.
+  static HWY_INLINE __m512i Packed(__m512i x) {
+    alignas(64) static constexpr auto kTable = [] {
+      struct {
+        uint8_t b[256];
+      } t{};
+      for (int i = 0; i < 256; i++) t.b[i] = static_cast<uint8_t>(i <= 8 ? 8 : i * 31 / 255 * 8);
+      return t;
+    }();
+    const auto part = [](int k) { return _mm512_load_si512(kTable.b + 64 * k); };
+    const __m512i low = _mm512_permutex2var_epi8(part(0), x, part(1));
+    const __m512i high = _mm512_permutex2var_epi8(part(2), x, part(3));
+    return _mm512_mask_blend_epi8(_mm512_movepi8_mask(x), low, high);
+  }
+#endif
+};
+
+// Stores the N8 pixels of one step as kBpp bytes each: channels a, b, c in
+// that order and, for four bytes, a zero.
+template <int kBpp, class Map = ClipOnly>
+HWY_INLINE void StorePixels(uint8_t *d, V16 ae, V16 ao, V16 be, V16 bo, V16 ce, V16 co) {
+#if HWY_TARGET == HWY_AVX3_DL
+  const auto pack = [](V16 e, V16 o) { return Map::Packed(_mm512_packus_epi16(e.raw, o.raw)); };
+  StoreRouted<kBpp>(d, pack(ae, ao), pack(be, bo), pack(ce, co),
+                    std::make_integer_sequence<int, kBpp>());
+#else
+  const auto bytes = [](V16 e, V16 o) {
+    return Bytes(Clip(Map::Wide(e), 0), Clip(Map::Wide(o), 0));
+  };
+  const V8 a = bytes(ae, ao), b = bytes(be, bo), c = bytes(ce, co);
+  if constexpr (kBpp == 3)
+    hn::StoreInterleaved3(a, b, c, D8(), d);
+  else
+    hn::StoreInterleaved4(a, b, c, hn::Zero(D8()), D8(), d);
+#endif
+}
+
 // Stores: Put writes the N8 pixels of one step.
+template <class Map = ClipOnly>
 struct PutBgr24 {
   static constexpr int kBpp = 3;
   HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
-    hn::StoreInterleaved3(Bytes(Clip(e.b, 0), Clip(o.b, 0)), Bytes(Clip(e.g, 0), Clip(o.g, 0)),
-                          Bytes(Clip(e.r, 0), Clip(o.r, 0)), D8(), d);
+    StorePixels<3, Map>(d, e.b, o.b, e.g, o.g, e.r, o.r);
   }
 };
 struct PutRgb0 {
   static constexpr int kBpp = 4;
   HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
-    hn::StoreInterleaved4(Bytes(Clip(e.r, 0), Clip(o.r, 0)), Bytes(Clip(e.g, 0), Clip(o.g, 0)),
-                          Bytes(Clip(e.b, 0), Clip(o.b, 0)), hn::Zero(D8()), D8(), d);
-  }
-};
-struct PutBgr24NoZero {
-  static constexpr int kBpp = 3;
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
-    hn::StoreInterleaved3(Bytes(Clip(e.b, 1), Clip(o.b, 1)), Bytes(Clip(e.g, 1), Clip(o.g, 1)),
-                          Bytes(Clip(e.r, 1), Clip(o.r, 1)), D8(), d);
-  }
-};
-// max(floor(clip(c) x 31 / 255), 1) x 8; x / 255 is (x + 1 + (x >> 8)) >> 8
-// for every x up to 255 x 31.
-struct PutBgr16In24 {
-  static constexpr int kBpp = 3;
-  static HWY_INLINE V16 F(V16 c) {
-    const D16 d;
-    const V16 x = hn::Mul(Clip(c, 0), hn::Set(d, 31));
-    const V16 q = hn::ShiftRight<8>(hn::Add(hn::Add(x, hn::Set(d, 1)), hn::ShiftRight<8>(x)));
-    return hn::ShiftLeft<3>(hn::Max(q, hn::Set(d, 1)));
-  }
-  HWY_INLINE void Put(uint8_t *d, const Rgb16 &e, const Rgb16 &o) {
-    hn::StoreInterleaved3(Bytes(F(e.b), F(o.b)), Bytes(F(e.g), F(o.g)), Bytes(F(e.r), F(o.r)), D8(),
-                          d);
+    StorePixels<4>(d, e.r, o.r, e.g, o.g, e.b, o.b);
   }
 };
 
@@ -257,6 +348,21 @@ struct LineCarry {
   }
 };
 
+// 16-bit words of the even and odd pixels, in pixel order.
+HWY_INLINE void StoreWords(uint8_t *d, hn::Vec<DU16> even, hn::Vec<DU16> odd) {
+#if HWY_TARGET == HWY_AVX3_DL
+  alignas(64) static constexpr uint16_t kLow[32] = {0,  32, 1,  33, 2,  34, 3,  35, 4,  36, 5,
+                                                    37, 6,  38, 7,  39, 8,  40, 9,  41, 10, 42,
+                                                    11, 43, 12, 44, 13, 45, 14, 46, 15, 47};
+  const __m512i low = _mm512_load_si512(kLow);
+  const __m512i high = _mm512_add_epi16(low, _mm512_set1_epi16(16));
+  _mm512_storeu_si512(d, _mm512_permutex2var_epi16(even.raw, low, odd.raw));
+  _mm512_storeu_si512(d + 64, _mm512_permutex2var_epi16(even.raw, high, odd.raw));
+#else
+  hn::StoreInterleaved2(even, odd, DU16(), reinterpret_cast<uint16_t *>(d));
+#endif
+}
+
 template <bool k565>
 struct PutCarried16 {
   static constexpr int kBpp = 2;
@@ -279,8 +385,7 @@ struct PutCarried16 {
     cb.Apply(e.b, o.b);
     cg.Apply(e.g, o.g);
     cr.Apply(e.r, o.r);
-    hn::StoreInterleaved2(Word(e.b, e.g, e.r), Word(o.b, o.g, o.r), DU16(),
-                          reinterpret_cast<uint16_t *>(d));
+    StoreWords(d, Word(e.b, e.g, e.r), Word(o.b, o.g, o.r));
   }
 };
 
@@ -346,7 +451,7 @@ void PlanarToRgb(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_t *
   ToRgbRow<Put>(PlanarSource{y, u, v}, dst, width);
 }
 void InterleavedToBgr24(const uint8_t *y, const uint8_t *uv, uint8_t *dst, int width) {
-  ToRgbRow<PutBgr24>(InterleavedSource{y, uv}, dst, width);
+  ToRgbRow<PutBgr24<> >(InterleavedSource{y, uv}, dst, width);
 }
 template <class Put>
 void YvyuToRgb(const uint8_t *src, uint8_t *dst, int width) {
@@ -538,15 +643,15 @@ void FillRowKernels(RowKernels *k) {
   k->to_uyvy = ToPacked<false>;
   k->pair_to_rgb555 = PlanarPairToRgb<PutCarried16<false> >;
   k->pair_to_rgb565 = PlanarPairToRgb<PutCarried16<true> >;
-  k->pair_to_bgr24 = PlanarPairToRgb<PutBgr24>;
+  k->pair_to_bgr24 = PlanarPairToRgb<PutBgr24<> >;
   k->pair_to_rgb0 = PlanarPairToRgb<PutRgb0>;
   k->to_rgb555 = PlanarToRgb<PutCarried16<false> >;
   k->to_rgb565 = PlanarToRgb<PutCarried16<true> >;
-  k->to_bgr24 = PlanarToRgb<PutBgr24>;
+  k->to_bgr24 = PlanarToRgb<PutBgr24<> >;
   k->to_rgb0 = PlanarToRgb<PutRgb0>;
   k->interleaved_to_bgr24 = InterleavedToBgr24;
-  k->yvyu_to_bgr24 = YvyuToRgb<PutBgr24NoZero>;
-  k->yvyu_to_bgr16 = YvyuToRgb<PutBgr16In24>;
+  k->yvyu_to_bgr24 = YvyuToRgb<PutBgr24<FloorOne> >;
+  k->yvyu_to_bgr16 = YvyuToRgb<PutBgr24<FiveBits> >;
 }
 #endif  // HWY_TARGET == HWY_SCALAR
 
