@@ -103,6 +103,8 @@ HWY_INLINE void SplitBytes(hn::Vec<DU16> w, V16 &low, V16 &high) {
   high = hn::BitCast(D16(), hn::ShiftRight<8>(w));
 }
 
+#include "colorspace_rows_avx512-inl.hh"
+
 struct PlanarSource {
   const uint8_t *y, *u, *v;
   HWY_INLINE void Get(size_t x, Pairs &p) const {
@@ -110,6 +112,14 @@ struct PlanarSource {
     p.u = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), u + x / 2)));
     p.v = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), v + x / 2)));
   }
+#if HWY_TARGET == HWY_AVX3_DL
+  HWY_INLINE void Get32(size_t x, Lanes32 &l) const {
+    const __m256i cu = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(u + x / 2));
+    const __m256i cv = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(v + x / 2));
+    Gather<PlanarLayout>(_mm512_loadu_si512(y + x),
+                         _mm512_inserti64x4(_mm512_castsi256_si512(cu), cv, 1), l);
+  }
+#endif
   PlanarSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
     std::memcpy(scratch, y + x, rem);
     std::memcpy(scratch + kMaxStep, u + x / 2, rem / 2);
@@ -125,6 +135,11 @@ struct InterleavedSource {
     SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(y + x)), p.y_even, p.y_odd);
     SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(uv + x)), p.u, p.v);
   }
+#if HWY_TARGET == HWY_AVX3_DL
+  HWY_INLINE void Get32(size_t x, Lanes32 &l) const {
+    Gather<InterleavedLayout>(_mm512_loadu_si512(y + x), _mm512_loadu_si512(uv + x), l);
+  }
+#endif
   InterleavedSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
     std::memcpy(scratch, y + x, rem);
     std::memcpy(scratch + kMaxStep, uv + x, rem);
@@ -141,6 +156,11 @@ struct YvyuSource {
     SplitBytes(hn::BitCast(DU16(), luma), p.y_even, p.y_odd);
     SplitBytes(hn::BitCast(DU16(), chroma), p.v, p.u);
   }
+#if HWY_TARGET == HWY_AVX3_DL
+  HWY_INLINE void Get32(size_t x, Lanes32 &l) const {
+    Gather<YvyuLayout>(_mm512_loadu_si512(src + 2 * x), _mm512_loadu_si512(src + 2 * x + 64), l);
+  }
+#endif
   YvyuSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
     std::memcpy(scratch, src + 2 * x, 2 * rem);
     return {scratch};
@@ -154,57 +174,6 @@ HWY_INLINE V8 Bytes(V16 even, V16 odd) {
 HWY_INLINE V16 Clip(V16 c, int16_t low) {
   return hn::Min(hn::Max(c, hn::Set(D16(), low)), hn::Set(D16(), 255));
 }
-
-#if HWY_TARGET == HWY_AVX3_DL
-// With byte permutes across the whole vector, the even and odd lanes of a
-// channel are packed to bytes with saturation (the clip) in one step, and
-// each output vector gathers its bytes from the packed channels in two.
-// Packing leaves per 128-bit block the bytes of 8 even, then 8 odd pixels.
-constexpr int PackedByte(int pixel) {
-  const int pair = pixel >> 1;
-  return 16 * (pair >> 3) + (pair & 7) + 8 * (pixel & 1);
-}
-
-// Output vector t of pixels of kBpp bytes: bytes 0 and 1 of a pixel from
-// the first two channels, byte 2 from the third, byte 3 zero.
-struct Route {
-  alignas(64) uint8_t first_two[64];
-  alignas(64) uint8_t third[64];
-  uint64_t take_first_two = 0, take_third = 0;
-};
-
-template <int kBpp>
-constexpr Route MakeRoute(int t) {
-  Route r{};
-  for (int i = 0; i < 64; i++) {
-    const int q = 64 * t + i, pixel = q / kBpp, byte = q % kBpp;
-    const auto at = static_cast<uint8_t>(PackedByte(pixel));
-    if (byte < 2) {
-      r.first_two[i] = static_cast<uint8_t>(at + 64 * byte);
-      r.take_first_two |= uint64_t{1} << i;
-    } else if (byte == 2) {
-      r.third[i] = at;
-      r.take_third |= uint64_t{1} << i;
-    }
-  }
-  return r;
-}
-
-template <int kBpp, int t>
-inline constexpr Route kRoute = MakeRoute<kBpp>(t);
-
-template <int kBpp, int... t>
-HWY_INLINE void StoreRouted(uint8_t *d, __m512i a, __m512i b, __m512i c,
-                            std::integer_sequence<int, t...>) {
-  const auto one = [&](const Route &r, uint8_t *to) {
-    const __m512i ab =
-        _mm512_maskz_permutex2var_epi8(r.take_first_two, a, _mm512_load_si512(r.first_two), b);
-    _mm512_storeu_si512(
-        to, _mm512_mask_permutexvar_epi8(ab, r.take_third, _mm512_load_si512(r.third), c));
-  };
-  (one(kRoute<kBpp, t>, d + 64 * t), ...);
-}
-#endif
 
 // How an unclipped term becomes a byte.  Wide works on 16-bit terms and
 // leaves the clip to 0..255 to the store; Packed works on clipped bytes.
@@ -391,10 +360,18 @@ struct PutCarried16 {
 
 template <class Put, class Source>
 HWY_INLINE void Step(Put &put, const Source &s, size_t x, uint8_t *d) {
+#if HWY_TARGET == HWY_AVX3_DL
+  Lanes32 l;
+  s.Get32(x, l);
+  Rgb16 even, odd;
+  Terms32(l, even, odd);
+  put.Put(d, even, odd);
+#else
   Pairs p;
   s.Get(x, p);
   const ChromaSplit c = ChromaTerms(p.u, p.v);
   put.Put(d, Terms(p.y_even, c), Terms(p.y_odd, c));
+#endif
 }
 
 // Whole steps in place; the rest of the row through scratch copies, with the
@@ -422,12 +399,17 @@ void PlanarPairToRgb(const uint8_t *y0, const uint8_t *y1, const uint8_t *u, con
   Put put0, put1;
   const auto step = [&](const uint8_t *ya, const uint8_t *yb, const uint8_t *cu, const uint8_t *cv,
                         uint8_t *da, uint8_t *db) {
+#if HWY_TARGET == HWY_AVX3_DL
+    Step(put0, PlanarSource{ya, cu, cv}, 0, da);
+    Step(put1, PlanarSource{yb, cu, cv}, 0, db);
+#else
     Pairs a, b;
     PlanarSource{ya, cu, cv}.Get(0, a);
     SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(yb)), b.y_even, b.y_odd);
     const ChromaSplit c = ChromaTerms(a.u, a.v);
     put0.Put(da, Terms(a.y_even, c), Terms(a.y_odd, c));
     put1.Put(db, Terms(b.y_even, c), Terms(b.y_odd, c));
+#endif
   };
   size_t x = 0;
   for (; x + n <= w; x += n)

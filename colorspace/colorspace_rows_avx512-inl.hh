@@ -1,0 +1,154 @@
+// Row-kernel parts for AVX-512 with VBMI and VNNI, included once per
+// target inside the target's namespace; only that target compiles them.
+// Byte permutes across the whole vector put every byte where the next step
+// wants it, and the multiply-adds sum luma and chroma products in 32-bit
+// lanes, where the table arithmetic is exact.
+#if HWY_TARGET == HWY_AVX3_DL
+
+// ---- Stores -----------------------------------------------------------------
+//
+// The even and odd lanes of a channel are packed to bytes with saturation (the clip) in one step,
+// and each output vector gathers its bytes from the packed channels in two. Packing leaves per
+// 128-bit block the bytes of 8 even, then 8 odd pixels.
+constexpr int PackedByte(int pixel) {
+  const int pair = pixel >> 1;
+  return 16 * (pair >> 3) + (pair & 7) + 8 * (pixel & 1);
+}
+
+// Output vector t of pixels of kBpp bytes: bytes 0 and 1 of a pixel from
+// the first two channels, byte 2 from the third, byte 3 zero.
+struct Route {
+  alignas(64) uint8_t first_two[64];
+  alignas(64) uint8_t third[64];
+  uint64_t take_first_two = 0, take_third = 0;
+};
+
+template <int kBpp>
+constexpr Route MakeRoute(int t) {
+  Route r{};
+  for (int i = 0; i < 64; i++) {
+    const int q = 64 * t + i, pixel = q / kBpp, byte = q % kBpp;
+    const auto at = static_cast<uint8_t>(PackedByte(pixel));
+    if (byte < 2) {
+      r.first_two[i] = static_cast<uint8_t>(at + 64 * byte);
+      r.take_first_two |= uint64_t{1} << i;
+    } else if (byte == 2) {
+      r.third[i] = at;
+      r.take_third |= uint64_t{1} << i;
+    }
+  }
+  return r;
+}
+
+template <int kBpp, int t>
+inline constexpr Route kRoute = MakeRoute<kBpp>(t);
+
+template <int kBpp, int... t>
+HWY_INLINE void StoreRouted(uint8_t *d, __m512i a, __m512i b, __m512i c,
+                            std::integer_sequence<int, t...>) {
+  const auto one = [&](const Route &r, uint8_t *to) {
+    const __m512i ab =
+        _mm512_maskz_permutex2var_epi8(r.take_first_two, a, _mm512_load_si512(r.first_two), b);
+    _mm512_storeu_si512(
+        to, _mm512_mask_permutexvar_epi8(ab, r.take_third, _mm512_load_si512(r.third), c));
+  };
+  (one(kRoute<kBpp, t>, d + 64 * t), ...);
+}
+
+// ---- Pixels as (luma, chroma) lanes -----------------------------------------
+//
+// A step of 64 pixels as 32-bit lanes, each a pixel's luma sample in the low
+// 16 bits and one chroma sample in the high 16: [0] the even pixels of pairs
+// 0-3 of each block of pairs, [1] of pairs 4-7, [2] and [3] the odd pixels.
+// Packing [0] with [1] to 16 bits gives the pairs back in order.
+struct Lanes32 {
+  __m512i yu[4], yv[4];
+};
+
+// Where a layout keeps the bytes of a step, as indices into two source
+// vectors of 64 bytes: luma of pixel p, U and V of pair k.
+struct PlanarLayout {  // luma; then U and V, 32 samples each
+  static constexpr int Luma(int p) { return p; }
+  static constexpr int U(int k) { return 64 + k; }
+  static constexpr int V(int k) { return 96 + k; }
+};
+struct InterleavedLayout {  // luma; then U, V pairs
+  static constexpr int Luma(int p) { return p; }
+  static constexpr int U(int k) { return 64 + 2 * k; }
+  static constexpr int V(int k) { return 65 + 2 * k; }
+};
+struct YvyuLayout {  // groups of Y0, V, Y1, U
+  static constexpr int Luma(int p) { return 4 * (p >> 1) + 2 * (p & 1); }
+  static constexpr int U(int k) { return 4 * k + 3; }
+  static constexpr int V(int k) { return 4 * k + 1; }
+};
+
+struct GatherTable {
+  alignas(64) uint8_t yu[4][64];
+  alignas(64) uint8_t yv[4][64];
+};
+
+template <class L>
+constexpr GatherTable MakeGather() {
+  GatherTable t{};
+  for (int q = 0; q < 4; q++)
+    for (int lane = 0; lane < 16; lane++) {
+      const int pair = 8 * (lane / 4) + 4 * (q & 1) + lane % 4, pixel = 2 * pair + (q >> 1);
+      t.yu[q][4 * lane] = t.yv[q][4 * lane] = static_cast<uint8_t>(L::Luma(pixel));
+      t.yu[q][4 * lane + 2] = static_cast<uint8_t>(L::U(pair));
+      t.yv[q][4 * lane + 2] = static_cast<uint8_t>(L::V(pair));
+    }
+  return t;
+}
+
+template <class L>
+inline constexpr GatherTable kGather = MakeGather<L>();
+
+template <class L>
+HWY_INLINE void Gather(__m512i a, __m512i b, Lanes32 &l) {
+  constexpr __mmask64 kLowBytesOfWords = 0x5555555555555555ull;
+#pragma GCC unroll 4
+  for (int q = 0; q < 4; q++) {
+    l.yu[q] =
+        _mm512_maskz_permutex2var_epi8(kLowBytesOfWords, a, _mm512_load_si512(kGather<L>.yu[q]), b);
+    l.yv[q] =
+        _mm512_maskz_permutex2var_epi8(kLowBytesOfWords, a, _mm512_load_si512(kGather<L>.yv[q]), b);
+  }
+}
+
+// ---- The colour terms by multiply-add ---------------------------------------
+//
+// (RGB_Y_tab[y] + B_U_tab[u]) >> 13 is (9535 y + 16531 u - 9535 x 16 -
+// 16531 x 128) >> 13: one multiply-add of the lane pair (y, u) into a
+// constant, exact in 32 bits.  Green takes a second one for v.
+HWY_INLINE __m512i Coefs(int16_t luma, int16_t chroma) {
+  return _mm512_set1_epi32(static_cast<int32_t>(
+      (static_cast<uint32_t>(static_cast<uint16_t>(chroma)) << 16) | static_cast<uint16_t>(luma)));
+}
+
+// acc + the two products of each lane pair (vpdpwssd).  The target's
+// compiler options name only the 256-bit form of VNNI, so the 512-bit one is
+// written out; run-time dispatch picks this target only where the CPU has it.
+HWY_INLINE __m512i DotAdd(__m512i acc, __m512i a, __m512i b) {
+  asm("vpdpwssd %2, %1, %0" : "+v"(acc) : "v"(a), "v"(b));
+  return acc;
+}
+
+HWY_INLINE void Terms32(const Lanes32 &l, Rgb16 &even, Rgb16 &odd) {
+  const __m512i kb = _mm512_set1_epi32(-9535 * 16 - 16531 * 128);
+  const __m512i kg = _mm512_set1_epi32(-9535 * 16 + (3203 + 6660) * 128);
+  const __m512i kr = _mm512_set1_epi32(-9535 * 16 - 13074 * 128);
+  __m512i b[4], g[4], r[4];
+#pragma GCC unroll 4
+  for (int q = 0; q < 4; q++) {
+    b[q] = _mm512_srai_epi32(DotAdd(kb, l.yu[q], Coefs(9535, 16531)), 13);
+    const __m512i gu = DotAdd(kg, l.yu[q], Coefs(9535, -3203));
+    g[q] = _mm512_srai_epi32(DotAdd(gu, l.yv[q], Coefs(0, -6660)), 13);
+    r[q] = _mm512_srai_epi32(DotAdd(kr, l.yv[q], Coefs(9535, 13074)), 13);
+  }
+  const auto pack = [](const __m512i *t, int q) { return V16{_mm512_packs_epi32(t[q], t[q + 1])}; };
+  even = {pack(b, 0), pack(g, 0), pack(r, 0)};
+  odd = {pack(b, 2), pack(g, 2), pack(r, 2)};
+}
+
+#endif  // HWY_TARGET == HWY_AVX3_DL
