@@ -151,4 +151,107 @@ HWY_INLINE void Terms32(const Lanes32 &l, Rgb16 &even, Rgb16 &odd) {
   odd = {pack(b, 2), pack(g, 2), pack(r, 2)};
 }
 
+// ---- RGB into YV12 by byte dot products -------------------------------------
+//
+// A pixel as one 32-bit lane of bytes B, G, R and a fourth byte of weight 0.
+// The luma sum 25 B + 129 G + 66 R takes two dot products (129 is no signed
+// byte: 127 + 2), each chroma sum one; the chroma sums of a 2x2 block add
+// the lanes of two rows, then neighbouring lanes.
+HWY_INLINE __m512i ByteDotAdd(__m512i acc, __m512i pixels, __m512i coefs) {
+  asm("vpdpbusd %2, %1, %0" : "+v"(acc) : "v"(pixels), "v"(coefs));
+  return acc;
+}
+
+HWY_INLINE __m512i ByteCoefs(int b, int g, int r) {
+  return _mm512_set1_epi32(static_cast<int32_t>(
+      static_cast<uint8_t>(b) | static_cast<uint8_t>(g) << 8 | static_cast<uint8_t>(r) << 16));
+}
+
+// 24-bit pixels of a 64-pixel step as four vectors of 16 lanes: group k
+// takes bytes 48 k to 48 k + 47 from the loaded vectors that hold them.
+struct SpreadTable {
+  alignas(64) uint8_t idx[4][64];
+};
+constexpr SpreadTable MakeSpread() {
+  SpreadTable t{};
+  constexpr int kFirst[4] = {0, 48, 32, 16};  // group's first byte in its sources
+  for (int k = 0; k < 4; k++)
+    for (int i = 0; i < 16; i++)
+      for (int j = 0; j < 4; j++)
+        t.idx[k][4 * i + j] = static_cast<uint8_t>(kFirst[k] + 3 * i + j % 3);
+  return t;
+}
+inline constexpr SpreadTable kSpread = MakeSpread();
+
+template <int kBpp>
+HWY_INLINE void LoadBgrLanes(const uint8_t *p, __m512i lanes[4]) {
+  const auto load = [&](int k) { return _mm512_loadu_si512(p + 64 * k); };
+  const auto idx = [](int k) { return _mm512_load_si512(kSpread.idx[k]); };
+  if constexpr (kBpp == 4) {
+    for (int k = 0; k < 4; k++) lanes[k] = load(k);
+  } else {
+    const __m512i a = load(0), b = load(1), c = load(2);
+    lanes[0] = _mm512_permutexvar_epi8(idx(0), a);
+    lanes[1] = _mm512_permutex2var_epi8(a, idx(1), b);
+    lanes[2] = _mm512_permutex2var_epi8(b, idx(2), c);
+    lanes[3] = _mm512_permutexvar_epi8(idx(3), c);
+  }
+}
+
+// Byte 4 i + 1 of two vectors, i = 0..31: bits 8-15 of each lane.
+// Byte 8 i of two vectors, i = 0..15: the low byte of each even lane.
+struct PickTable {
+  alignas(64) uint8_t second_of_lanes[64];
+  alignas(64) uint8_t first_of_even_lanes[64];
+};
+constexpr PickTable MakePick() {
+  PickTable t{};
+  for (int i = 0; i < 32; i++) t.second_of_lanes[i] = static_cast<uint8_t>(4 * i + 1);
+  for (int i = 0; i < 16; i++) t.first_of_even_lanes[i] = static_cast<uint8_t>(8 * i);
+  return t;
+}
+inline constexpr PickTable kPick = MakePick();
+
+// ((66 r + 129 g + 25 b) >> 8) + 16 is bits 8-15 of the sum plus 16 << 8.
+HWY_INLINE void StoreLuma(uint8_t *y, const __m512i lanes[4]) {
+  const __m512i c1 = ByteCoefs(25, 127, 66), c2 = ByteCoefs(0, 2, 0);
+  const __m512i k = _mm512_set1_epi32(16 << 8), idx = _mm512_load_si512(kPick.second_of_lanes);
+  __m512i acc[4];
+#pragma GCC unroll 4
+  for (int q = 0; q < 4; q++) acc[q] = ByteDotAdd(ByteDotAdd(k, lanes[q], c1), lanes[q], c2);
+  _mm256_storeu_si256(reinterpret_cast<__m256i *>(y),
+                      _mm512_castsi512_si256(_mm512_permutex2var_epi8(acc[0], idx, acc[1])));
+  _mm256_storeu_si256(reinterpret_cast<__m256i *>(y + 32),
+                      _mm512_castsi512_si256(_mm512_permutex2var_epi8(acc[2], idx, acc[3])));
+}
+
+// ((sum of the block) >> 10) + 128: each lane of a pair starts at 64 << 10.
+HWY_INLINE void StoreChroma(uint8_t *out, const __m512i top[4], const __m512i bottom[4],
+                            __m512i coefs) {
+  const __m512i k = _mm512_set1_epi32(64 << 10), idx = _mm512_load_si512(kPick.first_of_even_lanes);
+  __m512i sum[4];
+#pragma GCC unroll 4
+  for (int q = 0; q < 4; q++) {
+    const __m512i column = ByteDotAdd(ByteDotAdd(k, top[q], coefs), bottom[q], coefs);
+    sum[q] = _mm512_srai_epi32(_mm512_add_epi32(column, _mm512_srli_epi64(column, 32)), 10);
+  }
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out),
+                   _mm512_castsi512_si128(_mm512_permutex2var_epi8(sum[0], idx, sum[1])));
+  _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 16),
+                   _mm512_castsi512_si128(_mm512_permutex2var_epi8(sum[2], idx, sum[3])));
+}
+
+// 64 pixels of two rows of bytes B, G, R (and one ignored, for kBpp 4).
+template <int kBpp>
+HWY_INLINE void BgrToYv12Step(const uint8_t *s0, const uint8_t *s1, uint8_t *y0, uint8_t *y1,
+                              uint8_t *u, uint8_t *v) {
+  __m512i top[4], bottom[4];
+  LoadBgrLanes<kBpp>(s0, top);
+  LoadBgrLanes<kBpp>(s1, bottom);
+  StoreLuma(y0, top);
+  StoreLuma(y1, bottom);
+  StoreChroma(u, top, bottom, ByteCoefs(112, -74, -38));
+  StoreChroma(v, top, bottom, ByteCoefs(-18, -94, 112));
+}
+
 #endif  // HWY_TARGET == HWY_AVX3_DL

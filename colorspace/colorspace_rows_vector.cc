@@ -524,6 +524,11 @@ void RgbToYv12(const uint8_t *s0, const uint8_t *s1, uint8_t *y0, uint8_t *y1, u
   const D8 d;
   const size_t n = hn::Lanes(d), w = static_cast<size_t>(width);
   size_t x = 0;
+#if HWY_TARGET == HWY_AVX3_DL
+  if constexpr (F == Fmt::k24 || F == Fmt::k32)
+    for (; x + 64 <= w; x += 64)
+      BgrToYv12Step<kBpp>(s0 + x * kBpp, s1 + x * kBpp, y0 + x, y1 + x, u + x / 2, v + x / 2);
+#endif
   for (; x + n <= w; x += n) {
     Rgb ae, ao, be, bo;
     Unpack<F>(s0 + x * kBpp, ae, ao);
