@@ -77,11 +77,6 @@ struct InterleavedLayout {  // luma; then U, V pairs
   static constexpr int U(int k) { return 64 + 2 * k; }
   static constexpr int V(int k) { return 65 + 2 * k; }
 };
-struct YvyuLayout {  // groups of Y0, V, Y1, U
-  static constexpr int Luma(int p) { return 4 * (p >> 1) + 2 * (p & 1); }
-  static constexpr int U(int k) { return 4 * k + 3; }
-  static constexpr int V(int k) { return 4 * k + 1; }
-};
 
 struct GatherTable {
   alignas(64) uint8_t yu[4][64];
@@ -149,6 +144,35 @@ HWY_INLINE void Terms32(const Lanes32 &l, Rgb16 &even, Rgb16 &odd) {
   const auto pack = [](const __m512i *t, int q) { return V16{_mm512_packs_epi32(t[q], t[q + 1])}; };
   even = {pack(b, 0), pack(g, 0), pack(r, 0)};
   odd = {pack(b, 2), pack(g, 2), pack(r, 2)};
+}
+
+// Packed Y0 V Y1 U groups need no gather: a lane holds a pair, and masks and
+// shifts give (Y0, Y1) and (V, U) as 16-bit halves.  The chroma sums of a
+// pair are formed once and each pixel's luma added to a copy.  The blocks of
+// the 32 pairs are first put in the order that the packing wants.
+HWY_INLINE void YvyuTerms32(const uint8_t *p, Rgb16 &even, Rgb16 &odd) {
+  const __m512i a = _mm512_loadu_si512(p), b = _mm512_loadu_si512(p + 64);
+  const __m512i half[2] = {_mm512_shuffle_i64x2(a, b, 0x88), _mm512_shuffle_i64x2(a, b, 0xDD)};
+  const __m512i kb = _mm512_set1_epi32(-9535 * 16 - 16531 * 128);
+  const __m512i kg = _mm512_set1_epi32(-9535 * 16 + (3203 + 6660) * 128);
+  const __m512i kr = _mm512_set1_epi32(-9535 * 16 - 13074 * 128);
+  const __m512i y_even = Coefs(9535, 0), y_odd = Coefs(0, 9535);
+  __m512i t[6][2];  // b, g, r of the even pixels, then of the odd ones
+#pragma GCC unroll 2
+  for (int h = 0; h < 2; h++) {
+    const __m512i yy = _mm512_and_si512(half[h], _mm512_set1_epi32(0x00FF00FF));
+    const __m512i vu = _mm512_srli_epi16(half[h], 8);
+    const __m512i c[3] = {DotAdd(kb, vu, Coefs(0, 16531)), DotAdd(kg, vu, Coefs(-6660, -3203)),
+                          DotAdd(kr, vu, Coefs(13074, 0))};
+#pragma GCC unroll 3
+    for (int ch = 0; ch < 3; ch++) {
+      t[ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy, y_even), 13);
+      t[3 + ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy, y_odd), 13);
+    }
+  }
+  const auto pack = [&](int i) { return V16{_mm512_packs_epi32(t[i][0], t[i][1])}; };
+  even = {pack(0), pack(1), pack(2)};
+  odd = {pack(3), pack(4), pack(5)};
 }
 
 // ---- RGB into YV12 by byte dot products -------------------------------------

@@ -113,11 +113,13 @@ struct PlanarSource {
     p.v = hn::BitCast(D16(), hn::PromoteTo(DU16(), hn::LoadU(D8h(), v + x / 2)));
   }
 #if HWY_TARGET == HWY_AVX3_DL
-  HWY_INLINE void Get32(size_t x, Lanes32 &l) const {
+  HWY_INLINE void Terms(size_t x, Rgb16 &even, Rgb16 &odd) const {
+    Lanes32 l;
     const __m256i cu = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(u + x / 2));
     const __m256i cv = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(v + x / 2));
     Gather<PlanarLayout>(_mm512_loadu_si512(y + x),
                          _mm512_inserti64x4(_mm512_castsi256_si512(cu), cv, 1), l);
+    Terms32(l, even, odd);
   }
 #endif
   PlanarSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
@@ -136,8 +138,10 @@ struct InterleavedSource {
     SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(uv + x)), p.u, p.v);
   }
 #if HWY_TARGET == HWY_AVX3_DL
-  HWY_INLINE void Get32(size_t x, Lanes32 &l) const {
+  HWY_INLINE void Terms(size_t x, Rgb16 &even, Rgb16 &odd) const {
+    Lanes32 l;
     Gather<InterleavedLayout>(_mm512_loadu_si512(y + x), _mm512_loadu_si512(uv + x), l);
+    Terms32(l, even, odd);
   }
 #endif
   InterleavedSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
@@ -157,8 +161,8 @@ struct YvyuSource {
     SplitBytes(hn::BitCast(DU16(), chroma), p.v, p.u);
   }
 #if HWY_TARGET == HWY_AVX3_DL
-  HWY_INLINE void Get32(size_t x, Lanes32 &l) const {
-    Gather<YvyuLayout>(_mm512_loadu_si512(src + 2 * x), _mm512_loadu_si512(src + 2 * x + 64), l);
+  HWY_INLINE void Terms(size_t x, Rgb16 &even, Rgb16 &odd) const {
+    YvyuTerms32(src + 2 * x, even, odd);
   }
 #endif
   YvyuSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
@@ -176,10 +180,12 @@ HWY_INLINE V16 Clip(V16 c, int16_t low) {
 }
 
 // How an unclipped term becomes a byte.  Wide works on 16-bit terms and
-// leaves the clip to 0..255 to the store; Packed works on clipped bytes.
+// leaves the clip to 0..255 to the store; where packing clips, Pre works on
+// the 16-bit terms before it and Packed on the clipped bytes.
 struct ClipOnly {
   static HWY_INLINE V16 Wide(V16 c) { return c; }
 #if HWY_TARGET == HWY_AVX3_DL
+  static HWY_INLINE V16 Pre(V16 c) { return c; }
   static HWY_INLINE __m512i Packed(__m512i x) { return x; }
 #endif
 };
@@ -187,6 +193,7 @@ struct ClipOnly {
 struct FloorOne {
   static HWY_INLINE V16 Wide(V16 c) { return hn::Max(c, hn::Set(D16(), 1)); }
 #if HWY_TARGET == HWY_AVX3_DL
+  static HWY_INLINE V16 Pre(V16 c) { return c; }
   static HWY_INLINE __m512i Packed(__m512i x) { return _mm512_max_epu8(x, _mm512_set1_epi8(1)); }
 #endif
 };
@@ -201,6 +208,7 @@ struct FiveBits {
   }
 #if HWY_TARGET == HWY_AVX3_DL
   // A table of the 256 bytes: two lookups of 128 each, chosen by the top bit.
+  static HWY_INLINE V16 Pre(V16 c) { return c; }
   static HWY_INLINE __m512i Packed(__m512i x) {
     alignas(64) static constexpr auto kTable = [] {
       struct {
@@ -222,7 +230,9 @@ struct FiveBits {
 template <int kBpp, class Map = ClipOnly>
 HWY_INLINE void StorePixels(uint8_t *d, V16 ae, V16 ao, V16 be, V16 bo, V16 ce, V16 co) {
 #if HWY_TARGET == HWY_AVX3_DL
-  const auto pack = [](V16 e, V16 o) { return Map::Packed(_mm512_packus_epi16(e.raw, o.raw)); };
+  const auto pack = [](V16 e, V16 o) {
+    return Map::Packed(_mm512_packus_epi16(Map::Pre(e).raw, Map::Pre(o).raw));
+  };
   StoreRouted<kBpp>(d, pack(ae, ao), pack(be, bo), pack(ce, co),
                     std::make_integer_sequence<int, kBpp>());
 #else
@@ -361,10 +371,8 @@ struct PutCarried16 {
 template <class Put, class Source>
 HWY_INLINE void Step(Put &put, const Source &s, size_t x, uint8_t *d) {
 #if HWY_TARGET == HWY_AVX3_DL
-  Lanes32 l;
-  s.Get32(x, l);
   Rgb16 even, odd;
-  Terms32(l, even, odd);
+  s.Terms(x, even, odd);
   put.Put(d, even, odd);
 #else
   Pairs p;
