@@ -180,12 +180,10 @@ HWY_INLINE V16 Clip(V16 c, int16_t low) {
 }
 
 // How an unclipped term becomes a byte.  Wide works on 16-bit terms and
-// leaves the clip to 0..255 to the store; where packing clips, Pre works on
-// the 16-bit terms before it and Packed on the clipped bytes.
+// leaves the clip to 0..255 to the store; Packed works on clipped bytes.
 struct ClipOnly {
   static HWY_INLINE V16 Wide(V16 c) { return c; }
 #if HWY_TARGET == HWY_AVX3_DL
-  static HWY_INLINE V16 Pre(V16 c) { return c; }
   static HWY_INLINE __m512i Packed(__m512i x) { return x; }
 #endif
 };
@@ -193,7 +191,6 @@ struct ClipOnly {
 struct FloorOne {
   static HWY_INLINE V16 Wide(V16 c) { return hn::Max(c, hn::Set(D16(), 1)); }
 #if HWY_TARGET == HWY_AVX3_DL
-  static HWY_INLINE V16 Pre(V16 c) { return c; }
   static HWY_INLINE __m512i Packed(__m512i x) { return _mm512_max_epu8(x, _mm512_set1_epi8(1)); }
 #endif
 };
@@ -208,7 +205,6 @@ struct FiveBits {
   }
 #if HWY_TARGET == HWY_AVX3_DL
   // A table of the 256 bytes: two lookups of 128 each, chosen by the top bit.
-  static HWY_INLINE V16 Pre(V16 c) { return c; }
   static HWY_INLINE __m512i Packed(__m512i x) {
     alignas(64) static constexpr auto kTable = [] {
       struct {
@@ -230,9 +226,7 @@ struct FiveBits {
 template <int kBpp, class Map = ClipOnly>
 HWY_INLINE void StorePixels(uint8_t *d, V16 ae, V16 ao, V16 be, V16 bo, V16 ce, V16 co) {
 #if HWY_TARGET == HWY_AVX3_DL
-  const auto pack = [](V16 e, V16 o) {
-    return Map::Packed(_mm512_packus_epi16(Map::Pre(e).raw, Map::Pre(o).raw));
-  };
+  const auto pack = [](V16 e, V16 o) { return Map::Packed(_mm512_packus_epi16(e.raw, o.raw)); };
   StoreRouted<kBpp>(d, pack(ae, ao), pack(be, bo), pack(ce, co),
                     std::make_integer_sequence<int, kBpp>());
 #else
