@@ -2,6 +2,9 @@
 // time.  They reproduce the table arithmetic bit for bit: every table entry
 // is a small constant times the sample, so a term split into a floor by 8192
 // and a remainder fits 16-bit lanes, and the sum of the parts floors exactly.
+// On AVX-512 with VNNI and VBMI, the parts in colorspace_rows_avx512-inl.hh
+// take over the heavy steps: exact sums by multiply-add in 32-bit lanes and
+// byte permutes across the whole vector.
 
 // Scalable targets are left out: the carries of the 16-bit formats need the
 // vector size at compile time.  The one-lane fallback keeps the plain
