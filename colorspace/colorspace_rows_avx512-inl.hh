@@ -72,11 +72,6 @@ struct PlanarLayout {  // luma; then U and V, 32 samples each
   static constexpr int U(int k) { return 64 + k; }
   static constexpr int V(int k) { return 96 + k; }
 };
-struct InterleavedLayout {  // luma; then U, V pairs
-  static constexpr int Luma(int p) { return p; }
-  static constexpr int U(int k) { return 64 + 2 * k; }
-  static constexpr int V(int k) { return 65 + 2 * k; }
-};
 
 struct GatherTable {
   alignas(64) uint8_t yu[4][64];
@@ -146,13 +141,14 @@ HWY_INLINE void Terms32(const Lanes32 &l, Rgb16 &even, Rgb16 &odd) {
   odd = {pack(b, 2), pack(g, 2), pack(r, 2)};
 }
 
-// Packed Y0 V Y1 U groups need no gather: a lane holds a pair, and masks and
-// shifts give (Y0, Y1) and (V, U) as 16-bit halves.  The chroma sums of a
-// pair are formed once and each pixel's luma added to a copy.  The blocks of
-// the 32 pairs are first put in the order that the packing wants.
-HWY_INLINE void YvyuTerms32(const uint8_t *p, Rgb16 &even, Rgb16 &odd) {
-  const __m512i a = _mm512_loadu_si512(p), b = _mm512_loadu_si512(p + 64);
-  const __m512i half[2] = {_mm512_shuffle_i64x2(a, b, 0x88), _mm512_shuffle_i64x2(a, b, 0xDD)};
+// Pair lanes: a 32-bit lane holds a pair's luma (Y0, Y1) in yy and its
+// chroma in cc as 16-bit halves, U in the high half when kUHigh; [0] holds
+// pairs 0-3 of each block of 8 pairs and [1] pairs 4-7, as packing wants.
+// The chroma sums of a pair are formed once and each pixel's luma added to
+// a copy.
+template <bool kUHigh>
+HWY_INLINE void PairTerms32(const __m512i yy[2], const __m512i cc[2], Rgb16 &even, Rgb16 &odd) {
+  const auto chroma = [](int16_t ku, int16_t kv) { return kUHigh ? Coefs(kv, ku) : Coefs(ku, kv); };
   const __m512i kb = _mm512_set1_epi32(-9535 * 16 - 16531 * 128);
   const __m512i kg = _mm512_set1_epi32(-9535 * 16 + (3203 + 6660) * 128);
   const __m512i kr = _mm512_set1_epi32(-9535 * 16 - 13074 * 128);
@@ -160,19 +156,59 @@ HWY_INLINE void YvyuTerms32(const uint8_t *p, Rgb16 &even, Rgb16 &odd) {
   __m512i t[6][2];  // b, g, r of the even pixels, then of the odd ones
 #pragma GCC unroll 2
   for (int h = 0; h < 2; h++) {
-    const __m512i yy = _mm512_and_si512(half[h], _mm512_set1_epi32(0x00FF00FF));
-    const __m512i vu = _mm512_srli_epi16(half[h], 8);
-    const __m512i c[3] = {DotAdd(kb, vu, Coefs(0, 16531)), DotAdd(kg, vu, Coefs(-6660, -3203)),
-                          DotAdd(kr, vu, Coefs(13074, 0))};
+    const __m512i c[3] = {DotAdd(kb, cc[h], chroma(16531, 0)),
+                          DotAdd(kg, cc[h], chroma(-3203, -6660)),
+                          DotAdd(kr, cc[h], chroma(0, 13074))};
 #pragma GCC unroll 3
     for (int ch = 0; ch < 3; ch++) {
-      t[ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy, y_even), 13);
-      t[3 + ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy, y_odd), 13);
+      t[ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy[h], y_even), 13);
+      t[3 + ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy[h], y_odd), 13);
     }
   }
   const auto pack = [&](int i) { return V16{_mm512_packs_epi32(t[i][0], t[i][1])}; };
   even = {pack(0), pack(1), pack(2)};
   odd = {pack(3), pack(4), pack(5)};
+}
+
+// Packed Y0 V Y1 U groups are pair lanes already: masks and shifts split
+// them once their blocks are in order.
+HWY_INLINE void YvyuTerms32(const uint8_t *p, Rgb16 &even, Rgb16 &odd) {
+  const __m512i a = _mm512_loadu_si512(p), b = _mm512_loadu_si512(p + 64);
+  const __m512i half[2] = {_mm512_shuffle_i64x2(a, b, 0x88), _mm512_shuffle_i64x2(a, b, 0xDD)};
+  const __m512i low_bytes = _mm512_set1_epi32(0x00FF00FF);
+  const __m512i yy[2] = {_mm512_and_si512(half[0], low_bytes),
+                         _mm512_and_si512(half[1], low_bytes)};
+  const __m512i vu[2] = {_mm512_srli_epi16(half[0], 8), _mm512_srli_epi16(half[1], 8)};
+  PairTerms32<true>(yy, vu, even, odd);
+}
+
+// Luma and U, V pairs: the bytes of pair k are 2 k and 2 k + 1 on both
+// rows, widened into the lanes of their half.
+struct WidenTable {
+  alignas(64) uint8_t idx[2][64];
+};
+constexpr WidenTable MakeWiden() {
+  WidenTable t{};
+  for (int h = 0; h < 2; h++)
+    for (int lane = 0; lane < 16; lane++) {
+      const int pair = 8 * (lane / 4) + 4 * h + lane % 4;
+      t.idx[h][4 * lane] = static_cast<uint8_t>(2 * pair);
+      t.idx[h][4 * lane + 2] = static_cast<uint8_t>(2 * pair + 1);
+    }
+  return t;
+}
+inline constexpr WidenTable kWiden = MakeWiden();
+
+HWY_INLINE void InterleavedTerms32(const uint8_t *y, const uint8_t *uv, Rgb16 &even, Rgb16 &odd) {
+  constexpr __mmask64 kLowBytesOfWords = 0x5555555555555555ull;
+  const __m512i luma = _mm512_loadu_si512(y), chroma = _mm512_loadu_si512(uv);
+  __m512i yy[2], cc[2];
+  for (int h = 0; h < 2; h++) {
+    const __m512i idx = _mm512_load_si512(kWiden.idx[h]);
+    yy[h] = _mm512_maskz_permutexvar_epi8(kLowBytesOfWords, idx, luma);
+    cc[h] = _mm512_maskz_permutexvar_epi8(kLowBytesOfWords, idx, chroma);
+  }
+  PairTerms32<false>(yy, cc, even, odd);
 }
 
 // ---- RGB into YV12 by byte dot products -------------------------------------

@@ -142,9 +142,7 @@ struct InterleavedSource {
   }
 #if HWY_TARGET == HWY_AVX3_DL
   HWY_INLINE void Terms(size_t x, Rgb16 &even, Rgb16 &odd) const {
-    Lanes32 l;
-    Gather<InterleavedLayout>(_mm512_loadu_si512(y + x), _mm512_loadu_si512(uv + x), l);
-    Terms32(l, even, odd);
+    InterleavedTerms32(y + x, uv + x, even, odd);
   }
 #endif
   InterleavedSource Tail(size_t x, size_t rem, uint8_t *scratch) const {
