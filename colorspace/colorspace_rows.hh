@@ -32,6 +32,9 @@ using InterleavedToRgbRow = void (*)(const uint8_t *y, const uint8_t *uv, uint8_
 // One packed Y0 V Y1 U row into packed RGB.
 using PackedToRgbRow = void (*)(const uint8_t *src, uint8_t *dst, int width);
 
+// Bytes from one place to another that doesn't overlap it.
+using CopyBytes = void (*)(uint8_t *dst, const uint8_t *src, size_t bytes);
+
 // One luma row and one row of each chroma plane into one packed 4:2:2 row.
 using ToPackedRow = void (*)(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_t *dst,
                              int width);
@@ -45,6 +48,7 @@ struct RowKernels {
   ToYv12Row uyvy_to_yv12;
   ToPackedRow to_yuyv;
   ToPackedRow to_uyvy;
+  CopyBytes copy;
   // The table-driven ones.  Vector versions hold only while the tables carry
   // the values that colorspace_init writes.
   YuvPairToRgbRow pair_to_rgb555;
@@ -90,16 +94,17 @@ inline ptrdiff_t pitch(int stride, int bytes_per_unit) {
   return static_cast<ptrdiff_t>(stride) * bytes_per_unit;
 }
 
-// Copies rows of bytes between planes; rows that lie back to back on both
-// sides go in one piece.
+// Copies rows of bytes between planes with the kernels' copy; rows that lie
+// back to back on both sides go in one piece.
 inline void copy_rows(uint8_t *dst, ptrdiff_t dst_pitch, const uint8_t *src, ptrdiff_t src_pitch,
                       int bytes, int rows) {
   if (rows <= 0 || bytes <= 0) return;
+  const CopyBytes copy = row_kernels().copy;
   if (dst_pitch == bytes && src_pitch == bytes) {
-    std::memcpy(dst, src, static_cast<size_t>(bytes) * rows);
+    copy(dst, src, static_cast<size_t>(bytes) * rows);
     return;
   }
-  for (int r = 0; r < rows; r++) std::memcpy(dst + r * dst_pitch, src + r * src_pitch, bytes);
+  for (int r = 0; r < rows; r++) copy(dst + r * dst_pitch, src + r * src_pitch, bytes);
 }
 
 }  // namespace orlo::colorspace

@@ -1,5 +1,6 @@
 // Plain row kernels: one sample at a time, straight from the tables.
 #include <algorithm>
+#include <cstring>
 
 #include "colorspace.h"
 #include "colorspace_rows.hh"
@@ -206,6 +207,8 @@ void yvyu_to_rgb_row(const uint8_t *src, uint8_t *dst, int width) {
     pixel_pair(store, dst + 6 * i, src[0], src[2], chroma_terms(src[3], src[1]));
 }
 
+void copy_bytes(uint8_t *dst, const uint8_t *src, size_t bytes) { std::memcpy(dst, src, bytes); }
+
 }  // namespace
 
 const RowKernels &plain_row_kernels() {
@@ -218,6 +221,7 @@ const RowKernels &plain_row_kernels() {
       packed_to_yv12_row<Uyvy>,
       to_packed_row<Yuyv>,
       to_packed_row<Uyvy>,
+      copy_bytes,
       yuv_pair_to_rgb_row<StoreCarried16<false>>,
       yuv_pair_to_rgb_row<StoreCarried16<true>>,
       yuv_pair_to_rgb_row<StoreBgr24>,

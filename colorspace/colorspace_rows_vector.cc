@@ -606,6 +606,9 @@ void ToPacked(const uint8_t *y, const uint8_t *u, const uint8_t *v, uint8_t *dst
   const DU16 du;
   const size_t n = hn::Lanes(d), w = static_cast<size_t>(width);
   size_t x = 0;
+#if HWY_TARGET == HWY_AVX3_DL
+  for (; x + 64 <= w; x += 64) PackStep<kYuyv>(y + x, u + x / 2, v + x / 2, dst + 2 * x);
+#endif
   for (; x + n <= w; x += n) {
     const auto lu = hn::PromoteTo(du, hn::LoadU(D8h(), u + x / 2));
     const auto lv = hn::PromoteTo(du, hn::LoadU(D8h(), v + x / 2));
@@ -631,6 +634,9 @@ void FillRowKernels(RowKernels *k) {
   k->uyvy_to_yv12 = PackedToYv12<false>;
   k->to_yuyv = ToPacked<true>;
   k->to_uyvy = ToPacked<false>;
+#if HWY_TARGET == HWY_AVX3_DL
+  k->copy = StringCopy;
+#endif
   k->pair_to_rgb555 = PlanarPairToRgb<PutCarried16<false> >;
   k->pair_to_rgb565 = PlanarPairToRgb<PutCarried16<true> >;
   k->pair_to_bgr24 = PlanarPairToRgb<PutBgr24<> >;

@@ -15,7 +15,7 @@ using cstest::Buffer;
 
 namespace {
 
-const int kWidths[] = {2, 4, 6, 14, 30, 32, 34, 62, 64, 66, 98, 130, 254, 322};
+const int kWidths[] = {2, 4, 6, 14, 30, 32, 34, 62, 64, 66, 98, 130, 254, 322, 1030};
 const int kHeights[] = {-6, -5, -2, -1, 0, 1, 2, 3, 4, 7};
 const int kPads[] = {0, 2, 38};
 
