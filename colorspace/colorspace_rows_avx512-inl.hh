@@ -142,16 +142,18 @@ HWY_INLINE void Terms32(const Lanes32 &l, Rgb16 &even, Rgb16 &odd) {
 }
 
 // Pair lanes: a 32-bit lane holds a pair's luma (Y0, Y1) in yy and its
-// chroma in cc as 16-bit halves, U in the high half when kUHigh; [0] holds
-// pairs 0-3 of each block of 8 pairs and [1] pairs 4-7, as packing wants.
-// The chroma sums of a pair are formed once and each pixel's luma added to
-// a copy.
+// chroma in cc as 16-bit halves, U in the high half when kUHigh, all eight
+// times the sample; [0] holds pairs 0-15, [1] pairs 16-31.  The sums then
+// come out eight times as large, so that the high half of a lane is the
+// term's floor by 8192, and no shift is needed before the halves are
+// gathered in pair order.  The chroma sums of a pair are formed once and
+// each pixel's luma added to a copy.
 template <bool kUHigh>
 HWY_INLINE void PairTerms32(const __m512i yy[2], const __m512i cc[2], Rgb16 &even, Rgb16 &odd) {
   const auto chroma = [](int16_t ku, int16_t kv) { return kUHigh ? Coefs(kv, ku) : Coefs(ku, kv); };
-  const __m512i kb = _mm512_set1_epi32(-9535 * 16 - 16531 * 128);
-  const __m512i kg = _mm512_set1_epi32(-9535 * 16 + (3203 + 6660) * 128);
-  const __m512i kr = _mm512_set1_epi32(-9535 * 16 - 13074 * 128);
+  const __m512i kb = _mm512_set1_epi32(8 * (-9535 * 16 - 16531 * 128));
+  const __m512i kg = _mm512_set1_epi32(8 * (-9535 * 16 + (3203 + 6660) * 128));
+  const __m512i kr = _mm512_set1_epi32(8 * (-9535 * 16 - 13074 * 128));
   const __m512i y_even = Coefs(9535, 0), y_odd = Coefs(0, 9535);
   __m512i t[6][2];  // b, g, r of the even pixels, then of the odd ones
 #pragma GCC unroll 2
@@ -161,24 +163,32 @@ HWY_INLINE void PairTerms32(const __m512i yy[2], const __m512i cc[2], Rgb16 &eve
                           DotAdd(kr, cc[h], chroma(0, 13074))};
 #pragma GCC unroll 3
     for (int ch = 0; ch < 3; ch++) {
-      t[ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy[h], y_even), 13);
-      t[3 + ch][h] = _mm512_srai_epi32(DotAdd(c[ch], yy[h], y_odd), 13);
+      t[ch][h] = DotAdd(c[ch], yy[h], y_even);
+      t[3 + ch][h] = DotAdd(c[ch], yy[h], y_odd);
     }
   }
-  const auto pack = [&](int i) { return V16{_mm512_packs_epi32(t[i][0], t[i][1])}; };
-  even = {pack(0), pack(1), pack(2)};
-  odd = {pack(3), pack(4), pack(5)};
+  const __m512i high_halves = _mm512_add_epi16(
+      _mm512_slli_epi16(_mm512_set_epi16(31, 30, 29, 28, 27, 26, 25, 24, 23, 22, 21, 20, 19, 18, 17,
+                                         16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0),
+                        1),
+      _mm512_set1_epi16(1));
+  const auto gather = [&](int i) {
+    return V16{_mm512_permutex2var_epi16(t[i][0], high_halves, t[i][1])};
+  };
+  even = {gather(0), gather(1), gather(2)};
+  odd = {gather(3), gather(4), gather(5)};
 }
 
-// Packed Y0 V Y1 U groups are pair lanes already: masks and shifts split
-// them once their blocks are in order.
+// Packed Y0 V Y1 U groups are pair lanes already: shifts and masks split
+// them, eight times the sample.
 HWY_INLINE void YvyuTerms32(const uint8_t *p, Rgb16 &even, Rgb16 &odd) {
-  const __m512i a = _mm512_loadu_si512(p), b = _mm512_loadu_si512(p + 64);
-  const __m512i half[2] = {_mm512_shuffle_i64x2(a, b, 0x88), _mm512_shuffle_i64x2(a, b, 0xDD)};
-  const __m512i low_bytes = _mm512_set1_epi32(0x00FF00FF);
-  const __m512i yy[2] = {_mm512_and_si512(half[0], low_bytes),
-                         _mm512_and_si512(half[1], low_bytes)};
-  const __m512i vu[2] = {_mm512_srli_epi16(half[0], 8), _mm512_srli_epi16(half[1], 8)};
+  const __m512i eight_times = _mm512_set1_epi32(0x07F807F8);
+  __m512i yy[2], vu[2];
+  for (int h = 0; h < 2; h++) {
+    const __m512i groups = _mm512_loadu_si512(p + 64 * h);
+    yy[h] = _mm512_and_si512(_mm512_slli_epi16(groups, 3), eight_times);
+    vu[h] = _mm512_and_si512(_mm512_srli_epi16(groups, 5), eight_times);
+  }
   PairTerms32<true>(yy, vu, even, odd);
 }
 
@@ -191,7 +201,7 @@ constexpr WidenTable MakeWiden() {
   WidenTable t{};
   for (int h = 0; h < 2; h++)
     for (int lane = 0; lane < 16; lane++) {
-      const int pair = 8 * (lane / 4) + 4 * h + lane % 4;
+      const int pair = 16 * h + lane;
       t.idx[h][4 * lane] = static_cast<uint8_t>(2 * pair);
       t.idx[h][4 * lane + 2] = static_cast<uint8_t>(2 * pair + 1);
     }
@@ -205,8 +215,8 @@ HWY_INLINE void InterleavedTerms32(const uint8_t *y, const uint8_t *uv, Rgb16 &e
   __m512i yy[2], cc[2];
   for (int h = 0; h < 2; h++) {
     const __m512i idx = _mm512_load_si512(kWiden.idx[h]);
-    yy[h] = _mm512_maskz_permutexvar_epi8(kLowBytesOfWords, idx, luma);
-    cc[h] = _mm512_maskz_permutexvar_epi8(kLowBytesOfWords, idx, chroma);
+    yy[h] = _mm512_slli_epi16(_mm512_maskz_permutexvar_epi8(kLowBytesOfWords, idx, luma), 3);
+    cc[h] = _mm512_slli_epi16(_mm512_maskz_permutexvar_epi8(kLowBytesOfWords, idx, chroma), 3);
   }
   PairTerms32<false>(yy, cc, even, odd);
 }

@@ -205,7 +205,8 @@ struct FiveBits {
     return hn::ShiftLeft<3>(hn::Min(hn::Max(q, hn::Set(d, 1)), hn::Set(d, 31)));
   }
 #if HWY_TARGET == HWY_AVX3_DL
-  // A table of the 256 bytes: two lookups of 128 each, chosen by the top bit.
+  // A table of the 256 bytes: the upper 128 looked up where the top bit is
+  // set, then the lower 128 where it is clear.
   static HWY_INLINE __m512i Packed(__m512i x) {
     alignas(64) static constexpr auto kTable = [] {
       struct {
@@ -215,9 +216,9 @@ struct FiveBits {
       return t;
     }();
     const auto part = [](int k) { return _mm512_load_si512(kTable.b + 64 * k); };
-    const __m512i low = _mm512_permutex2var_epi8(part(0), x, part(1));
-    const __m512i high = _mm512_permutex2var_epi8(part(2), x, part(3));
-    return _mm512_mask_blend_epi8(_mm512_movepi8_mask(x), low, high);
+    const __mmask64 high = _mm512_movepi8_mask(x);
+    const __m512i upper_done = _mm512_mask2_permutex2var_epi8(part(2), x, high, part(3));
+    return _mm512_mask2_permutex2var_epi8(part(0), upper_done, _knot_mask64(high), part(1));
   }
 #endif
 };
