@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build, the tests and the demo need on Debian 12. Safe to run again.
+#   install-deps.sh              build, tests, demo
+#   install-deps.sh --packaging  also what building the Debian packages needs
 set -euo pipefail
 PKGS=(
   build-essential cmake ninja-build pkg-config git
@@ -12,6 +14,7 @@ PKGS=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev socat
 )
+[ "${1:-}" = "--packaging" ] && PKGS+=(debhelper dpkg-dev fakeroot lintian)
 missing=()
 for p in "${PKGS[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
