@@ -64,3 +64,10 @@ install(TARGETS ravel gstkelbuddy gstkellistbuffer plug_and_detect
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT standins NAMELINK_SKIP)
 install(TARGETS gstkelapp gstlumensrc gstkelsstsrc
   LIBRARY DESTINATION ${ORLO_INSTALL_PLUGINDIR} COMPONENT standins)
+
+# A stand-in that calls nothing of the C library still names it, so that its
+# package depends on the C library it was built with (the toolchain links
+# as needed by default).
+foreach(lib gstkelbuddy gstkellistbuffer plug_and_detect)
+  target_link_libraries(${lib} PRIVATE -Wl,--push-state,--no-as-needed,-lc,--pop-state)
+endforeach()
