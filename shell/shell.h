@@ -22,7 +22,12 @@
  *
  * Command handlers print through shell_printf and read through shell_getch,
  * so that they reach the client once zebshell() runs and the console before.
- * Shell messages end in CR LF. */
+ * Shell messages end in CR LF.
+ *
+ * Threads: the shell has none of its own.  zebshell() runs the listener,
+ * every session and every handler on the thread that calls it; nothing here
+ * takes a lock.  Records, names and texts are the defining module's and must
+ * live as long as the process. */
 #ifndef ORLO_SHELL_H
 #define ORLO_SHELL_H
 
@@ -81,23 +86,28 @@ typedef struct shell_cmd {
  * were named. Naming a module twice is harmless. */
 ORLO_API int shell_add_commands(shell_cmd_t *anchor);
 
-/* Runs one command: argv[0] is its name. Returns the handler's result,
- * SHELL_ERR_NOT_FOUND or SHELL_ERR_NO_HANDLER. Usable once a session has
- * built the table. */
+/* Runs one command: argv[0] is its name (exact match), argc >= 1; argv is
+ * the caller's and goes to the handler as it is. Returns the handler's
+ * result, SHELL_ERR_NOT_FOUND (also for every name until the first session
+ * has built the table) or SHELL_ERR_NO_HANDLER. From a thread other than the
+ * shell's only once the first session has started. */
 ORLO_API int do_shell_cmd(int argc, char **argv);
 
-/* One shell session on the connection in the transport; returns when a
- * command returns SHELL_EXIT or the connection is gone. */
+/* One shell session on the current client's connection; zebshell() calls it
+ * for each client, on its thread.  Returns when a command returns
+ * SHELL_EXIT or the connection is gone. */
 ORLO_API void vexshell(void);
 
 /* The TCP listener: serves one client at a time on `port` (host order), on
- * the calling thread. Returns only when the port cannot be opened. */
+ * the calling thread, which it keeps for the life of the process (give it a
+ * thread of its own). Returns only when the port cannot be opened. */
 ORLO_API void zebshell(int port);
 
-/* Prints to the current client. Returns the number of bytes formatted. */
+/* Prints to the current client (shell thread). Returns the number of bytes
+ * formatted; a failed send goes unnoticed. */
 ORLO_API int zeb_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 /* The next byte from the client (LF dropped), or 0 when the connection is
- * gone. */
+ * gone or idle for 1200 s (shell thread). */
 ORLO_API int zeb_getchar(void);
 /* 1 if a key waits on the process's console (standard input), else 0. */
 ORLO_API int kbhit(void);
@@ -105,7 +115,8 @@ ORLO_API int kbhit(void);
 ORLO_API int readch(void);
 
 /* Where command handlers print and read: the console until zebshell() runs,
- * then the client. */
+ * then the client (zebshell() points them there).  shell_version: the text
+ * `help` shows, the library's own. */
 ORLO_API extern int (*shell_printf)(const char *format, ...);
 ORLO_API extern int (*shell_getch)(void);
 ORLO_API extern const char *shell_version;
