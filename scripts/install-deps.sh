@@ -13,6 +13,7 @@ PKGS=(
   libyuv-dev libhwy-dev libjpeg62-turbo-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev socat
+  ffmpeg libgstrtspserver-1.0-dev
 )
 [ "${1:-}" = "--packaging" ] && PKGS+=(debhelper dpkg-dev fakeroot lintian)
 missing=()

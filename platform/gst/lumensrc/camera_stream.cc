@@ -47,13 +47,15 @@ GstBuffer *make_frame(int ch, int type, uint32_t seq, const uint8_t *payload, gs
 }
 
 std::string encoder_description(const stream_config &c, int width, int height) {
-  // scenecut=0 keeps the intra frames at the steady interval only.
+  // scenecut=0 keeps the intra frames at the steady interval only.  A file
+  // is paced by the sink at its timestamps, as a camera would send it.
   gchar *text = g_strdup_printf(
       "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! "
       "x264enc tune=zerolatency speed-preset=ultrafast threads=1 key-int-max=%d bitrate=%d "
       "option-string=scenecut=0 ! video/x-h264,stream-format=byte-stream,alignment=au ! "
-      "appsink name=video sync=false max-buffers=8 drop=true",
-      width, height, c.fps, c.key_interval, c.bitrate);
+      "appsink name=video sync=%s max-buffers=8 drop=%s",
+      width, height, c.fps, c.key_interval, c.bitrate, c.paced ? "true" : "false",
+      c.paced ? "false" : "true");
   std::string s(text);
   g_free(text);
   return s;
@@ -87,21 +89,23 @@ std::string pipeline_description(const stream_config &c) {
   return d;
 }
 
+// The last line of an error's debug text: the element's own words
+// ("Failed to connect. (Generic error)") without the source position.
+std::string debug_reason(const gchar *debug) {
+  if (debug == nullptr) return {};
+  std::string d(debug);
+  const size_t nl = d.find_last_of('\n');
+  return nl == std::string::npos ? std::string() : d.substr(nl + 1);
+}
+
 // A source address is worth trying when it is a URI that some installed
 // element reads, and, for a file, when the file is there.
 bool address_usable(const std::string &uri, std::string *error) {
-  if (!gst_uri_is_valid(uri.c_str())) {
-    *error = "not a valid address: " + uri;
-    return false;
-  }
+  *error = camera_stream::permanent_error(uri);
+  if (!error->empty()) return false;
   gchar *protocol = gst_uri_get_protocol(uri.c_str());
-  const bool known = gst_uri_protocol_is_supported(GST_URI_SRC, protocol);
   const bool is_file = g_strcmp0(protocol, "file") == 0;
   g_free(protocol);
-  if (!known) {
-    *error = "no element reads addresses like " + uri;
-    return false;
-  }
   if (is_file) {
     gchar *path = g_filename_from_uri(uri.c_str(), nullptr, nullptr);
     const bool exists = path != nullptr && g_file_test(path, G_FILE_TEST_IS_REGULAR);
@@ -116,14 +120,23 @@ bool address_usable(const std::string &uri, std::string *error) {
 
 }  // namespace
 
+std::string camera_stream::permanent_error(const std::string &uri) {
+  if (!gst_uri_is_valid(uri.c_str())) return "not a valid address: " + uri;
+  gchar *protocol = gst_uri_get_protocol(uri.c_str());
+  const bool known = gst_uri_protocol_is_supported(GST_URI_SRC, protocol);
+  g_free(protocol);
+  if (!known) return "no element reads addresses like " + uri;
+  return {};
+}
+
 camera_stream::camera_stream(key, const stream_config &config, frame_target &target)
     : config_(config), target_(target) {}
 
 camera_stream::~camera_stream() { stop(); }
 
-std::unique_ptr<camera_stream> camera_stream::open(const stream_config &config,
+std::shared_ptr<camera_stream> camera_stream::open(const stream_config &config,
                                                    frame_target &target, std::string *error) {
-  auto s = std::make_unique<camera_stream>(key{}, config, target);
+  auto s = std::make_shared<camera_stream>(key{}, config, target);
   if (!s->build(error) || !s->start(error)) return nullptr;
   return s;
 }
@@ -190,7 +203,18 @@ bool camera_stream::start(std::string *error) {
     return true;
   *error = "cannot start the source of channel " + std::to_string(channel());
   if (!config_.uri.empty()) *error += " (" + config_.uri + ")";
+  std::lock_guard<std::mutex> g(error_lock_);
+  if (!first_error_.empty()) *error += ": " + first_error_;
   return false;
+}
+
+bool camera_stream::rewind() {
+  // Down to READY and up again reads the file afresh through any demuxer;
+  // the encoder starts again with an intra frame.
+  gst_element_set_state(pipeline_.get(), GST_STATE_READY);
+  reported_ = false;
+  last_frame_us_ = g_get_monotonic_time();
+  return gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
 }
 
 void camera_stream::stop() {
@@ -230,6 +254,7 @@ void camera_stream::on_video(GstBuffer *buffer, GstCaps *caps) {
     g_free(text);
   }
   const bool intra = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+  last_frame_us_ = g_get_monotonic_time();
   if (restart_.exchange(false) && !intra) {
     need_intra_ = true;
     request_key_unit();
@@ -260,18 +285,27 @@ void camera_stream::on_audio(GstBuffer *buffer) {
 
 GstBusSyncReply camera_stream::on_bus(GstBus * /*bus*/, GstMessage *message, gpointer self) {
   auto *s = static_cast<camera_stream *>(self);
-  std::string reason;
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
     GError *err = nullptr;
-    gst_message_parse_error(message, &err, nullptr);
-    reason = err != nullptr ? err->message : "error";
+    gchar *debug = nullptr;
+    gst_message_parse_error(message, &err, &debug);
+    // The message says what failed, the debug text's last line often why
+    // (refused, unreachable, not found).
+    std::string reason = err != nullptr ? err->message : "error";
+    const std::string why = debug_reason(debug);
+    if (!why.empty() && why != reason) reason += " (" + why + ")";
     g_clear_error(&err);
+    g_free(debug);
+    {
+      std::lock_guard<std::mutex> g(s->error_lock_);
+      if (s->first_error_.empty()) s->first_error_ = reason;
+    }
+    // One report a stream: a failing pipeline often posts several errors.
+    if (!s->reported_.exchange(true))
+      s->target_.failed(s->config_.camera, s->config_.generation, reason);
   } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) {
-    reason = "end of stream";
+    if (!s->reported_.exchange(true)) s->target_.ended(s->config_.camera, s->config_.generation);
   }
-  // One report a stream: a failing pipeline often posts several errors.
-  if (!reason.empty() && !s->reported_.exchange(true))
-    s->target_.failed(s->config_.camera, s->config_.generation, reason);
   return GST_BUS_DROP;
 }
 

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "ref_ptr.hh"
@@ -23,8 +24,10 @@ class frame_target {
   virtual void deliver(int ch, GstBuffer *frame) = 0;
   // The stream's first sample: its caps as text.
   virtual void started(int ch, const std::string &caps) = 0;
-  // The source failed or ended while running.
+  // The source failed while running.
   virtual void failed(int camera, uint64_t generation, const std::string &reason) = 0;
+  // The source reached its end (a file).
+  virtual void ended(int camera, uint64_t generation) = 0;
 };
 
 struct stream_config {
@@ -36,6 +39,7 @@ struct stream_config {
   int key_interval = 25;  // frames between intra frames
   int bitrate = 1024;     // kbit/s
   std::string uri;        // empty: synthetic
+  bool paced = false;     // a file: played at its own rate, not as fast as it reads
   uint64_t generation = 0;
   int channel() const { return camera + 16 * stream; }
 };
@@ -46,8 +50,10 @@ extern std::atomic<int> live_audio_camera;
 class camera_stream {
  public:
   // Builds and starts the stream; on failure gives nullptr and the reason.
-  static std::unique_ptr<camera_stream> open(const stream_config &config, frame_target &target,
+  static std::shared_ptr<camera_stream> open(const stream_config &config, frame_target &target,
                                              std::string *error);
+  // Why `uri` can never be opened (no URI, no element for it), or empty.
+  static std::string permanent_error(const std::string &uri);
   struct key;  // keeps construction to open()
   camera_stream(key, const stream_config &config, frame_target &target);
   ~camera_stream();
@@ -62,6 +68,11 @@ class camera_stream {
   bool intra_only() const { return intra_only_; }
   // The next frame delivered is an intra frame, asked of the encoder now.
   void restart_at_intra() { restart_ = true; }
+  // Plays a file again from its start; false when that failed.
+  bool rewind();
+  bool real() const { return !config_.uri.empty(); }
+  // Monotonic time (us) of the last video frame, or of the start.
+  int64_t last_frame_us() const { return last_frame_us_; }
 
  private:
   bool build(std::string *error);
@@ -87,6 +98,9 @@ class camera_stream {
   uint32_t video_seq_ = 0;
   uint32_t audio_seq_ = 0;
   std::atomic<bool> reported_{false};
+  std::atomic<int64_t> last_frame_us_{g_get_monotonic_time()};
+  std::mutex error_lock_;
+  std::string first_error_;  // the first error the pipeline posted
 };
 
 }  // namespace lumen

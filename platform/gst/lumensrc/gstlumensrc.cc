@@ -6,15 +6,20 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "lumen_core.hh"
 #include "lumen_src.h"
+
+GST_DEBUG_CATEGORY(lumensrc_debug);
+#define GST_CAT_DEFAULT lumensrc_debug
 
 namespace {
 
 // The element's C++ state, in the instance's private area: constructed in
 // init, destroyed in finalize.
 struct lumen_state {
+  explicit lumen_state(lumen::signal_hook hook) : core(std::move(hook)) {}
   lumen::source_core core;
   // The words of a request written by property: "channel", "stream".
   std::atomic<int> request_channel{0};
@@ -52,10 +57,19 @@ enum {
   PROP_KEY_INTERVAL,
   PROP_BITRATE,
   PROP_STREAMS,
+  PROP_LOOP,
+  PROP_SILENCE_TIMEOUT,
+  PROP_NO_SIGNAL,
 };
 
+enum { SIGNAL_SIGNAL_CHANGED, SIGNAL_COUNT };
+guint signals[SIGNAL_COUNT];
+
+// List buffers of frames, not a byte stream a parser could read; still
+// H.264, which is what the live pipe's sink asks for.
 GstStaticPadTemplate src_template =
-    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS("video/x-h264"));
+    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS,
+                            GST_STATIC_CAPS("video/x-h264, stream-format=(string)kel-list"));
 
 std::mutex dev_mac_lock;
 std::string dev_mac;
@@ -112,10 +126,17 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *ps
     case PROP_STREAMS:
       s.streams = g_value_get_int(value);
       break;
+    case PROP_LOOP:
+      s.loop = g_value_get_boolean(value);
+      break;
+    case PROP_SILENCE_TIMEOUT:
+      s.silence_ms = g_value_get_int(value);
+      break;
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
       return;
   }
+  GST_DEBUG_OBJECT(object, "%s written", pspec->name);
   core.set_settings(s);
 }
 
@@ -157,6 +178,15 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec) {
     case PROP_STREAMS:
       g_value_set_int(value, s.streams);
       break;
+    case PROP_LOOP:
+      g_value_set_boolean(value, s.loop);
+      break;
+    case PROP_SILENCE_TIMEOUT:
+      g_value_set_int(value, s.silence_ms);
+      break;
+    case PROP_NO_SIGNAL:
+      g_value_set_uint(value, self->st->core.no_signal_mask());
+      break;
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
       break;
@@ -172,6 +202,7 @@ void finalize(GObject *object) {
 
 GstStateChangeReturn change_state(GstElement *element, GstStateChange transition) {
   auto &core = core_of(element);
+  GST_DEBUG_OBJECT(element, "state change %s", gst_state_change_get_name(transition));
   if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) core.set_running(true);
   const GstStateChangeReturn r =
       GST_ELEMENT_CLASS(gst_lumen_src_parent_class)->change_state(element, transition);
@@ -250,14 +281,41 @@ static void gst_lumen_src_class_init(GstLumenSrcClass *klass) {
       gobject_class, PROP_STREAMS,
       int_param("streams", "Streams an open with flags 0 starts: 1 main, 2 sub, 3 both", 1, 3, 3));
 
+  g_object_class_install_property(
+      gobject_class, PROP_LOOP,
+      g_param_spec_boolean("loop", "loop", "A file source plays again from its start at its end",
+                           TRUE,
+                           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
+  g_object_class_install_property(
+      gobject_class, PROP_SILENCE_TIMEOUT,
+      int_param("silence-timeout", "A real source with no frame for this long (ms) is lost", 100,
+                600000, 5000));
+  g_object_class_install_property(
+      gobject_class, PROP_NO_SIGNAL,
+      g_param_spec_uint("no-signal", "no-signal",
+                        "Open cameras whose source is lost, one bit each (camera n: bit n)", 0,
+                        G_MAXUINT, 0,
+                        static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+  // signal-changed(camera, present): a camera's source was lost or is back.
+  // Emitted on the element's own thread.
+  signals[SIGNAL_SIGNAL_CHANGED] =
+      g_signal_new("signal-changed", G_TYPE_FROM_CLASS(klass), G_SIGNAL_RUN_LAST, 0, nullptr,
+                   nullptr, nullptr, G_TYPE_NONE, 2, G_TYPE_INT, G_TYPE_BOOLEAN);
+  GST_DEBUG_CATEGORY_INIT(lumensrc_debug, "lumensrc", 0, "live channel source");
+
   gst_element_class_add_static_pad_template(element_class, &src_template);
   gst_element_class_set_static_metadata(element_class, "Live channel source", "Source/Video",
                                         "Live H.264 channels as list buffers of frames", "liborlo");
 }
 
 static void gst_lumen_src_init(GstLumenSrc *self) {
-  self->st =
-      std::construct_at(static_cast<lumen_state *>(gst_lumen_src_get_instance_private(self)));
+  // The hook runs on the core's own thread while the element stands: the
+  // core, and with it that thread, ends in finalize.
+  self->st = std::construct_at(static_cast<lumen_state *>(gst_lumen_src_get_instance_private(self)),
+                               [self](int camera, bool present) {
+                                 g_signal_emit(self, signals[SIGNAL_SIGNAL_CHANGED], 0, camera,
+                                               present ? TRUE : FALSE);
+                               });
   gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
   gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
   gst_base_src_set_do_timestamp(GST_BASE_SRC(self), TRUE);

@@ -1,14 +1,17 @@
 // The working part of one lumensrc element: its open streams, the frames that
 // wait for the next delivery, the application's callbacks and the thread that
-// closes cameras whose source failed.
+// watches real sources: it closes a failed or silent one, tries it again with
+// a growing pause until it comes back, and plays a file again at its end.
 #pragma once
 
 #include <gst/gst.h>
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,15 +33,20 @@ struct settings {
   int key_interval = 25;
   int bitrate = 1024;  // main stream, kbit/s; the sub stream gets a quarter
   int streams = LUMEN_SRC_OPEN_MAIN | LUMEN_SRC_OPEN_SUB;
+  bool loop = true;       // a file plays again from its start at its end
+  int silence_ms = 5000;  // a real source with no frame for this long is lost
 };
+
+// Called when a camera's signal goes or comes back (outside every lock).
+using signal_hook = std::function<void(int camera, bool present)>;
 
 class source_core final : public frame_target {
  public:
-  // Frames held for delivery at most; past that the oldest go and every
-  // stream restarts at an intra frame, so no stream continues from a gap.
+  // Frames held for delivery at most; past that the oldest inter frames go,
+  // with what depends on them up to their channel's next intra frame.
   static constexpr size_t kMaxPending = 256;
 
-  source_core();
+  explicit source_core(signal_hook on_signal = {});
   ~source_core() override;
   source_core(const source_core &) = delete;
   source_core &operator=(const source_core &) = delete;
@@ -66,29 +74,58 @@ class source_core final : public frame_target {
   void deliver(int ch, GstBuffer *frame) override;
   void started(int ch, const std::string &caps) override;
   void failed(int camera, uint64_t generation, const std::string &reason) override;
+  void ended(int camera, uint64_t generation) override;
+  // Cameras without a signal, one bit each.
+  unsigned no_signal_mask();
 
  private:
+  using stream_ptr = std::shared_ptr<camera_stream>;
+  using clock = std::chrono::steady_clock;
   struct callback_slot {
     GstLumenSrcCallback fn = nullptr;
     gpointer user_data = nullptr;
   };
-  struct failure {
+  struct event {
     int camera;
     uint64_t generation;
-    std::string reason;
+    std::string reason;  // empty: the source ended
+  };
+  // What the application asked of a camera and how its source fares.
+  struct camera_watch {
+    bool wanted = false;  // opened, kept until closed
+    int streams = 0;      // the streams asked for
+    bool signal = true;   // frames flow, or are expected to
+    bool back = false;    // a frame came after a loss, not yet announced
+    int tries = 0;        // tries since the loss
+    clock::time_point retry_at{};
   };
 
   void call(callback_kind kind, int ch, const void *data, int size);
   void report(int camera, const std::string &event);
   void supervise();
+  // The supervisor's steps, each called and returning with the lock held.
+  void handle(std::unique_lock<std::mutex> &g, const event &e);
+  void lose(std::unique_lock<std::mutex> &g, int camera, const std::string &reason);
+  void announce_returns(std::unique_lock<std::mutex> &g);
+  void check_silence(std::unique_lock<std::mutex> &g);
+  void run_due_tries(std::unique_lock<std::mutex> &g);
+  clock::time_point next_wake() const;
+  // The configurations of a camera's streams, under a new generation; lock held.
+  std::vector<stream_config> configs_of(int camera, int streams);
+  // Starts every stream or none; the reason when none.
+  std::vector<stream_ptr> start_streams(const std::vector<stream_config> &configs,
+                                        std::string *error);
+  void drop_oldest_inter();
   // Takes the camera's streams out of the table; the caller destroys them
   // outside the lock.
-  std::vector<std::unique_ptr<camera_stream>> take_camera(int camera);
+  std::vector<stream_ptr> take_camera(int camera);
 
   std::mutex lock_;
   std::condition_variable frames_ready_;
   std::vector<orlo::ref_ptr<GstBuffer>> pending_;
-  std::array<std::unique_ptr<camera_stream>, LUMEN_SRC_MAX_CHANNEL> streams_;
+  std::array<stream_ptr, LUMEN_SRC_MAX_CHANNEL> streams_;
+  std::array<camera_watch, LUMEN_SRC_MAX_CAMERA> watch_;
+  signal_hook on_signal_;
   std::array<std::string, LUMEN_SRC_MAX_CHANNEL> uris_;
   std::array<callback_slot, static_cast<size_t>(callback_kind::count)> callbacks_;
   unsigned opening_ = 0;  // cameras being opened, one bit each
@@ -99,8 +136,8 @@ class source_core final : public frame_target {
   bool empty_due_ = false;
   bool overflow_logged_ = false;
 
-  std::condition_variable failures_ready_;
-  std::deque<failure> failures_;
+  std::condition_variable events_ready_;
+  std::deque<event> events_;
   bool quitting_ = false;
   std::thread supervisor_;
 };

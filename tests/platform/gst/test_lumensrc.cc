@@ -168,13 +168,21 @@ TEST(LumenSrc, BadRequestsAreRefusedWithAWarningAndOthersGoOn) {
   EXPECT_EQ(gst_lumen_src_send_audio(src, 5, "abcd", 4), 4);
   EXPECT_EQ(gst_lumen_src_set_dev_mac("\x00\x11\x22\x33\x44\x55", 6), 0);
 
-  // Addresses that can't be opened: the camera stays closed and can be
-  // given a working source again.
-  for (const char *uri : {"file:///no/such/file.mkv", "nosuchscheme://camera", "not a uri"}) {
+  // Addresses that can never be opened: the camera stays closed.  A file
+  // that isn't there yet opens the camera without a signal, to be tried
+  // again; it can be given a working source after a close.
+  for (const char *uri : {"nosuchscheme://camera", "not a uri"}) {
     g_object_set(src, "channel", 7, "stream", 0, "uri", uri, nullptr);
     EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), -1) << uri;
   }
   EXPECT_EQ(gst_lumen_src_close_ch(src, 7, 0), -1);
+  g_object_set(src, "channel", 7, "stream", 0, "uri", "file:///no/such/file.mkv", nullptr);
+  EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), 0);
+  EXPECT_TRUE(said.has(7, "lost: no such file: file:///no/such/file.mkv"));
+  guint no_signal = 0;
+  g_object_get(src, "no-signal", &no_signal, nullptr);
+  EXPECT_EQ(no_signal, 1u << 7);
+  EXPECT_EQ(gst_lumen_src_close_ch(src, 7, 0), 0);
   g_object_set(src, "channel", 7, "stream", 0, "uri", "", nullptr);
   EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), 0);
 
@@ -187,10 +195,9 @@ TEST(LumenSrc, BadRequestsAreRefusedWithAWarningAndOthersGoOn) {
   EXPECT_EQ(gst_lumen_src_close_ch(src, 5, 0), -1);
 }
 
-// A real source that ends while running (a file standing in for a camera
-// that drops off), and a network camera that doesn't answer (refused at once
-// or lost soon after): each closes its camera alone, which reports it and can
-// be opened again.
+// A file that ends with looping off (a camera that drops off for good), and a
+// network camera that doesn't answer: each stops its camera alone and reports
+// it; the camera can be opened again.
 TEST(LumenSrc, ASourceFailingMidStreamStopsOnlyItsCamera) {
   gst_init(nullptr, nullptr);
   gchar *path = g_build_filename(g_get_tmp_dir(), "lumensrc-test-XXXXXX.mkv", nullptr);
@@ -203,7 +210,7 @@ TEST(LumenSrc, ASourceFailingMidStreamStopsOnlyItsCamera) {
       path));
 
   heard ev;
-  lumen_harness h;
+  lumen_harness h("loop=false");
   h.play();
   gst_lumen_src_set_cmd_callback(h.src(), &heard::record, &ev);
   gchar *uri = g_filename_to_uri(path, nullptr, nullptr);
@@ -223,10 +230,10 @@ TEST(LumenSrc, ASourceFailingMidStreamStopsOnlyItsCamera) {
   EXPECT_GE(count_of(h.collect(has_intra(0, 1)), 0, 1), 1u);
 
   g_object_set(h.src(), "channel", 4, "stream", 0, "uri", "rtsp://127.0.0.1:1/none", nullptr);
-  if (gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN) == 0) {
-    h.collect([&](const frames_t &) { return ev.has(4, "lost: "); });
-    EXPECT_TRUE(ev.has(4, "lost: "));
-  }
+  ASSERT_EQ(gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN), 0);
+  h.collect([&](const frames_t &) { return ev.has(4, "lost: "); });
+  EXPECT_TRUE(ev.has(4, "lost: "));
+  EXPECT_EQ(gst_lumen_src_close_ch(h.src(), 4, 0), 0);
   g_object_set(h.src(), "channel", 4, "stream", 0, "uri", nullptr, nullptr);
   EXPECT_EQ(gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN), 0);
   EXPECT_GE(count_of(h.collect(has_intra(4, 1)), 4, 1), 1u);
