@@ -209,12 +209,13 @@ bool camera_stream::start(std::string *error) {
 }
 
 bool camera_stream::rewind() {
-  // Down to READY and up again reads the file afresh through any demuxer;
-  // the encoder starts again with an intra frame.
-  gst_element_set_state(pipeline_.get(), GST_STATE_READY);
+  // A flushing seek keeps the decoder's pads linked (going down to READY
+  // would drop them); the encoder is asked for an intra frame to start on.
   reported_ = false;
   last_frame_us_ = g_get_monotonic_time();
-  return gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) != GST_STATE_CHANGE_FAILURE;
+  restart_ = true;
+  return gst_element_seek_simple(pipeline_.get(), GST_FORMAT_TIME,
+                                 static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH), 0) != FALSE;
 }
 
 void camera_stream::stop() {
