@@ -1,0 +1,152 @@
+// Real network and file sources in the composed display: an RTSP camera
+// served by GStreamer's RTSP server that goes away and comes back, and a file
+// made by FFmpeg, each in its tile in its own colour.
+#include <gst/rtsp-server/rtsp-server.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "mosaic_harness.hh"
+
+namespace {
+
+using e2e::mosaic;
+using e2e::rgb;
+using clock_type = std::chrono::steady_clock;
+
+// An RTSP server of a flat red picture at rtsp://127.0.0.1:<port>/cam, on a
+// main context of its own; it can be stopped (clients dropped, socket
+// closed) and started again on the same port.
+class rtsp_camera {
+ public:
+  rtsp_camera() : context_(g_main_context_new()), loop_(g_main_loop_new(context_, FALSE)) {
+    thread_ = std::thread([this] { g_main_loop_run(loop_); });
+    start();
+  }
+  ~rtsp_camera() {
+    stop();
+    g_main_loop_quit(loop_);
+    thread_.join();
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+  std::string uri() const { return "rtsp://127.0.0.1:" + std::to_string(port_) + "/cam"; }
+
+  void start() {
+    server_ = gst_rtsp_server_new();
+    gst_rtsp_server_set_address(server_, "127.0.0.1");
+    gst_rtsp_server_set_service(server_, std::to_string(port_).c_str());
+    GstRTSPMediaFactory *factory = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_launch(
+        factory,
+        "( videotestsrc is-live=true pattern=red ! video/x-raw,width=160,height=96,framerate=25/1 "
+        "! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=10 ! "
+        "rtph264pay name=pay0 pt=96 config-interval=1 )");
+    gst_rtsp_media_factory_set_shared(factory, TRUE);
+    GstRTSPMountPoints *mounts = gst_rtsp_server_get_mount_points(server_);
+    gst_rtsp_mount_points_add_factory(mounts, "/cam", factory);
+    g_object_unref(mounts);
+    source_ = gst_rtsp_server_attach(server_, context_);
+    if (port_ == 0) port_ = gst_rtsp_server_get_bound_port(server_);
+  }
+
+  void stop() {
+    if (server_ == nullptr) return;
+    g_source_destroy(g_main_context_find_source_by_id(context_, source_));
+    gst_rtsp_server_client_filter(
+        server_, [](GstRTSPServer *, GstRTSPClient *, gpointer) { return GST_RTSP_FILTER_REMOVE; },
+        nullptr);
+    g_object_unref(server_);
+    server_ = nullptr;
+  }
+
+ private:
+  GMainContext *context_;
+  GMainLoop *loop_;
+  std::thread thread_;
+  GstRTSPServer *server_ = nullptr;
+  guint source_ = 0;
+  int port_ = 0;
+};
+
+// A 4 s FFmpeg file of flat blue; its URI.
+std::string blue_file(const std::string &folder) {
+  const std::string path = folder + "/blue.mp4";
+  const std::string cmd =
+      "ffmpeg -v error -y -f lavfi -i color=c=0x0000ff:s=320x180:r=25 -t 4 -c:v libx264 "
+      "-profile:v high -bf 3 -pix_fmt yuv420p " +
+      path;
+  if (std::system(cmd.c_str()) != 0) return {};
+  gchar *uri = g_filename_to_uri(path.c_str(), nullptr, nullptr);
+  std::string s(uri);
+  g_free(uri);
+  return s;
+}
+
+// Waits until `ok()` or `limit`; the time it took, or -1 s.
+template <typename F>
+double seconds_until(F ok, std::chrono::seconds limit) {
+  const auto start = clock_type::now();
+  while (!ok()) {
+    if (clock_type::now() - start > limit) return -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return std::chrono::duration<double>(clock_type::now() - start).count();
+}
+
+bool tile_is(mosaic &m, int tile, const rgb &want) {
+  int x, y, w, h;
+  m.region(tile, &x, &y, &w, &h);
+  return e2e::near(m.grab().median(x, y, w, h), want);
+}
+
+guint no_signal(mosaic &m) {
+  guint mask = 0;
+  g_object_get(orlo_lumen_pipe_get_src(m.pipe()), "no-signal", &mask, nullptr);
+  return mask;
+}
+
+TEST(EndToEnd, AnRtspCameraThatGoesAwayShowsNoSignalAndComesBackBesideAFile) {
+  gst_init(nullptr, nullptr);
+  gchar *folder = g_dir_make_tmp("live-sources-XXXXXX", nullptr);
+  const std::string file = blue_file(folder);
+  ASSERT_FALSE(file.empty());
+  rtsp_camera camera;
+  mosaic m;
+  ASSERT_NE(m.display(), nullptr);
+  ASSERT_EQ(m.show(2, {0, 1}), 0);
+  auto table = e2e::live_table({0, 1});
+  ASSERT_EQ(orlo_display_decode_change(m.display(), table.data()), 0);
+  m.start_live(2, 1, [&](GstElement *src) {
+    g_object_set(src, "channel", 0, "stream", 0, "uri", camera.uri().c_str(), nullptr);
+    g_object_set(src, "channel", 1, "stream", 0, "uri", file.c_str(), nullptr);
+  });
+  const rgb red = {255, 0, 0}, blue = {0, 0, 255};
+  ASSERT_GE(seconds_until([&] { return tile_is(m, 0, red) && tile_is(m, 1, blue); },
+                          std::chrono::seconds(60)),
+            0)
+      << "the camera and the file never showed";
+
+  camera.stop();
+  const double lost = seconds_until([&] { return no_signal(m) == 1u; }, std::chrono::seconds(30));
+  RecordProperty("no_signal_after_s", std::to_string(lost));
+  EXPECT_GE(lost, 0);
+  EXPECT_LE(lost, 6);
+
+  camera.start();
+  const double back = seconds_until([&] { return no_signal(m) == 0u && tile_is(m, 0, red); },
+                                    std::chrono::seconds(40));
+  RecordProperty("picture_back_after_s", std::to_string(back));
+  EXPECT_GE(back, 0);
+  EXPECT_LE(back, 10);
+  EXPECT_TRUE(tile_is(m, 1, blue)) << "the file's tile went on through it all";
+  unlink((std::string(folder) + "/blue.mp4").c_str());
+  rmdir(folder);
+  g_free(folder);
+}
+
+}  // namespace
