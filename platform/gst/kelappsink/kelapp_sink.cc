@@ -3,9 +3,6 @@
 // the properties, callbacks and report codes mean is told in kelapp_sink.h.
 #include "kelapp_sink.h"
 
-// The plugin is known to GStreamer under this package name.
-#define PACKAGE "liborlo"
-
 #include <gst/base/gstbasesink.h>
 #include <gst/base/gstqueuearray.h>
 
@@ -165,6 +162,7 @@ GstFlowReturn render(GstBaseSink *base, GstBuffer *buffer) {
       g_cond_wait(&st->cond, &st->lock);
     }
     gst_queue_array_push_tail(st->queue, gst_buffer_ref(buffer));
+    GST_LOG_OBJECT(self, "queued %" GST_PTR_FORMAT ", %u waiting", buffer, queued(st));
     render_cbs = st->render_cbs;
     cbs = st->cbs;
   }
@@ -228,6 +226,7 @@ gboolean unlock_stop(GstBaseSink *base) {
 }
 
 gboolean start(GstBaseSink *base) {
+  GST_DEBUG_OBJECT(base, "started");
   sink_state *st = GST_KELAPP_SINK(base)->st;
   locked l(st);
   st->unlocked = false;
@@ -235,6 +234,7 @@ gboolean start(GstBaseSink *base) {
 }
 
 gboolean stop(GstBaseSink *base) {
+  GST_DEBUG_OBJECT(base, "stopped");
   flush(GST_KELAPP_SINK(base));
   return TRUE;
 }
@@ -327,8 +327,10 @@ void finalize(GObject *object) {
   G_OBJECT_CLASS(gst_kelapp_sink_parent_class)->finalize(object);
 }
 
-GstStaticPadTemplate sink_template =
-    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS_ANY);
+// The sources' list buffers; "caps" narrows it further.
+GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
+    "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
+    GST_STATIC_CAPS("video/x-h264, stream-format=(string)kel-list; video/x-h264"));
 
 }  // namespace
 
@@ -427,5 +429,5 @@ gboolean plugin_init(GstPlugin *plugin) {
 }  // namespace
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, kelapp,
-                  "Application sink of the stream elements", plugin_init, "0.1", "LGPL", "liborlo",
-                  "https://example.invalid/liborlo")
+                  "Application sink of the stream elements", plugin_init, ORLO_VERSION, "LGPL",
+                  PACKAGE, ORLO_ORIGIN)

@@ -204,9 +204,11 @@ const time_property kTimeProperties[] = {
      &play_settings::time_offset},
 };
 
-GstStaticPadTemplate src_template = GST_STATIC_PAD_TEMPLATE(
-    "src", GST_PAD_SRC, GST_PAD_ALWAYS,
-    GST_STATIC_CAPS("video/x-h264, stream-format=(string)byte-stream, alignment=(string)au"));
+// List buffers of frames, not a byte stream a parser could read; still
+// H.264, which is what the playback pipe's sink asks for.
+GstStaticPadTemplate src_template =
+    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS,
+                            GST_STATIC_CAPS("video/x-h264, stream-format=(string)kel-list"));
 
 GstKelSstSrc *self_of(gpointer p) { return reinterpret_cast<GstKelSstSrc *>(p); }
 

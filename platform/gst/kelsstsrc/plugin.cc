@@ -14,7 +14,6 @@ gboolean plugin_init(GstPlugin *plugin) {
 
 }  // namespace
 
-#define PACKAGE "liborlo"
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, kelsstsrc,
-                  "Recorded channels: player and recorder", plugin_init, "0.1", "LGPL", PACKAGE,
-                  "liborlo")
+                  "Recorded channels: player and recorder", plugin_init, ORLO_VERSION, "LGPL",
+                  PACKAGE, ORLO_ORIGIN)

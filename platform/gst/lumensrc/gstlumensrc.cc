@@ -384,6 +384,5 @@ static gboolean plugin_init(GstPlugin *plugin) {
   return gst_element_register(plugin, "lumensrc", GST_RANK_NONE, GST_TYPE_LUMEN_SRC);
 }
 
-#define PACKAGE "liborlo"
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, lumensrc, "Live channel source",
-                  plugin_init, "0.1.0", "LGPL", "liborlo", "https://example.invalid/liborlo")
+                  plugin_init, ORLO_VERSION, "LGPL", PACKAGE, ORLO_ORIGIN)
