@@ -16,6 +16,12 @@ namespace {
 
 constexpr int kHeaderSize = 24;
 constexpr gint64 kGroupWindow = 20 * GST_MSECOND;
+// Neighbouring frames of a channel further apart than this, forward, or back
+// by more than the recorder's reordering slack, are a break in its clock
+// (a damaged time, a clock set anew): play goes on as if they followed.
+constexpr gint64 kJumpLimit = 10 * GST_SECOND;
+constexpr gint64 kBackSlack = GST_SECOND;
+constexpr gint64 kAssumedGap = 40 * GST_MSECOND;
 
 guint64 bit(int ch) { return G_GUINT64_CONSTANT(1) << ch; }
 
@@ -52,7 +58,24 @@ gint64 player::position_of(gint64 t) const {
 }
 
 gint64 player::position_of(const play_channel &c) const {
-  return position_of(frame_time(c.rec.frames()[c.next]));
+  return std::max<gint64>(raw_position(c, c.next), 0);
+}
+
+gint64 player::raw_position(const play_channel &c, long i) const {
+  const gint64 t = frame_time(c.rec.frames()[i]);
+  return (backward_ ? base_ - t : t - base_) + c.shift;
+}
+
+void player::follow_clock_jump(play_channel &c) {
+  if (c.taken < 0 || c.next < 0) return;
+  const gint64 gap = raw_position(c, c.next) - raw_position(c, c.taken);
+  if (gap <= kJumpLimit && gap >= -kBackSlack) return;
+  c.shift += kAssumedGap - gap;
+  if (c.jump_logged) return;
+  c.jump_logged = true;
+  g_warning("kelsstsrc: channel %d: the recorder's time jumps by %" G_GINT64_FORMAT
+            " ms at frame %ld of %s; playing on from there",
+            c.ch, gap / GST_MSECOND, c.next, c.rec.path().c_str());
 }
 
 // Whether frame `i` of `c` is one that this play sends.
@@ -130,6 +153,10 @@ void player::open_channels(const play_settings &s) {
     if (c.rec.truncated())
       g_warning("kelsstsrc: recording %s ends in a cut frame; playing the %zu whole frames",
                 c.rec.path().c_str(), c.rec.frames().size());
+    if (c.rec.damaged())
+      g_warning("kelsstsrc: recording %s is damaged from byte %" G_GUINT64_FORMAT
+                "; playing the whole frames around the damage",
+                c.rec.path().c_str(), c.rec.damage_at());
     if (c.rec.overlapped()) overlapped_ |= bit(ch);
     channels_.push_back(std::move(c));
   }
@@ -181,6 +208,7 @@ void player::make_plan(const play_settings &s) {
   plan_ = s;
   backward_ = s.dir != 0;
   eos_ = overlapped_ = norecord_ = eos_pending_ = 0;
+  gap_logged_ = false;
   open_channels(s);
   base_ = find_base(s);
   place_channels();
@@ -193,12 +221,25 @@ void player::make_plan(const play_settings &s) {
 void player::advance(play_channel &c) {
   c.taken = c.next;
   c.next = step_from(c, c.next);
+  follow_clock_jump(c);
   if (c.next < 0) {
     c.ended = true;
     c.waiting = !backward_;
     // Reported once the frame just taken has gone out.
     eos_pending_ |= bit(c.ch);
   }
+}
+
+// Nothing to play for longer than the jump limit (a time damaged towards the
+// past became the start, a hole in every recording): every channel moves up
+// so that play goes on at once.
+void player::skip_gap(gint64 gap) {
+  for (play_channel &c : channels_) c.shift -= gap - kAssumedGap;
+  if (gap_logged_) return;
+  gap_logged_ = true;
+  g_warning("kelsstsrc: nothing to play for %" G_GINT64_FORMAT
+            " ms after position %" G_GINT64_FORMAT " ms; playing on from there",
+            gap / GST_MSECOND, last_pos / GST_MSECOND);
 }
 
 GstBuffer *player::next_group() {
@@ -210,6 +251,10 @@ GstBuffer *player::next_group() {
     if (first == nullptr || p < first_pos) first = &c, first_pos = p;
   }
   if (first == nullptr) return nullptr;
+  if (first_pos > last_pos + kJumpLimit) {
+    skip_gap(first_pos - last_pos);
+    first_pos = position_of(*first);
+  }
   GstBuffer *list = gst_kel_list_buffer_new();
   for (play_channel &c : channels_) {
     if (c.ended) continue;

@@ -64,6 +64,8 @@ class player {
   bool in_span(gint64 t) const;
   gint64 position_of(gint64 t) const;
   gint64 position_of(const play_channel &c) const;
+  // Frame i's position with the channel's shift, before clamping.
+  gint64 raw_position(const play_channel &c, long i) const;
   bool wanted(const play_channel &c, long i) const;
   long step_from(const play_channel &c, long from) const;
   long start_index(const play_channel &c) const;
@@ -72,12 +74,14 @@ class player {
   void place_channels();
   void advance(play_channel &c);
   void follow_clock_jump(play_channel &c);
+  void skip_gap(gint64 gap);
 
   std::optional<play_settings> plan_;  // the settings the plan was made from
   std::vector<play_channel> channels_;
   bool backward_ = false;
   gint64 base_ = 0;  // recorder's time of position 0
   guint64 eos_ = 0, overlapped_ = 0, norecord_ = 0, eos_pending_ = 0;
+  bool gap_logged_ = false;
 };
 
 // The "KELPlayInfo" reports: one at each change of status and one each

@@ -6,6 +6,7 @@
 #include <glib/gstdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -115,6 +116,9 @@ bool recording::scan() {
       break;
     }
     const size_t at = static_cast<const uint8_t *>(hit) - base;
+    // Anything but the first zero of a four-byte start code between frames
+    // is what is left of a damaged frame.
+    if (at > pos && !(at == pos + 1 && base[pos] == 0)) note_damage(pos);
     const size_t data_at = at + sizeof kPrefix;
     uint8_t data[kDataSize + 1];
     const size_t raw = read_rbsp(base + data_at, length - data_at, data, sizeof data);
@@ -131,6 +135,15 @@ bool recording::scan() {
     f.size = static_cast<uint32_t>(get_le(data + 4, 4));
     f.intra = data[2];
     f.time = static_cast<int64_t>(get_le(data + 8, 8));
+    // A frame whose bytes hold the start of another frame, or reach past
+    // the end while another frame follows, has a damaged length: it is
+    // skipped, and the search goes on from its header.
+    const size_t end = std::min<uint64_t>(f.offset + f.size, length);
+    if (memmem(base + f.offset, end - f.offset, kPrefix, sizeof kPrefix) != nullptr) {
+      note_damage(at);
+      pos = at + 1;
+      continue;
+    }
     if (f.offset + f.size > length) {
       truncated_ = true;  // the last write was cut short
       break;
@@ -141,6 +154,11 @@ bool recording::scan() {
   }
   g_mapped_file_unref(file);
   return true;
+}
+
+void recording::note_damage(uint64_t at) {
+  if (!damaged_) damage_at_ = at;
+  damaged_ = true;
 }
 
 recording::~recording() {
@@ -154,6 +172,8 @@ recording::recording(recording &&o) noexcept
       opened_(o.opened_),
       truncated_(o.truncated_),
       overlapped_(o.overlapped_),
+      damaged_(o.damaged_),
+      damage_at_(o.damage_at_),
       fd_(std::exchange(o.fd_, -1)) {}
 
 recording &recording::operator=(recording &&o) noexcept {
@@ -165,6 +185,8 @@ recording &recording::operator=(recording &&o) noexcept {
     opened_ = o.opened_;
     truncated_ = o.truncated_;
     overlapped_ = o.overlapped_;
+    damaged_ = o.damaged_;
+    damage_at_ = o.damage_at_;
     fd_ = std::exchange(o.fd_, -1);
   }
   return *this;

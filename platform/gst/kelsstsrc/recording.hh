@@ -58,17 +58,24 @@ class recording {
   bool truncated() const { return truncated_; }
   // The recorder's clock went back by more than a second somewhere.
   bool overlapped() const { return overlapped_; }
+  // Bytes that are no whole frame stand between frames somewhere (the first
+  // such place: damage_at()); the frames around them are kept.
+  bool damaged() const { return damaged_; }
+  uint64_t damage_at() const { return damage_at_; }
   const std::vector<frame_entry> &frames() const { return frames_; }
   // Copies the access unit of `f` into `dest` (f.size bytes).
   bool read_frame(const frame_entry &f, uint8_t *dest) const;
 
  private:
+  void note_damage(uint64_t at);
   std::string path_;
   std::vector<frame_entry> frames_;
   uint64_t scanned_ = 0;  // bytes consumed by whole frames
   bool opened_ = false;
   bool truncated_ = false;
   bool overlapped_ = false;
+  bool damaged_ = false;
+  uint64_t damage_at_ = 0;
   mutable int fd_ = -1;  // for reading frames, opened on first use
 };
 
