@@ -12,7 +12,12 @@
 //                 are timed from it by their buffer times.
 //   "sync-writes" boolean, FALSE: flush each intra frame to the disk
 //                 (fdatasync), bounding what a power loss can take.
-// A file that exists is appended to, never rewritten.
+//   "max-size"    uint64 bytes, 0: a file that would grow beyond this is cut
+//                 at the next intra frame, which opens the next file
+//                 (chNN-0001.h264, ...); 0: no limit.
+//   "max-duration" uint64 ns, 0: the same for the recorder time a file spans.
+// A file that exists is appended to, never rewritten: the last of a
+// channel's files, when the recorder starts again.
 #include <fcntl.h>
 #include <gst/base/gstbasesink.h>
 #include <unistd.h>
@@ -20,6 +25,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "gstkelsstsrc_elements.hh"
 #include "recording.hh"
@@ -33,8 +39,13 @@ struct GstKelSstRec {
   gint ch;
   guint64 start_time;
   gboolean sync_writes;
+  guint64 max_size;
+  guint64 max_duration;
   int fd;
-  gint64 origin;  // wall-clock time of buffer time 0, fixed at the first frame
+  int file_index;      // of the channel's files
+  guint64 file_bytes;  // in the open file
+  gint64 file_start;   // recorder time of this run's first frame in it, -1 none
+  gint64 origin;       // wall-clock time of buffer time 0, fixed at the first frame
 };
 
 struct GstKelSstRecClass {
@@ -45,7 +56,15 @@ G_DEFINE_TYPE(GstKelSstRec, gst_kelsstrec, GST_TYPE_BASE_SINK)
 
 namespace {
 
-enum { PROP_0, PROP_LOCATION, PROP_CH, PROP_START_TIME, PROP_SYNC_WRITES };
+enum {
+  PROP_0,
+  PROP_LOCATION,
+  PROP_CH,
+  PROP_START_TIME,
+  PROP_SYNC_WRITES,
+  PROP_MAX_SIZE,
+  PROP_MAX_DURATION
+};
 
 GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
     "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
@@ -70,6 +89,12 @@ void set_property(GObject *object, guint id, const GValue *value, GParamSpec *ps
     case PROP_SYNC_WRITES:
       self->sync_writes = g_value_get_boolean(value);
       break;
+    case PROP_MAX_SIZE:
+      self->max_size = g_value_get_uint64(value);
+      break;
+    case PROP_MAX_DURATION:
+      self->max_duration = g_value_get_uint64(value);
+      break;
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
@@ -92,6 +117,12 @@ void get_property(GObject *object, guint id, GValue *value, GParamSpec *pspec) {
     case PROP_SYNC_WRITES:
       g_value_set_boolean(value, self->sync_writes);
       break;
+    case PROP_MAX_SIZE:
+      g_value_set_uint64(value, self->max_size);
+      break;
+    case PROP_MAX_DURATION:
+      g_value_set_uint64(value, self->max_duration);
+      break;
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
   }
@@ -103,25 +134,83 @@ void finalize(GObject *object) {
   G_OBJECT_CLASS(gst_kelsstrec_parent_class)->finalize(object);
 }
 
-gboolean start(GstBaseSink *sink) {
-  GstKelSstRec *self = self_of(sink);
+std::string file_path(GstKelSstRec *self, int k) {
   GST_OBJECT_LOCK(self);
-  std::string folder = self->location != nullptr ? self->location : "recordings";
+  const std::string folder = self->location != nullptr ? self->location : "recordings";
   const int ch = self->ch;
   GST_OBJECT_UNLOCK(self);
-  if (g_mkdir_with_parents(folder.c_str(), 0755) != 0) {
-    GST_ELEMENT_ERROR(self, RESOURCE, OPEN_WRITE, ("cannot make folder %s", folder.c_str()),
-                      ("%s", g_strerror(errno)));
-    return FALSE;
-  }
-  const std::string path = kelsst::channel_path(folder, ch);
+  return kelsst::segment_path(kelsst::channel_path(folder, ch), k);
+}
+
+// Opens the channel's file `k` for appending.
+gboolean open_file(GstKelSstRec *self, int k) {
+  const std::string path = file_path(self, k);
   self->fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (self->fd < 0) {
     GST_ELEMENT_ERROR(self, RESOURCE, OPEN_WRITE, ("cannot open %s", path.c_str()),
                       ("%s", g_strerror(errno)));
     return FALSE;
   }
+  const off_t size = lseek(self->fd, 0, SEEK_END);
+  self->file_index = k;
+  self->file_bytes = size > 0 ? static_cast<guint64>(size) : 0;
+  self->file_start = -1;
+  GST_DEBUG_OBJECT(self, "opened %s at byte %" G_GUINT64_FORMAT, path.c_str(), self->file_bytes);
+  return TRUE;
+}
+
+gboolean start(GstBaseSink *sink) {
+  GstKelSstRec *self = self_of(sink);
+  GST_OBJECT_LOCK(self);
+  std::string folder = self->location != nullptr ? self->location : "recordings";
+  GST_OBJECT_UNLOCK(self);
+  if (g_mkdir_with_parents(folder.c_str(), 0755) != 0) {
+    GST_ELEMENT_ERROR(self, RESOURCE, OPEN_WRITE, ("cannot make folder %s", folder.c_str()),
+                      ("%s", g_strerror(errno)));
+    return FALSE;
+  }
+  // The recording goes on in the channel's last file.
+  int last = 0;
+  while (g_file_test(file_path(self, last + 1).c_str(), G_FILE_TEST_IS_REGULAR)) last++;
   self->origin = -1;
+  return open_file(self, last);
+}
+
+// Whether an intra frame of `bytes` bytes at recorder time `time` opens the
+// next file.
+bool cut_due(GstKelSstRec *self, size_t bytes, gint64 time) {
+  if (self->file_bytes == 0) return false;
+  GST_OBJECT_LOCK(self);
+  const guint64 max_size = self->max_size, max_duration = self->max_duration;
+  GST_OBJECT_UNLOCK(self);
+  return (max_size != 0 && self->file_bytes + bytes > max_size) ||
+         (max_duration != 0 && self->file_start >= 0 &&
+          static_cast<guint64>(time - self->file_start) >= max_duration);
+}
+
+gboolean cut(GstKelSstRec *self) {
+  fdatasync(self->fd);
+  close(self->fd);
+  self->fd = -1;
+  GST_DEBUG_OBJECT(self, "cut file %d at %" G_GUINT64_FORMAT " bytes", self->file_index,
+                   self->file_bytes);
+  return open_file(self, self->file_index + 1);
+}
+
+// One write per frame: a cut leaves whole frames and one partial tail.
+gboolean write_frame(GstKelSstRec *self, const std::vector<uint8_t> &out, int ch) {
+  size_t done = 0;
+  while (done < out.size()) {
+    ssize_t n = write(self->fd, out.data() + done, out.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      GST_ELEMENT_ERROR(self, RESOURCE, WRITE, ("cannot write channel %d", ch),
+                        ("%s", g_strerror(errno)));
+      return FALSE;
+    }
+    done += static_cast<size_t>(n);
+  }
+  self->file_bytes += out.size();
   return TRUE;
 }
 
@@ -165,21 +254,14 @@ GstFlowReturn render(GstBaseSink *sink, GstBuffer *buffer) {
   const bool sync_writes = self->sync_writes;
   GST_OBJECT_UNLOCK(self);
 
-  // One write per frame: a cut leaves whole frames and one partial tail.
   std::vector<uint8_t> out =
       kelsst::make_frame_sei(ch, intra, static_cast<uint32_t>(au.size()), time);
   out.insert(out.end(), au.begin(), au.end());
-  size_t done = 0;
-  while (done < out.size()) {
-    ssize_t n = write(self->fd, out.data() + done, out.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      GST_ELEMENT_ERROR(self, RESOURCE, WRITE, ("cannot write channel %d", ch),
-                        ("%s", g_strerror(errno)));
-      return GST_FLOW_ERROR;
-    }
-    done += static_cast<size_t>(n);
-  }
+  // Files are cut at intra frames, so that each plays from its start.
+  if (intra && cut_due(self, out.size(), time) && !cut(self)) return GST_FLOW_ERROR;
+  if (!write_frame(self, out, ch)) return GST_FLOW_ERROR;
+  if (self->file_start < 0) self->file_start = time;
+  GST_LOG_OBJECT(self, "%s frame of %zu bytes", intra ? "intra" : "inter", out.size());
   if (intra && sync_writes) fdatasync(self->fd);
   return GST_FLOW_OK;
 }
@@ -211,6 +293,17 @@ static void gst_kelsstrec_class_init(GstKelSstRecClass *klass) {
       object_class, PROP_SYNC_WRITES,
       g_param_spec_boolean("sync-writes", "Sync writes", "Flush each intra frame to the disk",
                            FALSE, flags));
+  g_object_class_install_property(
+      object_class, PROP_MAX_SIZE,
+      g_param_spec_uint64("max-size", "Max size",
+                          "Bytes after which a file is cut at an intra frame; 0: no limit", 0,
+                          G_MAXUINT64, 0, flags));
+  g_object_class_install_property(
+      object_class, PROP_MAX_DURATION,
+      g_param_spec_uint64("max-duration", "Max duration",
+                          "Recorder time (ns) after which a file is cut at an intra frame; 0: "
+                          "no limit",
+                          0, G_MAXUINT64, 0, flags));
   gst_element_class_add_static_pad_template(element_class, &sink_template);
   gst_element_class_set_static_metadata(element_class, "Recorded channel writer", "Sink/File/Video",
                                         "Records one H.264 channel", "liborlo");

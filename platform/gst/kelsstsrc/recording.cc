@@ -95,9 +95,52 @@ std::string channel_path(const std::string &folder, int channel) {
   return s;
 }
 
+std::string segment_path(const std::string &first, int k) {
+  if (k == 0) return first;
+  const std::string stem = first.size() > 5 ? first.substr(0, first.size() - 5) : first;
+  gchar name[16];
+  g_snprintf(name, sizeof name, "-%04d.h264", k);
+  return stem + name;
+}
+
+namespace {
+
+enum class header { frame, not_ours, cut_short };
+
+// Reads the frame header whose SEI starts at `at`.
+header read_header(const uint8_t *base, size_t length, size_t at, frame_entry *f) {
+  const size_t data_at = at + sizeof kPrefix;
+  uint8_t data[kDataSize + 1];
+  const size_t raw = read_rbsp(base + data_at, length - data_at, data, sizeof data);
+  if (raw == 0) return header::cut_short;
+  if (data[0] != kVersion || data[kDataSize] != 0x80) return header::not_ours;
+  f->offset = data_at + raw;
+  f->size = static_cast<uint32_t>(get_le(data + 4, 4));
+  f->intra = data[2];
+  f->time = static_cast<int64_t>(get_le(data + 8, 8));
+  return header::frame;
+}
+
+}  // namespace
+
 bool recording::scan() {
+  if (segments_.empty()) segments_.push_back(segment{path_});
+  for (;;) {
+    const size_t k = segments_.size() - 1;
+    if (!scan_segment(k)) return k > 0;
+    const std::string next = segment_path(path_, static_cast<int>(k + 1));
+    if (!g_file_test(next.c_str(), G_FILE_TEST_IS_REGULAR)) return true;
+    // A file the recorder has left for the next one ends whole; a cut here
+    // is damage, not a write in progress.
+    if (truncated_) note_damage(segments_[k].scanned);
+    truncated_ = false;
+    segments_.push_back(segment{next});
+  }
+}
+
+bool recording::scan_segment(size_t k) {
   GError *error = nullptr;
-  GMappedFile *file = g_mapped_file_new(path_.c_str(), FALSE, &error);
+  GMappedFile *file = g_mapped_file_new(segments_[k].path.c_str(), FALSE, &error);
   if (file == nullptr) {
     g_clear_error(&error);
     return false;
@@ -106,8 +149,8 @@ bool recording::scan() {
   const auto *base = reinterpret_cast<const uint8_t *>(g_mapped_file_get_contents(file));
   const size_t length = g_mapped_file_get_length(file);
   truncated_ = false;
-  uint64_t pos = scanned_;
-  while (pos < length) {
+  uint64_t pos = segments_[k].scanned;
+  while (pos < length && !truncated_) {
     // Normally the next SEI stands right here; after damage, search for it.
     const void *hit =
         base == nullptr ? nullptr : memmem(base + pos, length - pos, kPrefix, sizeof kPrefix);
@@ -119,38 +162,27 @@ bool recording::scan() {
     // Anything but the first zero of a four-byte start code between frames
     // is what is left of a damaged frame.
     if (at > pos && !(at == pos + 1 && base[pos] == 0)) note_damage(pos);
-    const size_t data_at = at + sizeof kPrefix;
-    uint8_t data[kDataSize + 1];
-    const size_t raw = read_rbsp(base + data_at, length - data_at, data, sizeof data);
-    if (raw == 0) {
-      truncated_ = true;
-      break;
-    }
-    if (data[0] != kVersion || data[kDataSize] != 0x80) {
+    frame_entry f{};
+    f.file = static_cast<uint32_t>(k);
+    const header h = read_header(base, length, at, &f);
+    truncated_ = h == header::cut_short;
+    if (h != header::frame) {
       pos = at + 1;  // not ours after all
       continue;
     }
-    frame_entry f{};
-    f.offset = data_at + raw;
-    f.size = static_cast<uint32_t>(get_le(data + 4, 4));
-    f.intra = data[2];
-    f.time = static_cast<int64_t>(get_le(data + 8, 8));
-    // A frame whose bytes hold the start of another frame, or reach past
-    // the end while another frame follows, has a damaged length: it is
-    // skipped, and the search goes on from its header.
+    // A frame whose bytes hold the start of another frame has a damaged
+    // length: it is skipped, and the search goes on from its header.
     const size_t end = std::min<uint64_t>(f.offset + f.size, length);
     if (memmem(base + f.offset, end - f.offset, kPrefix, sizeof kPrefix) != nullptr) {
       note_damage(at);
       pos = at + 1;
       continue;
     }
-    if (f.offset + f.size > length) {
-      truncated_ = true;  // the last write was cut short
-      break;
-    }
+    truncated_ = f.offset + f.size > length;  // the last write was cut short
+    if (truncated_) break;
     if (!frames_.empty() && f.time + kOverlapSlack < frames_.back().time) overlapped_ = true;
     frames_.push_back(f);
-    pos = scanned_ = f.offset + f.size;
+    pos = segments_[k].scanned = f.offset + f.size;
   }
   g_mapped_file_unref(file);
   return true;
@@ -161,43 +193,49 @@ void recording::note_damage(uint64_t at) {
   damaged_ = true;
 }
 
-recording::~recording() {
-  if (fd_ >= 0) close(fd_);
+void recording::close_files() {
+  for (segment &g : segments_)
+    if (g.fd >= 0) close(std::exchange(g.fd, -1));
 }
+
+recording::~recording() { close_files(); }
 
 recording::recording(recording &&o) noexcept
     : path_(std::move(o.path_)),
       frames_(std::move(o.frames_)),
-      scanned_(o.scanned_),
+      segments_(std::move(o.segments_)),
       opened_(o.opened_),
       truncated_(o.truncated_),
       overlapped_(o.overlapped_),
       damaged_(o.damaged_),
-      damage_at_(o.damage_at_),
-      fd_(std::exchange(o.fd_, -1)) {}
+      damage_at_(o.damage_at_) {
+  o.segments_.clear();
+}
 
 recording &recording::operator=(recording &&o) noexcept {
   if (this != &o) {
-    if (fd_ >= 0) close(fd_);
+    close_files();
     path_ = std::move(o.path_);
     frames_ = std::move(o.frames_);
-    scanned_ = o.scanned_;
+    segments_ = std::move(o.segments_);
+    o.segments_.clear();
     opened_ = o.opened_;
     truncated_ = o.truncated_;
     overlapped_ = o.overlapped_;
     damaged_ = o.damaged_;
     damage_at_ = o.damage_at_;
-    fd_ = std::exchange(o.fd_, -1);
   }
   return *this;
 }
 
 bool recording::read_frame(const frame_entry &f, uint8_t *dest) const {
-  if (fd_ < 0) fd_ = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd_ < 0) return false;
+  if (f.file >= segments_.size()) return false;
+  const segment &g = segments_[f.file];
+  if (g.fd < 0) g.fd = open(g.path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (g.fd < 0) return false;
   size_t done = 0;
   while (done < f.size) {
-    ssize_t n = pread(fd_, dest + done, f.size - done, static_cast<off_t>(f.offset + done));
+    ssize_t n = pread(g.fd, dest + done, f.size - done, static_cast<off_t>(f.offset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     done += static_cast<size_t>(n);

@@ -1,7 +1,9 @@
 // The on-disk form of a recorded channel, shared by the recorder element
 // (kelsstrec) and the player element (kelsstsrc).
 //
-// One file per channel, "<folder>/chNN.h264": a plain H.264 Annex B byte
+// Files per channel, "<folder>/chNN.h264" and, once the recorder cuts it at
+// its size or duration limit, "chNN-0001.h264" and on, played in that order.
+// Each is a plain H.264 Annex B byte
 // stream that any H.264 tool opens (ffplay, gst-launch filesrc ! h264parse).
 // Each access unit is preceded by one SEI NAL unit of type 5 ("user data
 // unregistered") under our UUID that carries the recorder's wall-clock time
@@ -33,6 +35,7 @@ struct frame_entry {
   uint32_t size;    // of the access unit
   uint8_t intra;    // 1: the access unit holds an IDR picture
   int64_t time;     // recorder's wall-clock time, nanoseconds
+  uint32_t file;    // of the channel's files, counted from 0
 };
 
 // The SEI NAL unit (start code included) that precedes one access unit.
@@ -70,17 +73,26 @@ class recording {
   void note_damage(uint64_t at);
   std::string path_;
   std::vector<frame_entry> frames_;
-  uint64_t scanned_ = 0;  // bytes consumed by whole frames
+  struct segment {
+    std::string path;
+    uint64_t scanned = 0;  // bytes consumed by whole frames
+    mutable int fd = -1;   // for reading frames, opened on first use
+  };
+  bool scan_segment(size_t k);
+  void close_files();
+  std::vector<segment> segments_;
   bool opened_ = false;
   bool truncated_ = false;
   bool overlapped_ = false;
   bool damaged_ = false;
   uint64_t damage_at_ = 0;
-  mutable int fd_ = -1;  // for reading frames, opened on first use
 };
 
 // "<folder>/chNN.h264"
 std::string channel_path(const std::string &folder, int channel);
+// The recorder's k-th file of a channel: the first is "chNN.h264", those
+// after a cut "chNN-0001.h264", "chNN-0002.h264" ...
+std::string segment_path(const std::string &first, int k);
 
 // H.264 helpers: the type of each NAL unit of an Annex B access unit.
 template <typename Fn>

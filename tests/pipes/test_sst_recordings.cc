@@ -1,6 +1,7 @@
-// Recordings with damage in them: a recorder time that jumps, and random
-// bytes changed anywhere.  Play never stalls or crashes, and every channel's
-// data ends in its EOS bit.
+// Recordings as a recorder leaves them: cut into files at a limit, cut short
+// by a power loss anywhere, damaged by a recorder time that jumps or by
+// random bytes.  Play never stalls or crashes, and every channel's data ends
+// in its EOS bit.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -72,7 +73,7 @@ play_result play(const std::string &folder) {
   return r;
 }
 
-class SstDamage : public ::testing::Test {
+class SstRecordings : public ::testing::Test {
  protected:
   void SetUp() override {
     gst_init(nullptr, nullptr);
@@ -88,7 +89,45 @@ class SstDamage : public ::testing::Test {
   std::vector<uint8_t> original_[2];
 };
 
-TEST_F(SstDamage, AForwardJumpOfTheRecorderTimeIsPlayedThroughToTheEosBit) {
+TEST_F(SstRecordings, ALimitCutsTheRecordingIntoFilesThatPlayAsOne) {
+  for (const char *limit : {"max-size=6000", "max-duration=400000000"}) {
+    temp_folder folder;
+    gchar *launch = g_strdup_printf(
+        "videotestsrc num-buffers=%d pattern=ball ! video/x-raw,width=64,height=48,framerate=%d/1 "
+        "! x264enc tune=zerolatency speed-preset=ultrafast bframes=0 key-int-max=%d "
+        "! video/x-h264,stream-format=byte-stream,alignment=au "
+        "! kelsstrec location=\"%s\" ch=0 start-time=%" G_GINT64_FORMAT " %s",
+        kFrames, kFps, kIntraEvery, folder.path().c_str(), kStart, limit);
+    ASSERT_TRUE(run_to_eos(launch)) << limit;
+    g_free(launch);
+    ASSERT_TRUE(g_file_test((folder.path() + "/ch00-0001.h264").c_str(), G_FILE_TEST_EXISTS))
+        << limit << " cut nothing";
+    write_file(path(folder, 1), original_[1]);
+    const play_result r = play(folder.path());
+    EXPECT_TRUE(r.eos) << limit;
+    EXPECT_EQ(r.eos_status, kBothChannels) << limit;
+    EXPECT_EQ(r.frames[0], static_cast<size_t>(kFrames)) << limit;
+  }
+}
+
+// A power loss cuts the file anywhere: what was whole before the cut plays.
+TEST_F(SstRecordings, ARecordingCutAnywherePlaysItsWholeFrames) {
+  size_t before = 0;
+  for (int k = 1; k <= 20; k++) {
+    std::vector<uint8_t> bytes = original_[0];
+    bytes.resize(bytes.size() * k / 20);
+    write_file(path(damaged_, 0), bytes);
+    write_file(path(damaged_, 1), original_[1]);
+    const play_result r = play(damaged_.path());
+    ASSERT_TRUE(r.eos) << "cut at " << bytes.size();
+    EXPECT_EQ(r.eos_status, kBothChannels) << "cut at " << bytes.size();
+    EXPECT_GE(r.frames[0], before) << "cut at " << bytes.size();
+    before = r.frames[0];
+  }
+  EXPECT_EQ(before, static_cast<size_t>(kFrames));
+}
+
+TEST_F(SstRecordings, AForwardJumpOfTheRecorderTimeIsPlayedThroughToTheEosBit) {
   // Frame 10's time as the recorder wrote it; one byte more in bit 40 moves
   // it about 18 minutes on.
   const int64_t t = kStart + 10 * kFrameNs;
@@ -107,7 +146,7 @@ TEST_F(SstDamage, AForwardJumpOfTheRecorderTimeIsPlayedThroughToTheEosBit) {
   EXPECT_EQ(r.frames[1], static_cast<size_t>(kFrames));
 }
 
-TEST_F(SstDamage, RandomBytesChangedAnywhereNeverStallPlay) {
+TEST_F(SstRecordings, RandomBytesChangedAnywhereNeverStallPlay) {
   std::mt19937 random(20261124);
   for (int run = 0; run < 40; run++) {
     for (int ch = 0; ch < 2; ch++) {
