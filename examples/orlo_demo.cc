@@ -88,8 +88,10 @@ void on_signal(int) { g_interrupted.store(true); }
 
 // ---- environment -------------------------------------------------------------
 
-// The stand-in elements live in the build's plugin folder beside bin/.  Only
-// an unset variable is filled, so that scripts and users can point elsewhere.
+// The stand-in elements live in the build's plugin folder beside bin/.  It
+// goes in front of a user's own GST_PLUGIN_PATH, whose folders would else
+// hide it (the library cannot run without these elements); an unset
+// registry is filled, so that scripts and users can point elsewhere.
 void set_plugin_path() {
   char exe[4096];
   const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
@@ -106,7 +108,10 @@ void set_plugin_path() {
   }
   const std::string plugins = build + "/gst-plugins";
   const std::string registry = build + "/gst-registry.bin";
-  setenv("GST_PLUGIN_PATH", plugins.c_str(), 0);
+  const char *user = getenv("GST_PLUGIN_PATH");
+  const std::string path =
+      user != nullptr && *user != '\0' ? plugins + G_SEARCHPATH_SEPARATOR_S + user : plugins;
+  setenv("GST_PLUGIN_PATH", path.c_str(), 1);
   setenv("GST_REGISTRY_1_0", registry.c_str(), 0);
 }
 
@@ -156,7 +161,8 @@ bool parse_options(int argc, char **argv, options &opt) {
       {"channels", 'n', 0, G_OPTION_ARG_INT, &opt.channels, "Live channels to open (1..16)", "N"},
       {"mode", 'm', 0, G_OPTION_ARG_INT, &opt.mode,
        "Display mode to start in (1, 2, 3, 5, 7, 8, 9, 10, 100)", "MODE"},
-      {"duration", 'd', 0, G_OPTION_ARG_INT, &opt.duration, "Seconds to run (default 12)", "S"},
+      {"duration", 'd', 0, G_OPTION_ARG_INT, &opt.duration,
+       "Seconds to run (default 12; 0 runs until interrupted, as --forever)", "S"},
       {"forever", 'f', 0, G_OPTION_ARG_NONE, &forever, "Run until interrupted", nullptr},
       {"out", 'o', 0, G_OPTION_ARG_FILENAME, &out, "Output folder (default ./orlo-demo-out)",
        "DIR"},
@@ -188,6 +194,20 @@ bool parse_options(int argc, char **argv, options &opt) {
   if (!add_sources(sources, opt)) ok = false;
   g_strfreev(sources);
   return options_usable(opt) && ok;
+}
+
+// A source for a channel that is not opened would be announced and never
+// shown: refused.
+bool sources_within_channels(const options &opt) {
+  for (const auto &s : opt.sources) {
+    if (s.first < opt.channels) continue;
+    fprintf(stderr,
+            "orlo-demo: --source %d=%s names channel %d, but only channels 0..%d are open "
+            "(--channels %d)\n",
+            s.first, s.second.c_str(), s.first, opt.channels - 1, opt.channels);
+    return false;
+  }
+  return true;
 }
 
 // ---- the mosaic --------------------------------------------------------------
@@ -254,6 +274,11 @@ void on_channel_event(int ch, void *data, int, void *) {
   printf("orlo-demo: channel %d %s\n", ch, static_cast<const char *>(data));
 }
 
+// A camera's source went or came back (on the source's own thread).
+void on_signal_changed(GstElement *, gint camera, gboolean present, gpointer) {
+  printf("orlo-demo: channel %d: %s\n", camera, present ? "signal back" : "no signal");
+}
+
 bool start_live_pipe(demo &d) {
   d.h_lumen_pipe = orlo_lumen_pipe_new(0);
   if (d.h_lumen_pipe == nullptr) return false;
@@ -265,6 +290,7 @@ bool start_live_pipe(demo &d) {
     g_object_set(src, "channel", s.first, "stream", 0, "uri", s.second.c_str(), nullptr);
   orlo_lumen_pipe_set_src_handoff(d.h_lumen_pipe, on_handoff, nullptr);
   orlo_lumen_pipe_set_cmd_callback(d.h_lumen_pipe, on_channel_event, nullptr);
+  g_signal_connect(src, "signal-changed", G_CALLBACK(on_signal_changed), nullptr);
   orlo_lumen_pipe_start(d.h_lumen_pipe);
   if (orlo_display_bind_src_pipe(d.h_display, orlo_lumen_pipe_get_kelappsink(d.h_lumen_pipe), 0) !=
       0)
@@ -479,7 +505,12 @@ void start_shell(int port) {
     zebshell(port);
     fprintf(stderr, "orlo-demo: the debug shell could not listen on port %d\n", port);
   }).detach();
-  printf("orlo-demo: debug shell on TCP port %d (try: nc localhost %d, then 'help')\n", port, port);
+  // The shell ends a line with CR and drops LF: telnet and socat's crlf send
+  // CR, nc sends a bare LF that the shell never takes as an end of line.
+  printf(
+      "orlo-demo: debug shell on TCP port %d (try: telnet localhost %d, or socat -,crlf "
+      "TCP:localhost:%d, then 'help')\n",
+      port, port, port);
 }
 
 // The display, its first mode, the channels' slots and the live pipe; then
@@ -565,6 +596,7 @@ int run(demo &d) {
 int main(int argc, char **argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   if (!parse_options(argc, argv, g_demo.opt)) return 64;
+  if (!sources_within_channels(g_demo.opt)) return 2;
   set_plugin_path();
   std::signal(SIGINT, on_signal);
   std::signal(SIGTERM, on_signal);

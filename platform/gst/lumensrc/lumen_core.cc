@@ -290,6 +290,7 @@ GstFlowReturn source_core::wait_list(GstBuffer **out) {
 void source_core::deliver(int ch, GstBuffer *frame) {
   auto owned = orlo::adopt(frame);
   callback_slot handoff;
+  bool back = false;  // the first frame after a loss
   {
     std::lock_guard<std::mutex> g(lock_);
     if (!running_) return;
@@ -304,12 +305,12 @@ void source_core::deliver(int ch, GstBuffer *frame) {
     if (!running_) return;
     if (pending_.size() >= kMaxPending) drop_oldest_inter();
     pending_.push_back(std::move(owned));
-    const int camera = ch % 16;
-    camera_watch &w = watch_[static_cast<size_t>(camera)];
-    if (w.wanted && !w.signal) w.back = true;
+    camera_watch &w = watch_[static_cast<size_t>(ch % 16)];
+    back = w.wanted && !w.signal && !w.back;
+    if (back) w.back = true;
   }
   frames_ready_.notify_one();
-  events_ready_.notify_all();
+  if (back) events_ready_.notify_all();
 }
 
 void source_core::started(int ch, const std::string &caps) {

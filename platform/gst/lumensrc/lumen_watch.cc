@@ -32,10 +32,9 @@ void source_core::supervise() {
   pthread_setname_np(pthread_self(), "lumensrc-watch");
   std::unique_lock<std::mutex> g(lock_);
   for (;;) {
-    events_ready_.wait_until(g, next_wake(), [this] {
-      return quitting_ || !events_.empty() ||
-             std::any_of(watch_.begin(), watch_.end(), [](const auto &w) { return w.back; });
-    });
+    // Any notice (an event, a frame after a loss, a new open) wakes the
+    // watch early; each step below does only what is due.
+    if (events_.empty()) events_ready_.wait_until(g, next_wake());
     if (quitting_) return;
     while (!events_.empty()) {
       const event e = std::move(events_.front());
