@@ -61,7 +61,7 @@ source_core::clock::time_point source_core::next_wake() const {
 
 void source_core::handle(std::unique_lock<std::mutex> &g, const event &e) {
   const auto &main = streams_[static_cast<size_t>(e.camera)];
-  const auto &sub = streams_[static_cast<size_t>(e.camera + 16)];
+  const auto &sub = streams_[static_cast<size_t>(e.camera) + 16];
   // A report from a stream that was closed or never installed is stale.
   const stream_ptr s = main && main->generation() == e.generation ? main
                        : sub && sub->generation() == e.generation ? sub
