@@ -230,18 +230,9 @@ GParamSpec *int_param(const char *name, const char *blurb, int min, int max, int
 
 }  // namespace
 
-static void gst_lumen_src_class_init(GstLumenSrcClass *klass) {
-  auto *gobject_class = G_OBJECT_CLASS(klass);
-  auto *element_class = GST_ELEMENT_CLASS(klass);
-  auto *basesrc_class = GST_BASE_SRC_CLASS(klass);
-  gobject_class->set_property = set_property;
-  gobject_class->get_property = get_property;
-  gobject_class->finalize = finalize;
-  element_class->change_state = change_state;
-  basesrc_class->unlock = unlock;
-  basesrc_class->unlock_stop = unlock_stop;
-  GST_PUSH_SRC_CLASS(klass)->create = create;
+namespace {
 
+void install_properties(GObjectClass *gobject_class) {
   const int max_ch = LUMEN_SRC_MAX_CHANNEL - 1;
   g_object_class_install_property(
       gobject_class, PROP_CHANNEL,
@@ -296,6 +287,23 @@ static void gst_lumen_src_class_init(GstLumenSrcClass *klass) {
                         "Open cameras whose source is lost, one bit each (camera n: bit n)", 0,
                         G_MAXUINT, 0,
                         static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+}
+
+}  // namespace
+
+static void gst_lumen_src_class_init(GstLumenSrcClass *klass) {
+  auto *gobject_class = G_OBJECT_CLASS(klass);
+  auto *element_class = GST_ELEMENT_CLASS(klass);
+  auto *basesrc_class = GST_BASE_SRC_CLASS(klass);
+  gobject_class->set_property = set_property;
+  gobject_class->get_property = get_property;
+  gobject_class->finalize = finalize;
+  element_class->change_state = change_state;
+  basesrc_class->unlock = unlock;
+  basesrc_class->unlock_stop = unlock_stop;
+  GST_PUSH_SRC_CLASS(klass)->create = create;
+
+  install_properties(gobject_class);
   // signal-changed(camera, present): a camera's source was lost or is back.
   // Emitted on the element's own thread.
   signals[SIGNAL_SIGNAL_CHANGED] =

@@ -59,14 +59,15 @@ source_core::clock::time_point source_core::next_wake() const {
   return wake;
 }
 
+// Streams are destroyed only with the lock released: their streaming threads
+// may be waiting for it in deliver(), and a stream's end joins them.
 void source_core::handle(std::unique_lock<std::mutex> &g, const event &e) {
   const auto &main = streams_[static_cast<size_t>(e.camera)];
   const auto &sub = streams_[static_cast<size_t>(e.camera) + 16];
   // A report from a stream that was closed or never installed is stale.
-  const stream_ptr s = main && main->generation() == e.generation ? main
-                       : sub && sub->generation() == e.generation ? sub
-                                                                  : nullptr;
-  if (!s) return;
+  const bool current =
+      (main && main->generation() == e.generation) || (sub && sub->generation() == e.generation);
+  if (!current) return;
   if (!e.reason.empty()) return lose(g, e.camera, e.reason);
   if (!settings_.loop) {
     auto closing = take_camera(e.camera);
@@ -78,9 +79,11 @@ void source_core::handle(std::unique_lock<std::mutex> &g, const event &e) {
     g.lock();
     return;
   }
+  stream_ptr s = main && main->generation() == e.generation ? main : sub;
   g.unlock();
   GST_DEBUG("camera %d: end of the file, playing it again", e.camera);
   const bool again = s->rewind();
+  s.reset();
   g.lock();
   if (!again) lose(g, e.camera, "the file cannot be played again");
 }
