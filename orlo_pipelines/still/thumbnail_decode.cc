@@ -1,7 +1,10 @@
 // Thumbnail decode: one stored intra frame through the engine's decoder on
 // port 0, with a callback in place of the display, then to RGB24.
+#include <utility>
+
 #include "colorspace.h"
 #include "display/display_state.hh"
+#include "kel_buffers.h"
 #include "ref_ptr.hh"
 #include "still/engine_answer.hh"
 #include "stream/stream_delivery.hh"
@@ -43,6 +46,19 @@ void *await_picture(orlo_display_t *h) {
       [] { return g_image_result.exchange(nullptr); });
 }
 
+// An application that stored a frame itself may hand over a plain buffer
+// whose bytes are the header and the payload: it becomes a frame buffer of
+// its own (one copy of one frame), read as the sources' frames are.  A frame
+// buffer passes as it is.
+orlo::ref_ptr<GstBuffer> as_frame_buffer(orlo::ref_ptr<GstBuffer> buffer) {
+  if (gst_kel_buddy_buffer_get_meta(buffer.get()) != nullptr) return buffer;
+  GstMapInfo map;
+  if (!gst_buffer_map(buffer.get(), &map, GST_MAP_READ)) return buffer;
+  auto copy = orlo::adopt(gst_kel_buddy_buffer_new_copy(map.data, map.size));
+  gst_buffer_unmap(buffer.get(), &map);
+  return copy;
+}
+
 }  // namespace
 
 void _cb_get_disp_image(void **pimage) {
@@ -71,7 +87,7 @@ extern "C" ORLO_API int orlo_display_decode_image(orlo_display_t *h_display, Gst
   }
   image_answer(h_display).locked([] { g_free(g_image_result.exchange(nullptr)); });
 
-  // The frame comes as the sources deliver it: a frame buffer with its header.
+  frame = as_frame_buffer(std::move(frame));
   orlo::frame view;
   if (!orlo::read_frame(frame.get(), view)) {
     g_warning("%s: get thumbnail image failed (cannot decode this!!)\n", self);

@@ -65,6 +65,38 @@ TEST(ThumbnailDecode, TwentyRefusalsThenAPictureInRgb) {
   EXPECT_EQ(freed.finalized, 1);
 }
 
+// A frame an application stored itself: a plain buffer whose bytes are the
+// header and the payload, read as a frame buffer is; too short a one is no
+// frame.
+TEST(ThumbnailDecode, APlainBufferOfHeaderAndPayloadIsDecodedLikeAFrameBuffer) {
+  log_capture log;
+  orlo_display_t *h = still::make_display();
+  ASSERT_NE(h, nullptr);
+  fake_engine::script("ravel_put_decode_stream", [&](const fake_engine::call &c) -> int64_t {
+    ravel_image_cb cb = c.image_cb;
+    still::later(30ms, [cb] { deliver(cb, 235); });
+    return 0;
+  });
+  GstBuffer *frame = still::make_frame(3, 1, 40);
+  const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(frame);
+  GstBuffer *plain = gst_buffer_new_memdup(m->data, m->size);
+  gst_buffer_unref(frame);
+  still::finalize_counter freed;
+  freed.watch(plain);
+  std::vector<uint8_t> dst(W * H * 3, 0x55);
+  ASSERT_EQ(orlo_display_decode_image(h, plain, W, H, 0, dst.data()), 0);
+  auto pushes = fake_engine::calls("ravel_put_decode_stream");
+  ASSERT_EQ(pushes.size(), 1u);
+  EXPECT_EQ(pushes[0].args[4], 40);   // payload size from the header
+  EXPECT_EQ(pushes[0].record[5], 5);  // the payload, behind the header
+  for (uint8_t b : dst) EXPECT_EQ(b, 254);
+  EXPECT_EQ(freed.finalized, 1) << "the caller's reference was taken over";
+
+  EXPECT_EQ(orlo_display_decode_image(h, gst_buffer_new_memdup("\x03\x00", 2), W, H, 0, dst.data()),
+            -1);
+  EXPECT_TRUE(logged(log, kCannotDecode));
+}
+
 TEST(ThumbnailDecode, EngineRefusingEveryTryFailsWithoutWaiting) {
   log_capture log;
   orlo_display_t *h = still::make_display();
