@@ -29,6 +29,18 @@
  * http://), re-encoded to the stream's size, rate and intra interval; an empty
  * or NULL "uri" makes it synthetic again.  It takes effect at the next open.
  *
+ * Real sources behave like cameras.  A file plays at its own rate (its
+ * timestamps) and from its start again at its end; "loop" = FALSE ends the
+ * camera there instead ("lost: end of stream").  A source that can't be
+ * started, fails, or sends no frame for "silence-timeout" ms (5000) loses its
+ * signal: the camera stays open and its source is tried again after 1, 2, 4,
+ * 8, 16, then every 30 s, with one message a try (domain "lumensrc"); the
+ * first frame back is an intra frame.  "no-signal" (read-only) has bit n set
+ * while camera n is open without a signal, and "signal-changed" (camera,
+ * present) is emitted on the element's own thread when it goes or comes back.
+ * A consumer that does not take the frames costs the oldest inter frames (and
+ * those of their channel up to its next intra frame), never the queue's bound.
+ *
  * Requests by property, written in one g_object_set in this order:
  *   "channel", "stream", then "pause" = 1: the channel sends nothing.
  *   "channel", "stream", then "resume" = 1: the channel sends again, starting
@@ -41,7 +53,7 @@
  * Results.  The functions below give 0 on success and -1 on a refusal, which
  * is also logged as a warning (domain "lumensrc"): an element that is no
  * lumensrc, a camera number outside 0..15, a camera opened twice or closed
- * while closed, a source address that can't be opened.  Other cameras go on.
+ * while closed, a source address that no element reads.  Other cameras go on.
  *
  * Callbacks.  All six have the shape GstLumenSrcCallback; a setter replaces
  * the earlier callback and user data (NULL turns it off).  They run on the
@@ -50,9 +62,10 @@
  * camera (it runs on that camera's thread).  `data` is valid during the call
  * only.
  *   cmd:        channel events: ch = camera, data = a NUL-terminated text,
- *               size = its length: "opened", "closed", or "lost: <reason>"
- *               when a source fails while running (the camera is then closed
- *               and can be opened again).
+ *               size = its length: "opened", "closed", "lost: <reason>" when
+ *               a source loses its signal (the reason as GStreamer gives it:
+ *               refused, not found, no frame for 5.0 s ...), "resumed" when it
+ *               is back.
  *   handoff:    every frame that the element is about to deliver, on the
  *               stream's encoding thread: ch = header channel, data = the
  *               frame (header and payload), size = 24 + payload size.  Frames
