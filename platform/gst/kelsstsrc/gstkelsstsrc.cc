@@ -7,7 +7,11 @@
 // only the last frame of a channel in a list), frames within 20 ms of each
 // other: one instant of the mosaic.  Its PTS is the play position of its
 // first frame; the segment maps positions to running time at "rate", so a
-// sink with "sync" paces the play.
+// sink with "sync" paces the play.  Damage never stops a play: a channel's
+// recorder time that jumps between neighbouring frames by more than 10 s
+// forward (or back beyond a second) is logged once and played as if the
+// frames followed; a stretch of more than 10 s with nothing to play is
+// skipped; frames whose bytes are damaged are skipped (recording.hh).
 //
 // Properties (all readable and writable; times in nanoseconds of the
 // recorder's clock):
