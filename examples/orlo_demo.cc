@@ -275,8 +275,11 @@ void on_channel_event(int ch, void *data, int, void *) {
 }
 
 // A camera's source went or came back (on the source's own thread).
+// The engine shows NO SIGNAL in the tiles of the channel's port (channel j
+// decodes on port j) until the source is back.
 void on_signal_changed(GstElement *, gint camera, gboolean present, gpointer) {
   printf("orlo-demo: channel %d: %s\n", camera, present ? "signal back" : "no signal");
+  ravel_soft_set_port_signal(ravel_soft_engine(), camera, present ? 1 : 0);
 }
 
 bool start_live_pipe(demo &d) {
