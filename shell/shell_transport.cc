@@ -1,5 +1,6 @@
 // The shell's primitives: print to and read from the current client, the
 // hooks that command handlers use, and key polling on the process's console.
+#include <glib.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -38,18 +39,36 @@ bool term_captured = false;
 // How long a client may stay silent before its connection is dropped.
 constexpr std::chrono::seconds idle_limit{1200};
 
-// Sends all of `len` bytes unless the connection fails. MSG_NOSIGNAL: a peer
-// that has gone must not kill the process with SIGPIPE.
+// How long one print may wait for a client that takes no output. Past it the
+// client counts as gone, so that one that never reads can't hold the shell.
+constexpr std::chrono::seconds send_limit{5};
+
+// Sends all of `len` bytes unless the connection fails or stalls. MSG_NOSIGNAL:
+// a peer that has gone must not kill the process with SIGPIPE. MSG_DONTWAIT:
+// the wait is the poll's, with its limit, never the send's.
 void send_all(const char *data, size_t len) {
+  using clock = std::chrono::steady_clock;
+  const auto deadline = clock::now() + send_limit;
   while (len > 0 && zeb_socket >= 0) {
-    ssize_t sent = send(zeb_socket, data, len, MSG_NOSIGNAL);
+    ssize_t sent = send(zeb_socket, data, len, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       data += sent;
       len -= static_cast<size_t>(sent);
-    } else if (sent < 0 && errno == EINTR) {
       continue;
-    } else {
+    }
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent == 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
       return;  // the next read notices a dead connection and ends the session
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
+    pollfd writable{zeb_socket, POLLOUT, 0};
+    int ready = left > 0 ? poll(&writable, 1, static_cast<int>(left)) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) {
+      g_warning("zeb_printf: the client took no output for %d s; its session ends\n",
+                static_cast<int>(send_limit.count()));
+      zeb_close_socket();
+      return;
     }
   }
 }

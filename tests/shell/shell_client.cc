@@ -55,11 +55,13 @@ int start_listener() {
   return port;
 }
 
-client::client(int port) {
+client::client(int port, int receive_buffer) {
   const auto give_up = steady::now() + patience;
   sockaddr_in address = loopback(port);
   for (;;) {
     fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    if (receive_buffer > 0)
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
     if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) break;
     close();
     if (steady::now() > give_up) {

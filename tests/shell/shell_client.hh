@@ -16,7 +16,9 @@ int start_listener();
 
 class client {
  public:
-  explicit client(int port);
+  // A `receive_buffer` above 0 shrinks the socket's buffer, so that a client
+  // that never reads stalls the server sooner.
+  explicit client(int port, int receive_buffer = 0);
   ~client();
   client(const client &) = delete;
   client &operator=(const client &) = delete;

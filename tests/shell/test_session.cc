@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 
 #include "log_capture.hh"
@@ -17,6 +18,16 @@ using shell_test::greeting;
 using shell_test::start_listener;
 
 namespace {
+
+#ifndef ORLO_SHELL_BUILT
+// A library built without the shell has no listener to talk to.
+struct no_shell : ::testing::Environment {
+  void SetUp() override {
+    GTEST_SKIP() << "liborlo is built without the debug shell (ORLO_SHELL=OFF)";
+  }
+};
+const auto *const skip_all = ::testing::AddGlobalTestEnvironment(new no_shell);
+#endif
 
 int quiet(int, char **) { return 0; }
 const std::string very_long_name(300, 'y');
@@ -193,6 +204,22 @@ TEST(listener, ServesOneClientAtATimeAndSurvivesAReset) {
   EXPECT_EQ(greeting, fourth.read_until(prompt));
   fourth.send("Zeta\r");
   EXPECT_EQ("\r\nzeta ran\r\n" + prompt, fourth.read_until(prompt));
+}
+
+TEST(listener, AClientThatTakesNoOutputLosesItsSessionWithinTheSendLimit) {
+  testing_support::log_capture logs;
+  const int port = start_listener();
+  client stalled(port, 4096);
+  EXPECT_EQ(greeting, stalled.read_until(prompt));
+  stalled.send("flood\r");  // megabytes that are never read
+  const auto asked = std::chrono::steady_clock::now();
+  client next(port);
+  EXPECT_EQ(greeting, next.read_until(prompt));
+  // The 5 s of the send limit and a second for everything else.
+  EXPECT_LE(std::chrono::steady_clock::now() - asked, std::chrono::seconds(6));
+  EXPECT_EQ(1, logs.count("zeb_printf: the client took no output for 5 s; its session ends\n"));
+  next.send("Zeta\r");
+  EXPECT_EQ("\r\nzeta ran\r\n" + prompt, next.read_until(prompt));
 }
 
 TEST(listener, APortInUseIsReportedAndTheListenerReturns) {
