@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 
 #include "log_capture.hh"
@@ -19,15 +20,15 @@ using shell_test::start_listener;
 
 namespace {
 
-#ifndef ORLO_SHELL_BUILT
 // A library built without the shell has no listener to talk to.
-struct no_shell : ::testing::Environment {
+struct needs_shell : ::testing::Test {
   void SetUp() override {
+#ifndef ORLO_SHELL_BUILT
     GTEST_SKIP() << "liborlo is built without the debug shell (ORLO_SHELL=OFF)";
+#endif
   }
 };
-const auto *const skip_all = ::testing::AddGlobalTestEnvironment(new no_shell);
-#endif
+using listener = needs_shell;
 
 int quiet(int, char **) { return 0; }
 const std::string very_long_name(300, 'y');
@@ -56,14 +57,19 @@ std::string recalled(const std::string &shown, const std::string &older) {
 }
 
 // A connected client past the greeting.
-struct session : ::testing::Test {
-  session() : link(start_listener()) { EXPECT_EQ(greeting, link.read_until(prompt)); }
+struct session : needs_shell {
+  void SetUp() override {
+    needs_shell::SetUp();
+    if (IsSkipped()) return;
+    link_ = std::make_unique<client>(start_listener());
+    EXPECT_EQ(greeting, link_->read_until(prompt));
+  }
   // Sends keys that end in one line end and returns the reply up to the prompt.
   std::string line(const std::string &keys) {
-    link.send(keys);
-    return link.read_until(prompt);
+    link_->send(keys);
+    return link_->read_until(prompt);
   }
-  client link;
+  std::unique_ptr<client> link_;
 };
 
 TEST_F(session, RepliesToKeysAndCommands) {
@@ -134,15 +140,15 @@ TEST_F(session, RepliesToKeysAndCommands) {
     EXPECT_EQ(row.reply.empty() ? reply : row.reply, reply) << "keys: " << row.keys;
   }
   // Many small sends.
-  for (char c : std::string("echo split")) link.send(std::string(1, c));
+  for (char c : std::string("echo split")) link_->send(std::string(1, c));
   EXPECT_EQ("\r\nsplit\r\n" + prompt, line("\r"));
 }
 
 TEST_F(session, HistoryKeepsThirtyOneLinesAndTheThirtySecondDropsTheOldest) {
   std::string keys, expected, shown, ups;
   for (int i = 1; i <= 32; ++i) keys += "c" + std::to_string(i) + "\r";
-  link.send(keys);
-  link.read_prompts(32);
+  link_->send(keys);
+  link_->read_prompts(32);
   for (int i = 32; i >= 2; --i) {
     std::string older = "c" + std::to_string(i);
     expected += recalled(shown, older);
@@ -154,18 +160,18 @@ TEST_F(session, HistoryKeepsThirtyOneLinesAndTheThirtySecondDropsTheOldest) {
 
 TEST_F(session, CompletionWithSeveralMatchesExtendsThenListsAndHelpListsAll) {
   // ab and abc: a gains b; the next Tab lists both and shows the line again.
-  link.send("a\t\t\r");
+  link_->send("a\t\t\r");
   EXPECT_EQ(
       "b\r\nab                  abc                 \r\n" + prompt + "ab\r\nab ran\r\n" + prompt,
-      link.read_prompts(2));
+      link_->read_prompts(2));
   // An empty line matches every command: four to a row, in name order.
-  link.send("\t\r");
+  link_->send("\t\r");
   EXPECT_EQ(
       "\r\nZeta                ab                  abc                 echo                "
       "\r\nflood               getch               help                quit                "
       "\r\nunsupported         x_command_name_longer_than_24" +
           very_long_name + "\r\n" + prompt + "\r\n" + prompt,
-      link.read_prompts(2));
+      link_->read_prompts(2));
   EXPECT_EQ(
       "\r\n<vex shell ver 09.18.2011.1.28>\r\nSupported shell commands:\r\n"
       " - Zeta                    :  Upper case sorts first\r\n"
@@ -184,7 +190,7 @@ TEST_F(session, CompletionWithSeveralMatchesExtendsThenListsAndHelpListsAll) {
       line("help\r"));
 }
 
-TEST(listener, ServesOneClientAtATimeAndSurvivesAReset) {
+TEST_F(listener, ServesOneClientAtATimeAndSurvivesAReset) {
   const int port = start_listener();
   client first(port);
   EXPECT_EQ(greeting, first.read_until(prompt));
@@ -206,7 +212,7 @@ TEST(listener, ServesOneClientAtATimeAndSurvivesAReset) {
   EXPECT_EQ("\r\nzeta ran\r\n" + prompt, fourth.read_until(prompt));
 }
 
-TEST(listener, AClientThatTakesNoOutputLosesItsSessionWithinTheSendLimit) {
+TEST_F(listener, AClientThatTakesNoOutputLosesItsSessionWithinTheSendLimit) {
   testing_support::log_capture logs;
   const int port = start_listener();
   client stalled(port, 4096);
@@ -222,7 +228,7 @@ TEST(listener, AClientThatTakesNoOutputLosesItsSessionWithinTheSendLimit) {
   EXPECT_EQ("\r\nzeta ran\r\n" + prompt, next.read_until(prompt));
 }
 
-TEST(listener, APortInUseIsReportedAndTheListenerReturns) {
+TEST_F(listener, APortInUseIsReportedAndTheListenerReturns) {
   testing_support::log_capture logs;
   int busy = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
