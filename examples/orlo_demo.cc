@@ -588,10 +588,27 @@ int run(demo &d) {
   write_display(d, 2, "display2.png");
   print_statistics(d);
   orlo_display_print_statistics(d.h_display, 0, 0);
-  orlo_lumen_pipe_stop(d.h_lumen_pipe);
-  orlo_display_stop(d.h_display);
   printf("orlo-demo: done; pictures in %s/\n", opt.out.c_str());
   return d.snapshots.load() > 0 && d.thumbnails.load() > 0 ? 0 : 2;
+}
+
+// Stops what runs and lets go of what the demo holds: the live pipe's
+// pipeline goes to NULL (the source's threads end) and its record is freed,
+// the engine stops, and the kept intra frames are released.  The pipe's
+// parked thread, the display handle and the shell's thread are the library's
+// to the end of the process.
+void shut_down(demo &d) {
+  if (d.h_lumen_pipe != nullptr) {
+    orlo_lumen_pipe_stop(d.h_lumen_pipe);
+    orlo_lumen_pipe_delete(d.h_lumen_pipe);
+    d.h_lumen_pipe = nullptr;
+  }
+  if (d.h_display != nullptr) orlo_display_stop(d.h_display);
+  std::lock_guard<std::mutex> lock(d.intra_lock);
+  for (GstBuffer *&frame : d.last_intra) {
+    if (frame != nullptr) gst_buffer_unref(frame);
+    frame = nullptr;
+  }
 }
 
 }  // namespace
@@ -604,10 +621,6 @@ int main(int argc, char **argv) {
   std::signal(SIGINT, on_signal);
   std::signal(SIGTERM, on_signal);
   const int status = run(g_demo);
-  // The library has no ordered teardown: its pipeline threads and the shell
-  // last to the end of the process, so the process ends without running the
-  // static destructors under them.
-  fflush(stdout);
-  fflush(stderr);
-  _exit(status);
+  shut_down(g_demo);
+  return status;
 }
