@@ -126,8 +126,12 @@ int shell_add_commands(shell_cmd_t *anchor) {
 }
 
 int do_shell_cmd(int argc, char **argv) {
-  if (shell_cmd_list == nullptr || argc < 1 || argv == nullptr || argv[0] == nullptr)
+  if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
+    g_return_if_fail_warning(nullptr, "do_shell_cmd",
+                             "argc >= 1 && argv != NULL && argv[0] != NULL");
     return SHELL_ERR_NOT_FOUND;
+  }
+  if (shell_cmd_list == nullptr) return SHELL_ERR_NOT_FOUND;  // before the first session
   for (shell_cmd_t *cmd = shell_cmd_list; cmd != nullptr; cmd = cmd->next) {
     if (strcmp(argv[0], cmd->name) != 0) continue;
     if (cmd->handler == nullptr) {

@@ -15,6 +15,10 @@
 void zebshell(int port) {
   shell_printf = zeb_printf;
   shell_getch = zeb_getchar;
+  if (port < 0 || port > 65535) {
+    g_return_if_fail_warning(nullptr, "zebshell", "port >= 0 && port <= 65535");
+    return;
+  }
 
   int listener = socket(AF_INET, SOCK_STREAM, 0);
   if (listener < 0) {

@@ -85,6 +85,10 @@ void zeb_close_socket() {
 }
 
 int zeb_printf(const char *format, ...) {
+  if (format == nullptr) {
+    g_return_if_fail_warning(nullptr, "zeb_printf", "format != NULL");
+    return -1;
+  }
   char buffer[128];
   va_list args;
   va_start(args, format);
