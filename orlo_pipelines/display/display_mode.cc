@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 
+#include "caller_check.hh"
 #include "display/display_state.hh"
 #include "glib_lock.hh"
 #include "shared_word.hh"
@@ -126,6 +127,10 @@ extern "C" ORLO_API int orlo_display_decode_change(orlo_display_t *h_display,
                              "h_display != NULL && table != NULL");
     return -1;
   }
+  // The render worker indexes its per-port tables by these ports.
+  for (int i = 0; i < ORLO_MAX_SLOT; i++)
+    if (table[i].enable != 0)
+      ORLO_RETURN_VAL_IF_FAIL(table[i].port >= 0 && table[i].port < ORLO_MAX_PORT, -1);
   // One lock for the whole copy: a render pass sees the old table or the
   // new one, never a mix.
   orlo::mutex_guard lock(h_display->mutex);

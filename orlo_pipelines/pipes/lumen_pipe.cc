@@ -2,6 +2,7 @@
 // and start, stop and delete.
 #include <atomic>
 
+#include "caller_check.hh"
 #include "orlo_lumen_pipe.h"
 #include "pipes/pipe_thread.hh"
 #include "shared_word.hh"
@@ -62,12 +63,14 @@ orlo_lumen_pipe_t *orlo_lumen_pipe_new(int /*unused*/) {
 }
 
 int orlo_lumen_pipe_start(orlo_lumen_pipe_t *h_lumen_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_lumen_pipe != NULL, -1);
   gst_element_set_state(h_lumen_pipe->pipeline, GST_STATE_PLAYING);
   gst_element_get_state(h_lumen_pipe->pipeline, nullptr, nullptr, kStateWait);
   return 0;
 }
 
 int orlo_lumen_pipe_stop(orlo_lumen_pipe_t *h_lumen_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_lumen_pipe != NULL, -1);
   gst_element_set_state(h_lumen_pipe->pipeline, GST_STATE_NULL);
   gst_element_get_state(h_lumen_pipe->pipeline, nullptr, nullptr, kStateWait);
   return 0;
@@ -84,9 +87,13 @@ void orlo_lumen_pipe_delete(orlo_lumen_pipe_t *h_lumen_pipe) {
   g_free(h_lumen_pipe);
 }
 
-GstElement *orlo_lumen_pipe_get_src(orlo_lumen_pipe_t *h_lumen_pipe) { return h_lumen_pipe->src; }
+GstElement *orlo_lumen_pipe_get_src(orlo_lumen_pipe_t *h_lumen_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_lumen_pipe != NULL, nullptr);
+  return h_lumen_pipe->src;
+}
 
 GstElement *orlo_lumen_pipe_get_kelappsink(orlo_lumen_pipe_t *h_lumen_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_lumen_pipe != NULL, nullptr);
   return h_lumen_pipe->kelappsink;
 }
 

@@ -3,6 +3,7 @@
 // through the sink's event callback.
 #include <cstdio>
 
+#include "caller_check.hh"
 #include "pipes/pipe_thread.hh"
 #include "pipes/sst_pipe_internal.hh"
 #include "shared_word.hh"
@@ -103,21 +104,26 @@ extern "C" ORLO_API orlo_sst_pipe_t *orlo_sst_pipe_new(void) {
 }
 
 extern "C" ORLO_API GstElement *orlo_sst_pipe_get_src(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, nullptr);
   return h_sst_pipe->src;
 }
 
 extern "C" ORLO_API GstElement *orlo_sst_pipe_get_kelappsink(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, nullptr);
   return h_sst_pipe->kelappsink;
 }
 
 extern "C" ORLO_API uint64_t orlo_sst_pipe_get_eos_mask(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, 0);
   return orlo::load_word(h_sst_pipe->eos_mask);
 }
 
 extern "C" ORLO_API uint64_t orlo_sst_pipe_get_overlapped_mask(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, 0);
   return orlo::load_word(h_sst_pipe->overlapped_mask);
 }
 
 extern "C" ORLO_API uint64_t orlo_sst_pipe_get_norecord_mask(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, 0);
   return orlo::load_word(h_sst_pipe->norecord_mask);
 }

@@ -2,6 +2,7 @@
 // stepping, the stream time and the render report.
 #include <cstdio>
 
+#include "caller_check.hh"
 #include "kelsstsrc.h"
 #include "pipes/sst_pipe_internal.hh"
 #include "shared_word.hh"
@@ -44,6 +45,7 @@ extern "C" ORLO_API int orlo_sst_pipe_set_param(orlo_sst_pipe_t *h_sst_pipe, int
                                                 int rate_control, int hide, orlo_timeval_t begin,
                                                 orlo_timeval_t end, orlo_timeval_t search,
                                                 int ch_num, uint32_t ch_mask) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, -1);
   // "ch-mask" is 64 bits wide; the 32-bit argument is widened for it.
   g_object_set(h_sst_pipe->src, "pr-id", 0, "vtick-interval-usec", 33366, "rate", rate, "dir", dir,
                "rate-control", rate_control, "hide", hide, "begin-time", to_ns(begin), "end-time",
@@ -54,26 +56,31 @@ extern "C" ORLO_API int orlo_sst_pipe_set_param(orlo_sst_pipe_t *h_sst_pipe, int
 }
 
 extern "C" ORLO_API int orlo_sst_pipe_start(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, -1);
   drive(h_sst_pipe, 0, 1, GST_STATE_PLAYING, true);
   return 0;
 }
 
 extern "C" ORLO_API int orlo_sst_pipe_pause(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, -1);
   drive(h_sst_pipe, 0, 1, GST_STATE_PAUSED, false);
   return 0;
 }
 
 extern "C" ORLO_API int orlo_sst_pipe_next(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, -1);
   drive(h_sst_pipe, 1, 0, GST_STATE_PLAYING, true);
   return 0;
 }
 
 extern "C" ORLO_API int orlo_sst_pipe_stop(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, -1);
   drive(h_sst_pipe, 0, -1, GST_STATE_NULL, true);
   return 0;
 }
 
 extern "C" ORLO_API uint64_t orlo_sst_pipe_get_timestamp(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, 0);
   gint64 position = 0;
   if (!gst_element_query_position(h_sst_pipe->kelappsink, GST_FORMAT_TIME, &position)) return 0;
   const uint64_t base_time = orlo::load_word(h_sst_pipe->base_time);
@@ -83,6 +90,7 @@ extern "C" ORLO_API uint64_t orlo_sst_pipe_get_timestamp(orlo_sst_pipe_t *h_sst_
 }
 
 extern "C" ORLO_API uint64_t orlo_sst_pipe_get_last_timestamp(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_VAL_IF_FAIL(h_sst_pipe != NULL, 0);
   return orlo::load_word(h_sst_pipe->last_timestamp);
 }
 
@@ -92,6 +100,7 @@ extern "C" ORLO_API GstBuffer *orlo_sst_pipe_get_iframe(const gchar *location, i
 }
 
 extern "C" ORLO_API void orlo_sst_pipe_clear_status(orlo_sst_pipe_t *h_sst_pipe) {
+  ORLO_RETURN_IF_FAIL(h_sst_pipe != NULL);
   orlo::store_word<uint64_t>(h_sst_pipe->eos_mask, 0);
   orlo::store_word<uint64_t>(h_sst_pipe->overlapped_mask, 0);
   orlo::store_word<uint64_t>(h_sst_pipe->norecord_mask, 0);

@@ -3,6 +3,7 @@
 // the snapshot requests.
 #include <atomic>
 
+#include "caller_check.hh"
 #include "display/display_state.hh"
 #include "ref_ptr.hh"
 #include "shared_word.hh"
@@ -125,12 +126,14 @@ bool _check_pb_snapshot_port(unsigned ch) {
 }
 
 extern "C" ORLO_API uint32_t orlo_get_pb_timestamp(int port) {
-  if (port < 0 || port >= ORLO_MAX_PLAYBACK_CHANNEL) return 0;
+  ORLO_RETURN_VAL_IF_FAIL(port >= 0, 0);
+  if (port >= ORLO_MAX_PLAYBACK_CHANNEL) return 0;
   return pb_timestamp[port].load(std::memory_order_relaxed);
 }
 
 extern "C" ORLO_API void orlo_set_pb_timestamp(int port, uint32_t timestamp) {
-  if (port < 0 || port >= ORLO_MAX_PLAYBACK_CHANNEL) return;
+  ORLO_RETURN_IF_FAIL(port >= 0);
+  if (port >= ORLO_MAX_PLAYBACK_CHANNEL) return;
   pb_timestamp[port].store(timestamp, std::memory_order_relaxed);
 }
 
