@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "colorspace.h"
 #include "orlo_display.h"
 #include "orlo_lumen_pipe.h"
 #include "orlo_sst_pipe.h"
@@ -32,6 +33,13 @@ orlo_display_t *display() {
 }
 
 const orlo_timeval_t zero_time{0, 0};
+
+// A picture plane of 64 kB for the converters' rows.
+uint8_t *plane() {
+  static std::vector<std::vector<uint8_t>> planes;
+  planes.emplace_back(65536);
+  return planes.back().data();
+}
 
 struct row {
   const char *name;
@@ -238,6 +246,26 @@ const std::vector<row> &rows() {
          orlo_lumen_pipe_i_only_req(nullptr, 0);
          return true;
        }},
+      // Converters: a width of 0 or below, or a height of 0, writes nothing
+      // and logs nothing, as the converters log nothing at all.
+      {"rgb24_to_yv12_c(width -64)",
+       [] {
+         rgb24_to_yv12_c(plane(), plane(), plane(), plane(), -64, 4, 192);
+         return true;
+       },
+       stated},
+      {"yv12_to_rgb24_c(width -4)",
+       [] {
+         yv12_to_rgb24_c(plane(), 64, plane(), plane(), plane(), 64, 32, -4, 4);
+         return true;
+       },
+       stated},
+      {"yv12_to_rgb24_c(height 0)",
+       [] {
+         yv12_to_rgb24_c(plane(), 64, plane(), plane(), plane(), 64, 32, 64, 0);
+         return true;
+       },
+       stated},
       // The shell.
       {"shell_add_commands", [] { return shell_add_commands(nullptr) == -1; }},
       {"do_shell_cmd", [] { return do_shell_cmd(1, nullptr) == SHELL_ERR_NOT_FOUND; }},
