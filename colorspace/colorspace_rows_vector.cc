@@ -97,6 +97,9 @@ HWY_INLINE Rgb16 Terms(V16 y, const ChromaSplit &c) {
 // scratch and points there.
 constexpr size_t kMaxStep = HWY_MAX_BYTES;
 
+// Records of vectors are declared with braces (Pairs p{}), never through
+// their implicit constructor: GCC builds that outside the NEON target on
+// 32-bit ARM and then cannot inline the vectors' own constructors.
 struct Pairs {
   V16 y_even, y_odd, u, v;
 };
@@ -371,7 +374,7 @@ HWY_INLINE void Step(Put &put, const Source &s, size_t x, uint8_t *d) {
   s.Terms(x, even, odd);
   put.Put(d, even, odd);
 #else
-  Pairs p;
+  Pairs p{};
   s.Get(x, p);
   const ChromaSplit c = ChromaTerms(p.u, p.v);
   put.Put(d, Terms(p.y_even, c), Terms(p.y_odd, c));
@@ -407,7 +410,7 @@ void PlanarPairToRgb(const uint8_t *y0, const uint8_t *y1, const uint8_t *u, con
     Step(put0, PlanarSource{ya, cu, cv}, 0, da);
     Step(put1, PlanarSource{yb, cu, cv}, 0, db);
 #else
-    Pairs a, b;
+    Pairs a{}, b{};
     PlanarSource{ya, cu, cv}.Get(0, a);
     SplitBytes(hn::LoadU(DU16(), reinterpret_cast<const uint16_t *>(yb)), b.y_even, b.y_odd);
     const ChromaSplit c = ChromaTerms(a.u, a.v);
@@ -534,7 +537,7 @@ void RgbToYv12(const uint8_t *s0, const uint8_t *s1, uint8_t *y0, uint8_t *y1, u
       BgrToYv12Step<kBpp>(s0 + x * kBpp, s1 + x * kBpp, y0 + x, y1 + x, u + x / 2, v + x / 2);
 #endif
   for (; x + n <= w; x += n) {
-    Rgb ae, ao, be, bo;
+    Rgb ae{}, ao{}, be{}, bo{};  // braces: see Pairs
     Unpack<F>(s0 + x * kBpp, ae, ao);
     Unpack<F>(s1 + x * kBpp, be, bo);
     hn::StoreU(hn::BitCast(d, hn::Or(Luma(ae), hn::ShiftLeft<8>(Luma(ao)))), d, y0 + x);

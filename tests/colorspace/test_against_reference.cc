@@ -2,9 +2,11 @@
 // strides and flips, with the vector kernels and with the plain ones.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "colorspace.h"
 #include "colorspace_rows.hh"
@@ -187,5 +189,18 @@ TEST_P(Converters, PackedAndInterleavedSourcesMatchTheModel) {
 
 INSTANTIATE_TEST_SUITE_P(Kernels, Converters, ::testing::Values(true, false),
                          [](const auto &info) { return info.param ? "Vector" : "Plain"; });
+
+// On ARM the vector kernels include NEON (the device's ARMv7 has it, found at
+// run time since the armhf baseline leaves it out), so the cases above hold
+// the NEON kernels against the model.
+TEST(VectorTargets, IncludeNeonOnArm) {
+  std::vector<std::string> names;
+  orlo::colorspace::for_each_vector_target([&](const char *t) { names.emplace_back(t); });
+  ASSERT_FALSE(names.empty());
+#if defined(__arm__) || defined(__aarch64__)
+  EXPECT_NE(std::find(names.begin(), names.end(), "NEON"), names.end())
+      << "kernel sets: " << testing::PrintToString(names);
+#endif
+}
 
 }  // namespace

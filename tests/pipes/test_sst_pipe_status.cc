@@ -2,11 +2,14 @@
 // event callback with its printed line, and the parameters it writes.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include "kelapp_sink.h"
 #include "log_capture.hh"
 #include "orlo_sst_pipe.h"
+#include "shared_word.hh"
 
 namespace {
 
@@ -166,6 +169,50 @@ TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
             0u);
   EXPECT_EQ(orlo_sst_pipe_get_last_timestamp(h), 77u);
   EXPECT_EQ(h->base_time, base);
+  gst_object_unref(pad);
+}
+
+// The sink's thread writes the 64-bit status while the application reads it:
+// every value read is one that was written, never the halves of two (a
+// 32-bit target needs an atomic for that).  Each value written has equal
+// halves, so a torn read shows as unequal ones.
+TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
+  gst_element_set_locked_state(h->src, TRUE);
+  gst_element_set_state(h->pipeline, GST_STATE_PAUSED);
+  GstPad *pad = gst_element_get_static_pad(h->kelappsink, "sink");
+  gst_pad_send_event(pad, gst_event_new_stream_start("test"));
+  GstSegment seg;
+  gst_segment_init(&seg, GST_FORMAT_TIME);
+  gst_pad_send_event(pad, gst_event_new_segment(&seg));
+
+  constexpr guint64 kEvents = 3000, kBoth = 0x0000000100000001ull;
+  std::atomic<bool> done{false};
+  testing::internal::CaptureStdout();  // each base time prints a line
+  std::thread writer([&] {
+    for (guint64 k = 1; k <= kEvents; k++) {
+      // Alternating values flip every bit of both halves.
+      const guint64 v = (k % 2 ? 0xA5A5A5A5ull : 0x5A5A5A5Aull) * kBoth;
+      gst_pad_send_event(
+          pad,
+          gst_event_new_custom(
+              GST_EVENT_CUSTOM_DOWNSTREAM,
+              gst_structure_new("KELPlayInfo", "eos-status", G_TYPE_UINT64, v, "overlapped-status",
+                                G_TYPE_UINT64, ~v, "norecord-status", G_TYPE_UINT64, v, "base-time",
+                                G_TYPE_UINT64, ~v, "direction", G_TYPE_INT, 0, nullptr)));
+    }
+    done.store(true);
+  });
+  auto whole = [](guint64 v) { return (v >> 32) == (v & 0xFFFFFFFFu); };
+  unsigned long reads = 0, torn = 0;
+  while (!done.load()) {
+    torn += !whole(orlo_sst_pipe_get_eos_mask(h)) + !whole(orlo_sst_pipe_get_overlapped_mask(h)) +
+            !whole(orlo_sst_pipe_get_norecord_mask(h)) + !whole(orlo::load_word(h->base_time));
+    reads++;
+  }
+  writer.join();
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(torn, 0u) << "in " << reads << " rounds of reads";
+  EXPECT_EQ(orlo_sst_pipe_get_eos_mask(h), 0x5A5A5A5Aull * kBoth);
   gst_object_unref(pad);
 }
 

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Drives a shell session with socat and compares every byte the server sent.
-#   socat_session.sh <shell_server> <socat>
+#   socat_session.sh <socat> [<emulator...>] <shell_server>
 set -u
-server=$1
-socat=$2
+socat=$1
+shift
 work=$(mktemp -d)
-"$server" >"$work/port" </dev/null &
+"$@" >"$work/port" </dev/null &
 pid=$!
 trap 'kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; rm -rf "$work"' EXIT
 
