@@ -26,6 +26,10 @@
 #include <utility>
 #include <vector>
 
+#if defined(__arm__)
+#include <sys/auxv.h>
+#endif
+
 #include "colorspace_rows.hh"
 
 HWY_BEFORE_NAMESPACE();
@@ -666,28 +670,40 @@ HWY_EXPORT(FillRowKernels);
 namespace {
 RowKernels vector_kernels;
 
-void fill_vector_kernels() {
+// The instruction sets this processor runs.  Highway's own check never
+// reports NEON on 32-bit ARM (it looks for hwcap names that glibc spells
+// HWCAP_ARM_*), so there NEON with VFPv4 is read from the kernel's hwcap.
+int64_t runnable_targets() {
+  int64_t targets = hwy::SupportedTargets();
+#if HWY_ARCH_ARM_V7 && defined(HWCAP_ARM_NEON) && defined(HWCAP_ARM_VFPv4)
+  const unsigned long hw = getauxval(AT_HWCAP);
+  if ((hw & HWCAP_ARM_NEON) != 0 && (hw & HWCAP_ARM_VFPv4) != 0) targets |= HWY_NEON;
+#endif
+  return targets;
+}
+
+// The kernels of the best of `targets`, the plain ones where it has none.
+void fill_vector_kernels(int64_t targets) {
   vector_kernels = plain_row_kernels();
+  hwy::GetChosenTarget().Update(targets);
   HWY_DYNAMIC_DISPATCH(FillRowKernels)(&vector_kernels);
 }
 }  // namespace
 
 const RowKernels &vector_row_kernels() {
-  static const bool filled = (fill_vector_kernels(), true);
+  static const bool filled = (fill_vector_kernels(runnable_targets()), true);
   (void)filled;
   return vector_kernels;
 }
 
 void for_each_vector_target(const std::function<void(const char *target)> &fn) {
   (void)vector_row_kernels();
-  const std::vector<int64_t> targets = hwy::SupportedAndGeneratedTargets();
-  for (int64_t target : targets) {
-    hwy::SetSupportedTargetsForTest(target);
-    fill_vector_kernels();
+  for (int64_t left = runnable_targets() & HWY_TARGETS; left != 0; left &= left - 1) {
+    const int64_t target = left & -left;
+    fill_vector_kernels(target);
     fn(hwy::TargetName(target));
   }
-  hwy::SetSupportedTargetsForTest(0);
-  fill_vector_kernels();
+  fill_vector_kernels(runnable_targets());
 }
 
 }  // namespace orlo::colorspace
