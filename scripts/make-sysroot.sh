@@ -44,6 +44,15 @@ while IFS= read -r -d '' link; do
   ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$partial$target")" "$link"
 done < <(find "$partial/lib" "$partial/usr/lib" -type l -lname '/*' -print0)
 
+# Unpacked packages set up no alternatives: the BLAS and LAPACK that
+# libavcodec's plugin loads are linked by hand where the loader looks.
+libdir=$(find "$partial/usr/lib" -mindepth 1 -maxdepth 1 -type d -name '*-linux-gnu*' | head -n 1)
+for alt in blas/libblas.so.3 lapack/liblapack.so.3; do
+  if [ -e "$libdir/$alt" ] && [ ! -e "$libdir/$(basename "$alt")" ]; then
+    ln -sfn "$alt" "$libdir/$(basename "$alt")"
+  fi
+done
+
 touch "$partial/.complete"
 mv "$partial" "$root"
 echo "sysroot: $root is ready ($(du -sh "$root" | cut -f1))"
