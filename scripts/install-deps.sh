@@ -20,7 +20,7 @@ PKGS=(
 [ "${1:-}" = "--packaging" ] && PKGS+=(debhelper dpkg-dev fakeroot lintian)
 # The target's libraries come from its own root folder (scripts/make-sysroot.sh).
 CROSS_armhf=(
-  cmake ninja-build pkg-config git socat
+  cmake ninja-build pkg-config git socat ffmpeg
   g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf mmdebstrap qemu-user
 )
 if [ "${1:-}" = "--arch" ]; then

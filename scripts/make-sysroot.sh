@@ -9,7 +9,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 arch=${1:?usage: make-sysroot.sh armhf|arm64}
 root=$PWD/build/sysroot-$arch
-[ -f "$root/.complete" ] && { echo "sysroot: reusing $root"; exit 0; }
 
 # The -dev packages pull in the runtime libraries; the plugin packages are
 # what the tests' pipelines load under the emulator.
@@ -20,8 +19,15 @@ PKGS=(
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
   libyuv-dev libhwy-dev libjpeg62-turbo-dev libpng-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libgstrtspserver-1.0-dev
 )
+# The marker of a complete folder holds the package list it was made from:
+# a folder made from another list is made again.
+wanted=$(printf '%s\n' "$arch" "${PKGS[@]}")
+if [ -f "$root/.complete" ] && [ "$(cat "$root/.complete")" = "$wanted" ]; then
+  echo "sysroot: reusing $root"
+  exit 0
+fi
 partial=$root.partial
 rm -rf "$partial"
 mkdir -p "$(dirname "$root")"
@@ -53,6 +59,7 @@ for alt in blas/libblas.so.3 lapack/liblapack.so.3; do
   fi
 done
 
-touch "$partial/.complete"
+printf '%s\n' "$wanted" >"$partial/.complete"
+rm -rf "$root"
 mv "$partial" "$root"
 echo "sysroot: $root is ready ($(du -sh "$root" | cut -f1))"
