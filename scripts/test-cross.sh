@@ -23,7 +23,9 @@ run() {
   echo "step $step: $((SECONDS - start)) s"
 }
 emulator_starts() {
-  "$qemu" -L "$root" "$root/usr/bin/gst-inspect-1.0" --version | head -n 1 | grep -q 'GStreamer'
+  local said
+  said=$("$qemu" -L "$root" "$root/usr/bin/gst-inspect-1.0" --version) || return 1
+  grep -q '^GStreamer 1\.' <<<"$said"
 }
 run packages bash scripts/install-deps.sh --arch "$arch"
 run sysroot bash scripts/make-sysroot.sh "$arch"
