@@ -7,13 +7,14 @@
 # into one program.  LINK takes libraries (paths or generator expressions),
 # DEPENDS the targets they come from.  ctest runs the program for 30 s from
 # the checked-in seeds; new inputs go to the build's corpus folder of the
-# target.  The sanitizer build leaves it out: the fuzzer carries its own.
+# target.  The sanitizer build leaves it out: the fuzzer carries its own.  A
+# cross build leaves it out too: it is a program of the build machine.
 find_program(CLANGXX clang++)
 
 function(orlo_fuzzer name)
   cmake_parse_arguments(F "" "SEEDS;MAX_LEN" "SOURCES;INCLUDES;LINK;DEFINES;DEPENDS" ${ARGN})
-  if(NOT CLANGXX OR ORLO_SANITIZE)
-    message(STATUS "clang++ not found or sanitizer build: the fuzzer ${name} is skipped")
+  if(NOT CLANGXX OR ORLO_SANITIZE OR CMAKE_CROSSCOMPILING)
+    message(STATUS "clang++ not found, sanitizer or cross build: the fuzzer ${name} is skipped")
     return()
   endif()
   set(flags -std=c++20 -O1 -g -fsanitize=fuzzer-no-link,address,undefined
