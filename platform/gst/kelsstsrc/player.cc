@@ -276,9 +276,13 @@ bool player::rescan_waiting() {
     if (!c.waiting) continue;
     const long last = c.rec.frames().empty() ? -1 : static_cast<long>(c.rec.frames().size()) - 1;
     c.rec.scan();
-    // A channel that never started waits for its first intra frame.
+    // A channel that never started waits for its first intra frame; one that
+    // played up to its last frame goes on with the frame after it, whatever
+    // its type: the scan may have caught the recorder in the middle of a
+    // group of pictures.
     const long next = c.next < 0 && last < 0 ? step_from(c, -1) : step_from(c, last);
-    if (next >= 0 && c.rec.frames()[next].intra) {
+    const bool continues = c.taken >= 0 && c.taken == last;
+    if (next >= 0 && (continues || c.rec.frames()[next].intra)) {
       c.next = next;
       c.ended = c.waiting = false;
       eos_ &= ~bit(c.ch);
