@@ -30,6 +30,13 @@ constexpr uint8_t kPrefix[] = {0x00,      0x00,      0x01,      0x06,     0x05, 
                                kUuid[12], kUuid[13], kUuid[14], kUuid[15]};
 constexpr int64_t kOverlapSlack = 1000000000;  // B-frame reordering stays well below this
 
+// `t` lies more than the slack before `than`.  Times come from the files, so
+// any value may stand there: the difference is taken without overflow.
+bool earlier_beyond_slack(int64_t t, int64_t than) {
+  return t<than &&static_cast<uint64_t>(than) - static_cast<uint64_t>(t)> static_cast<uint64_t>(
+      kOverlapSlack);
+}
+
 void put_le(uint8_t *p, uint64_t v, int n) {
   for (int i = 0; i < n; i++) p[i] = static_cast<uint8_t>(v >> (8 * i));
 }
@@ -180,7 +187,7 @@ bool recording::scan_segment(size_t k) {
     }
     truncated_ = f.offset + f.size > length;  // the last write was cut short
     if (truncated_) break;
-    if (!frames_.empty() && f.time + kOverlapSlack < frames_.back().time) overlapped_ = true;
+    if (!frames_.empty() && earlier_beyond_slack(f.time, frames_.back().time)) overlapped_ = true;
     frames_.push_back(f);
     pos = segments_[k].scanned = f.offset + f.size;
   }
