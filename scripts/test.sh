@@ -13,6 +13,4 @@ esac
 bash scripts/install-deps.sh
 cmake --preset "$preset"
 cmake --build --preset "$preset" -j"$(nproc)"
-# A case that fails is run again up to twice before it counts as failed: the
-# machine is shared and a few end-to-end cases depend on the scheduler.
-ctest --preset "$preset" -j"$(nproc)" --repeat until-pass:3
+ctest --preset "$preset" -j"$(nproc)"

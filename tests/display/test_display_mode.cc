@@ -1,8 +1,13 @@
 // Mode selection (first configuration and start of the engine) and the
 // decode table.
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <ostream>
 #include <thread>
 
@@ -256,16 +261,29 @@ TEST(DecodeChange, CopiesFourWordsPerSlotAndDerivesTheWaits) {
   }
 }
 
+// Whether thread `tid` of this process is asleep (in a lock's wait).
+bool asleep(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string all((std::istreambuf_iterator<char>(stat)), {});
+  const size_t at = all.rfind(')');
+  return at != std::string::npos && at + 2 < all.size() && all[at + 2] == 'S';
+}
+
 TEST(DecodeChange, WaitsForTheRenderLock) {
   orlo_display_t *h = make_display();
   std::vector<orlo_decode_cfg_t> table(ORLO_MAX_SLOT, orlo_decode_cfg_t{2, 0, 1, nullptr, {}});
   g_mutex_lock(h->mutex);
   std::atomic<bool> done{false};
+  std::atomic<pid_t> tid{0};
   std::thread t([&] {
+    tid = gettid();
     orlo_display_decode_change(h, table.data());
     done = true;
   });
-  g_usleep(50000);
+  // The writer either finishes (the fault) or goes to sleep on the lock.
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!done && !(tid != 0 && asleep(tid)) && std::chrono::steady_clock::now() < end)
+    std::this_thread::yield();
   EXPECT_FALSE(done.load());
   EXPECT_EQ(h->ch_port[83], 0);
   g_mutex_unlock(h->mutex);

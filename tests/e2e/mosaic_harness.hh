@@ -12,11 +12,9 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "kel_buffers.h"
 #include "orlo_display.h"
 #include "orlo_lumen_pipe.h"
 #include "ravel_soft.h"
@@ -128,7 +126,6 @@ class mosaic {
     g_object_set(src, "width", kCamWidth, "height", kCamHeight, "key-interval", 5, "bitrate", 256,
                  "streams", streams, nullptr);
     configure(src);
-    orlo_lumen_pipe_set_src_handoff(pipe_, &mosaic::on_handoff, this);
     orlo_lumen_pipe_start(pipe_);
     orlo_display_bind_src_pipe(h_display_, orlo_lumen_pipe_get_kelappsink(pipe_), 0);
     for (int j = 0; j < cameras; ++j) orlo_lumen_pipe_open_ch(pipe_, j);
@@ -147,39 +144,16 @@ class mosaic {
     return p;
   }
 
-  // The latest intra frame of a header channel as the source handed it off
-  // (a new reference), or NULL.
-  GstBuffer *last_intra(int ch) {
-    std::lock_guard<std::mutex> lock(intra_lock_);
-    GstBuffer *b = intra_[static_cast<size_t>(ch)];
-    return b != nullptr ? gst_buffer_ref(b) : nullptr;
-  }
-
   ~mosaic() {
     if (pipe_ != nullptr) orlo_lumen_pipe_stop(pipe_);
     if (h_display_ != nullptr) orlo_display_stop(h_display_);
-    std::lock_guard<std::mutex> lock(intra_lock_);
-    for (GstBuffer *&b : intra_)
-      if (b != nullptr) gst_buffer_unref(b);
   }
 
  private:
-  static void on_handoff(int ch, void *data, int size, void *self_) {
-    auto *self = static_cast<mosaic *>(self_);
-    if (ch < 0 || ch >= 32 || size <= 24 || static_cast<uint8_t *>(data)[8] != 1) return;
-    GstBuffer *copy = gst_kel_buddy_buffer_new_copy(data, static_cast<gsize>(size));
-    std::lock_guard<std::mutex> lock(self->intra_lock_);
-    GstBuffer *&slot = self->intra_[static_cast<size_t>(ch)];
-    if (slot != nullptr) gst_buffer_unref(slot);
-    slot = copy;
-  }
-
   orlo_display_t *h_display_ = nullptr;
   ravel_t *engine_ = nullptr;
   orlo_lumen_pipe_t *pipe_ = nullptr;
   orlo_vr_t vr_[ORLO_MAX_VR] = {};
-  std::mutex intra_lock_;
-  std::array<GstBuffer *, 32> intra_ = {};
 };
 
 // Decode table that sends live channel j (stream slot 16 + j) to port[j].

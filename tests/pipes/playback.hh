@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "eventually.hh"
 #include "kelapp_sink.h"
 #include "orlo_sst_pipe.h"
 
@@ -56,14 +57,7 @@ struct frame_seen {
 };
 frame_seen read_header(const uint8_t *d);
 
-// Polls `ok` every few milliseconds for up to `seconds`.
-template <typename F>
-bool eventually(F &&ok, double seconds = 20) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!ok() && std::chrono::steady_clock::now() < until)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return ok();
-}
+using testing_support::eventually;
 
 // Installs itself as the sink's render callback and keeps what it renders.
 class collector {

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "eventually.hh"
 #include "fake_engine.hh"
 #include "kel_buffers.h"
 #include "log_capture.hh"
@@ -71,12 +72,6 @@ std::vector<pushed> pushes() {
   return out;
 }
 
-template <typename F>
-bool wait_for(F &&ok, std::chrono::seconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!ok() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(50ms);
-  return ok();
-}
 
 }  // namespace
 
@@ -132,13 +127,13 @@ TEST(BringUp, FourSyntheticCamerasReachPortZeroThroughTheRenderWorker) {
 
   // Each camera's sub stream (channels 16..19) gets through; main streams
   // (slots 16..19) are off and never reach the engine.
-  ASSERT_TRUE(wait_for(
+  ASSERT_TRUE(testing_support::eventually(
       [] {
         std::map<int, int> intra;
         for (const auto &p : pushes()) intra[p.ch] += p.type == 1;
         return intra[16] >= 2 && intra[17] >= 2 && intra[18] >= 2 && intra[19] >= 2;
       },
-      60s));
+      60));
   orlo_lumen_pipe_stop(pipe);
   const auto all = pushes();
   for (int slot = 32; slot <= 35; ++slot) EXPECT_EQ(h->ch_wait_first[slot], 0) << slot;

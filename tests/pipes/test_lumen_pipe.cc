@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "eventually.hh"
 #include "kel_buffers.h"
 #include "kelapp_sink.h"
 #include "log_capture.hh"
@@ -19,6 +20,8 @@
 using namespace std::chrono_literals;
 
 namespace {
+
+using testing_support::eventually;
 
 // Counts what the sink renders, frame by frame, as the render worker would
 // see it.
@@ -47,16 +50,16 @@ struct render_counter {
     std::lock_guard<std::mutex> g(lock);
     return static_cast<size_t>(std::count(frames.begin(), frames.end(), std::make_pair(ch, type)));
   }
+  // How many of the last frames rendered are all (ch, type).
+  size_t trailing(int ch, int type) {
+    std::lock_guard<std::mutex> g(lock);
+    const auto last = std::find_if(frames.rbegin(), frames.rend(),
+                                   [&](const auto &f) { return f != std::make_pair(ch, type); });
+    return static_cast<size_t>(last - frames.rbegin());
+  }
   void clear() {
     std::lock_guard<std::mutex> g(lock);
     frames.clear();
-  }
-  // Waits, generously, for a condition on what has been rendered.
-  template <typename F>
-  bool wait_for(F &&ok, std::chrono::seconds limit = 20s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!ok() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(20ms);
-    return ok();
   }
 };
 
@@ -144,7 +147,7 @@ TEST_F(LumenPipe, StartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) 
     rc.clear();
     EXPECT_EQ(orlo_lumen_pipe_start(p), 0);
     EXPECT_EQ(state_of(pipeline), GST_STATE_PLAYING) << "round " << round;
-    ASSERT_TRUE(rc.wait_for([&] { return rc.count(1, 1) >= 2 && rc.count(17, 1) >= 2; }))
+    ASSERT_TRUE(eventually([&] { return rc.count(1, 1) >= 2 && rc.count(17, 1) >= 2; }))
         << "round " << round;
     if (round == 0) {
       EXPECT_EQ(orlo_lumen_pipe_stop(p), 0);
@@ -155,19 +158,18 @@ TEST_F(LumenPipe, StartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) 
 
   orlo_lumen_pipe_pause_ch(p, 1, 0);
   orlo_lumen_pipe_i_only_req(p, 17);
-  std::this_thread::sleep_for(300ms);  // what was under way when the requests came
+  // Frames under way when the requests came still arrive; then channel 1 is
+  // paused and 17 sends intra frames only.
+  EXPECT_TRUE(eventually([&] { return rc.trailing(17, 1) >= 3; })) << "paused, intra only";
   rc.clear();
-  ASSERT_TRUE(rc.wait_for([&] { return rc.count(17, 1) >= 3; }));
-  EXPECT_EQ(rc.count(1, 0) + rc.count(1, 1), 0u) << "paused";
-  EXPECT_EQ(rc.count(17, 0), 0u) << "intra frames only";
   orlo_lumen_pipe_resume_ch(p, 1, 0);
   orlo_lumen_pipe_i_only_req(p, -1);
-  EXPECT_TRUE(rc.wait_for([&] { return rc.count(1, 1) >= 1 && rc.count(1, 0) >= 2; }));
-  EXPECT_TRUE(rc.wait_for([&] { return rc.count(17, 0) >= 2; })) << "intra-only ended";
+  EXPECT_TRUE(eventually([&] { return rc.count(1, 1) >= 1 && rc.count(1, 0) >= 2; }));
+  EXPECT_TRUE(eventually([&] { return rc.count(17, 0) >= 2; })) << "intra-only ended";
 
   // Calls for every source of the process: the handle isn't read.
   EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(nullptr, 1), 0);
-  EXPECT_TRUE(rc.wait_for([&] { return rc.count(1, 10) >= 2; }));
+  EXPECT_TRUE(eventually([&] { return rc.count(1, 10) >= 2; }));
   EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(reinterpret_cast<orlo_lumen_pipe_t *>(0x10), -1), 0);
   EXPECT_EQ(orlo_lumen_pipe_set_dev_mac(nullptr, "\x00\x01\x02\x03\x04\x05", 6), 0);
   EXPECT_EQ(orlo_lumen_pipe_send_audio(p, 1, "pcm!", 4), 4);

@@ -97,7 +97,6 @@ TEST_F(SstDispatch, ForwardFramesReachTheirPortsInOrderPacedAndEndWithTheEosBits
   play(0, kStart);
   ASSERT_TRUE(wait_eos());
   ASSERT_TRUE(wait_puts(4 * kFrames));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(seen().size(), static_cast<size_t>(4 * kFrames));
   const auto ports = by_port();
   ASSERT_EQ(ports.size(), 4u);
@@ -128,8 +127,8 @@ TEST_F(SstDispatch, PauseHoldsNextStepsWithTheRenderReportStartResumes) {
   play(0, kStart);
   ASSERT_TRUE(wait_puts(20));
   orlo_sst_pipe_pause(h);
-  gst_element_get_state(h->pipeline, nullptr, nullptr, 5 * GST_SECOND);
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // Once paused, nothing more is rendered for a while.
+  gst_element_get_state(h->pipeline, nullptr, nullptr, 20 * GST_SECOND);
   size_t held = seen().size();
   std::this_thread::sleep_for(std::chrono::milliseconds(400));
   EXPECT_EQ(seen().size(), held);

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <future>
 
 #include "still_support.hh"
 
@@ -97,19 +98,19 @@ TEST(JpegSnapshot, LateAnswerIsFreedByTheCallbackAndTheNextSnapshotWorks) {
 TEST(JpegSnapshot, SecondCallerIsRefusedAtOnce) {
   log_capture log;
   orlo_display_t *h = still::make_display();
-  std::atomic<bool> requested{false};
+  // The engine holds the first request until the second caller was refused.
+  std::promise<ravel_jpeg_cb> requested;
   fake_engine::script("ravel_jpeg_enc", [&](const fake_engine::call &c) -> int64_t {
-    ravel_jpeg_cb cb = c.jpeg_cb;
-    requested = true;
-    still::later(400ms, [cb] { answer(cb, 0); });
+    requested.set_value(c.jpeg_cb);
     return 0;
   });
   int first = 99;
   outs o1, o2;
   std::thread t([&] { first = snapshot(h, 0, 0, 0, o1); });
-  while (!requested) std::this_thread::sleep_for(1ms);
+  const ravel_jpeg_cb cb = requested.get_future().get();
   EXPECT_EQ(snapshot(h, 1, 0, 0, o2), -2);
   EXPECT_EQ(o2.buf, nullptr);
+  answer(cb, 0);
   t.join();
   EXPECT_EQ(first, 0);
   EXPECT_TRUE(logged(log, ": g_mutex_trylock fail!\n"));
@@ -142,9 +143,7 @@ TEST(JpegSnapshot, RefusalsLeaveTheNextSnapshotWorking) {
     answer(c.jpeg_cb, 0);
     return 0;
   });
-  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(snapshot(h, 0, 1, 0, o), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
 }
 
 TEST(JpegSnapshot, PausedFrameFollowsThePortRuleOfEveryDisplayMode) {

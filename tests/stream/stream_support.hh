@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "eventually.hh"
 #include "fake_engine.hh"
 #include "kel_buffers.h"
 #include "kelapp_sink.h"
@@ -128,14 +129,7 @@ inline port_payloads_t port_payloads(size_t skip = 0) {
   return out;
 }
 
-template <typename F>
-bool wait_for(F cond) {
-  for (int i = 0; i < 2000; i++) {
-    if (cond()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return cond();
-}
+using testing_support::eventually;
 
 // A display whose sound device is a pipe, with `sink` bound at index 0.
 class display_test : public ::testing::Test {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 
 namespace fake_engine {
 namespace {
@@ -133,6 +134,34 @@ using fake_engine::call;
 using fake_engine::record;
 using fake_engine::word;
 
+namespace {
+
+// An argument as a word: integers widened, pointers by address.
+template <typename T>
+int64_t as_word(T v) {
+  if constexpr (std::is_pointer_v<T>)
+    return word(reinterpret_cast<const void *>(v));
+  else
+    return static_cast<int64_t>(v);
+}
+
+// Records a call of `name` with its argument words and a copy of `rec`.
+template <typename... A>
+int32_t rec(const char *name, std::vector<uint8_t> rec, A... a) {
+  return static_cast<int32_t>(record({name, {as_word(a)...}, std::move(rec)}));
+}
+template <typename... A>
+int32_t pass(const char *name, A... a) {
+  return rec(name, {}, a...);
+}
+// Records a call whose last argument is a fixed-size record.
+template <typename R>
+int32_t with_record(const char *name, ravel_t *e, const R *r) {
+  return rec(name, bytes(r, sizeof(R)), e, r);
+}
+
+}  // namespace
+
 extern "C" {
 
 ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
@@ -160,33 +189,20 @@ ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
 }
 
 int32_t ravel_init_dec_config_param(ravel_t *e, ravel_dec_config_t *dec) {
-  return static_cast<int32_t>(record({"ravel_init_dec_config_param", {word(e), word(dec)}, {}}));
+  return pass(__func__, e, dec);
 }
-
-int32_t ravel_init_enc_config_param(ravel_t *e, void *enc) {
-  return static_cast<int32_t>(record({"ravel_init_enc_config_param", {word(e), word(enc)}, {}}));
-}
-
+int32_t ravel_init_enc_config_param(ravel_t *e, void *enc) { return pass(__func__, e, enc); }
 int32_t ravel_change_pipe_config(ravel_t *e, ravel_dec_config_t *dec, int32_t count, void *enc,
                                  int32_t ch_count) {
-  return static_cast<int32_t>(
-      record({"ravel_change_pipe_config",
-              {word(e), word(dec), count, word(enc), ch_count},
-              bytes(dec, sizeof(ravel_dec_config_t) * RAVEL_DEC_CONFIG_COUNT)}));
+  return rec(__func__, bytes(dec, sizeof(ravel_dec_config_t) * RAVEL_DEC_CONFIG_COUNT), e, dec,
+             count, enc, ch_count);
 }
-
-int32_t ravel_start(ravel_t *e) {
-  return static_cast<int32_t>(record({"ravel_start", {word(e)}, {}}));
-}
-int32_t ravel_stop(ravel_t *e) {
-  return static_cast<int32_t>(record({"ravel_stop", {word(e)}, {}}));
-}
-
+int32_t ravel_start(ravel_t *e) { return pass(__func__, e); }
+int32_t ravel_stop(ravel_t *e) { return pass(__func__, e); }
 int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t count,
                               int32_t display, int32_t playback) {
-  return static_cast<int32_t>(record({"ravel_change_geometry",
-                                      {word(e), word(regions), count, display, playback},
-                                      bytes(regions, sizeof(ravel_region_t) * 37)}));
+  return rec(__func__, bytes(regions, sizeof(ravel_region_t) * 37), e, regions, count, display,
+             playback);
 }
 
 int32_t ravel_put_decode_stream(ravel_t *e, int32_t port, void *buffer, const uint8_t *data,
@@ -221,109 +237,69 @@ int32_t ravel_jpeg_enc(ravel_t *e, int32_t ch, int32_t flag, ravel_jpeg_cb cb) {
   return static_cast<int32_t>(record(c));
 }
 int32_t ravel_set_jpeg_dstntimeimg(ravel_t *e, int32_t ch, uint32_t dstn, uint32_t timeimg) {
-  return static_cast<int32_t>(
-      record({"ravel_set_jpeg_dstntimeimg", {word(e), ch, dstn, timeimg}, {}}));
+  return pass(__func__, e, ch, dstn, timeimg);
 }
 int32_t ravel_set_jpeg_timestamp(ravel_t *e, int32_t port, uint32_t ts) {
-  return static_cast<int32_t>(record({"ravel_set_jpeg_timestamp", {word(e), port, ts}, {}}));
+  return pass(__func__, e, port, ts);
 }
-int32_t ravel_pause_frame(ravel_t *e, int32_t port) {
-  return static_cast<int32_t>(record({"ravel_pause_frame", {word(e), port}, {}}));
-}
-
-int32_t ravel_capture_drv_start(ravel_t *e, int32_t ch) {
-  return static_cast<int32_t>(record({"ravel_capture_drv_start", {word(e), ch}, {}}));
-}
-int32_t ravel_capture_drv_stop(ravel_t *e, int32_t ch) {
-  return static_cast<int32_t>(record({"ravel_capture_drv_stop", {word(e), ch}, {}}));
-}
+int32_t ravel_pause_frame(ravel_t *e, int32_t port) { return pass(__func__, e, port); }
+int32_t ravel_capture_drv_start(ravel_t *e, int32_t ch) { return pass(__func__, e, ch); }
+int32_t ravel_capture_drv_stop(ravel_t *e, int32_t ch) { return pass(__func__, e, ch); }
 int32_t ravel_register_get_encode_stream(ravel_t *e, void *cb, void *user) {
-  return static_cast<int32_t>(
-      record({"ravel_register_get_encode_stream", {word(e), word(cb), word(user)}, {}}));
+  return pass(__func__, e, cb, user);
 }
 int32_t ravel_register_captmode_change(ravel_t *e, void *cb, void *user) {
-  return static_cast<int32_t>(
-      record({"ravel_register_captmode_change", {word(e), word(cb), word(user)}, {}}));
+  return pass(__func__, e, cb, user);
 }
 int32_t ravel_register_encode_mosaic_stream(ravel_t *e, void *cb, void *user, int32_t stream,
                                             int32_t r) {
-  return static_cast<int32_t>(record(
-      {"ravel_register_encode_mosaic_stream", {word(e), word(cb), word(user), stream, r}, {}}));
+  return pass(__func__, e, cb, user, stream, r);
 }
 int32_t ravel_encode_change(ravel_t *e, int32_t ch, int32_t stream, void *param) {
-  return static_cast<int32_t>(
-      record({"ravel_encode_change", {word(e), ch, stream, word(param)}, {}}));
+  return pass(__func__, e, ch, stream, param);
 }
 int32_t ravel_set_encode_bitrate(ravel_t *e, int32_t ch, int32_t stream, int32_t bitrate) {
-  return static_cast<int32_t>(
-      record({"ravel_set_encode_bitrate", {word(e), ch, stream, bitrate}, {}}));
+  return pass(__func__, e, ch, stream, bitrate);
 }
 int32_t ravel_get_encode_bitrate(ravel_t *e, int32_t ch, int32_t stream, int32_t *bitrate) {
-  return static_cast<int32_t>(
-      record({"ravel_get_encode_bitrate", {word(e), ch, stream, word(bitrate)}, {}}));
+  return pass(__func__, e, ch, stream, bitrate);
 }
 int32_t ravel_motion_detect_config_param(ravel_t *e, int32_t ch, void *param, int32_t size) {
-  return static_cast<int32_t>(
-      record({"ravel_motion_detect_config_param", {word(e), ch, word(param), size}, {}}));
+  return pass(__func__, e, ch, param, size);
 }
 int32_t ravel_set_time(ravel_t *e, int32_t w, uint64_t time, int32_t w2) {
-  return static_cast<int32_t>(
-      record({"ravel_set_time", {word(e), w, static_cast<int64_t>(time), w2}, {}}));
+  return pass(__func__, e, w, time, w2);
 }
-int32_t ravel_set_sys_time_init(uint64_t time) {
-  return static_cast<int32_t>(
-      record({"ravel_set_sys_time_init", {static_cast<int64_t>(time)}, {}}));
-}
-int32_t ravel_set_sys_time_sync(uint64_t time) {
-  return static_cast<int32_t>(
-      record({"ravel_set_sys_time_sync", {static_cast<int64_t>(time)}, {}}));
-}
+int32_t ravel_set_sys_time_init(uint64_t time) { return pass(__func__, time); }
+int32_t ravel_set_sys_time_sync(uint64_t time) { return pass(__func__, time); }
 uintptr_t ravel_get_hostcomm_addr(ravel_t *e, int32_t which, int32_t size) {
-  return static_cast<uintptr_t>(record({"ravel_get_hostcomm_addr", {word(e), which, size}, {}}));
+  return static_cast<uintptr_t>(record({__func__, {word(e), which, size}, {}}));
 }
 int32_t ravel_set_display_enable(ravel_t *e, int32_t display, int32_t enable) {
-  return static_cast<int32_t>(record({"ravel_set_display_enable", {word(e), display, enable}, {}}));
+  return pass(__func__, e, display, enable);
 }
 int32_t ravel_set_osd_enable(ravel_t *e, int32_t a, int32_t b, int32_t c) {
-  return static_cast<int32_t>(record({"ravel_set_osd_enable", {word(e), a, b, c}, {}}));
+  return pass(__func__, e, a, b, c);
 }
 int32_t ravel_set_osd_option(ravel_t *e, int32_t a, int32_t b, int32_t c) {
-  return static_cast<int32_t>(record({"ravel_set_osd_option", {word(e), a, b, c}, {}}));
+  return pass(__func__, e, a, b, c);
 }
-int32_t ravel_set_mask(ravel_t *e, const ravel_mask_t *m) {
-  return static_cast<int32_t>(
-      record({"ravel_set_mask", {word(e), word(m)}, bytes(m, sizeof(ravel_mask_t))}));
-}
+int32_t ravel_set_mask(ravel_t *e, const ravel_mask_t *m) { return with_record(__func__, e, m); }
 int32_t ravel_set_ROI_coordinate(ravel_t *e, const ravel_roi_t *r) {
-  return static_cast<int32_t>(
-      record({"ravel_set_ROI_coordinate", {word(e), word(r)}, bytes(r, sizeof(ravel_roi_t))}));
+  return with_record(__func__, e, r);
 }
-int32_t ravel_set_dnr(ravel_t *e, const ravel_dnr_t *d) {
-  return static_cast<int32_t>(
-      record({"ravel_set_dnr", {word(e), word(d)}, bytes(d, sizeof(ravel_dnr_t))}));
-}
-int32_t ravel_set_mirror(ravel_t *e, const int32_t *m) {
-  return static_cast<int32_t>(
-      record({"ravel_set_mirror", {word(e), word(m)}, bytes(m, sizeof(int32_t))}));
-}
-int32_t ravel_set_rotate(ravel_t *e, const int32_t *r) {
-  return static_cast<int32_t>(
-      record({"ravel_set_rotate", {word(e), word(r)}, bytes(r, sizeof(int32_t))}));
-}
+int32_t ravel_set_dnr(ravel_t *e, const ravel_dnr_t *d) { return with_record(__func__, e, d); }
+int32_t ravel_set_mirror(ravel_t *e, const int32_t *m) { return with_record(__func__, e, m); }
+int32_t ravel_set_rotate(ravel_t *e, const int32_t *r) { return with_record(__func__, e, r); }
 int32_t ravel_set_datetime_format(ravel_t *e, const ravel_datetime_format_t *f) {
-  return static_cast<int32_t>(record({"ravel_set_datetime_format",
-                                      {word(e), word(f)},
-                                      bytes(f, sizeof(ravel_datetime_format_t))}));
+  return with_record(__func__, e, f);
 }
 int32_t ravel_set_ip_osd_enable(ravel_t *e, const ravel_ip_osd_t *o) {
-  return static_cast<int32_t>(
-      record({"ravel_set_ip_osd_enable", {word(e), word(o)}, bytes(o, sizeof(ravel_ip_osd_t))}));
+  return with_record(__func__, e, o);
 }
-int32_t ravel_check_alive_m3(ravel_t *e, int32_t a, int32_t b) {
-  return static_cast<int32_t>(record({"ravel_check_alive_m3", {word(e), a, b}, {}}));
-}
+int32_t ravel_check_alive_m3(ravel_t *e, int32_t a, int32_t b) { return pass(__func__, e, a, b); }
 int32_t ravel_print_statistics(ravel_t *e, int32_t a, int32_t b) {
-  return static_cast<int32_t>(record({"ravel_print_statistics", {word(e), a, b}, {}}));
+  return pass(__func__, e, a, b);
 }
 
 }  // extern "C"
