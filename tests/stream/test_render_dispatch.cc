@@ -142,6 +142,8 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   orlo::ref_ptr<GstElement> other =
       orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
   EXPECT_EQ(orlo_display_bind_src_pipe(h, other.get(), 3), -1);
+  EXPECT_EQ(orlo_display_bind_src_pipe(h, nullptr, 3), -1);
+  EXPECT_EQ(orlo_display_bind_src_pipe(nullptr, c.element(), 3), -1);
   EXPECT_EQ(h->sinks[0], sink.element());
   EXPECT_EQ(h->sinks[1], b.element());
   for (int i = 2; i < ORLO_MAX_SINK; i++) EXPECT_EQ(h->sinks[i], nullptr);
@@ -150,6 +152,12 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   EXPECT_EQ(std::vector<std::string>(warnings.begin(), warnings.begin() + 3),
             (std::vector<std::string>{"App idx 0 is aleady used.\n", "Invalid kelappsink_idx\n",
                                       "Invalid kelappsink_idx\n"}));
+  const auto refused = log.texts(G_LOG_LEVEL_CRITICAL);
+  ASSERT_EQ(refused.size(), 3u);
+  EXPECT_NE(refused[0].find("GST_IS_KELAPP_SINK"), std::string::npos);
+  for (size_t i = 1; i < 3; i++)
+    EXPECT_EQ(refused[i], "orlo_display_bind_src_pipe: assertion 'h_display != NULL && sink != "
+                          "NULL' failed");
 }
 
 TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
@@ -171,8 +179,9 @@ TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
   EXPECT_EQ(port_payloads(), (port_payloads_t{{5, "B0i"}, {4, "A1i"}}));
   EXPECT_EQ(heard(), "");
   const std::vector<std::string> warnings = log.texts(G_LOG_LEVEL_WARNING);
-  const char *said[] = {"shorter than its header", "claims 100 payload bytes",
-                        "claims 200 payload bytes", "channel 200", "channel 84"};
+  const char *said[] = {"shorter than its header", "claims 100 payload bytes, the buffer holds 5",
+                        "claims 200 payload bytes, the buffer holds 3", "channel 200",
+                        "channel 84"};
   ASSERT_EQ(warnings.size(), 6u);
   for (size_t i = 0; i < 5; i++) EXPECT_NE(warnings[i].find(said[i]), std::string::npos) << i;
   EXPECT_EQ(warnings[5], "Invalid Frame Type = 7\n");
