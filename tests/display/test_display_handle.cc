@@ -112,13 +112,6 @@ INSTANTIATE_TEST_SUITE_P(Table, DisplayFormat,
                                   std::to_string(f < 0 ? -f : f);
                          });
 
-TEST(DisplayNew, AudioDescriptorIsKept) {
-  const int32_t formats[] = {0};
-  orlo_display_t *h = orlo_display_new(formats, 0, 4, 0, 1, 7, nullptr);
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->h_audio, 7);
-}
-
 TEST(DisplayNew, BadArgumentsAreRefusedBeforeTheEngine) {
   log_capture log;
   const int32_t formats[] = {0};
