@@ -72,7 +72,6 @@ std::vector<pushed> pushes() {
   return out;
 }
 
-
 }  // namespace
 
 // Spies that stand between the routine and the library: each records what it

@@ -156,8 +156,9 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   ASSERT_EQ(refused.size(), 3u);
   EXPECT_NE(refused[0].find("GST_IS_KELAPP_SINK"), std::string::npos);
   for (size_t i = 1; i < 3; i++)
-    EXPECT_EQ(refused[i], "orlo_display_bind_src_pipe: assertion 'h_display != NULL && sink != "
-                          "NULL' failed");
+    EXPECT_EQ(refused[i],
+              "orlo_display_bind_src_pipe: assertion 'h_display != NULL && sink != "
+              "NULL' failed");
 }
 
 TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {

@@ -298,8 +298,6 @@ int32_t ravel_set_ip_osd_enable(ravel_t *e, const ravel_ip_osd_t *o) {
   return with_record(__func__, e, o);
 }
 int32_t ravel_check_alive_m3(ravel_t *e, int32_t a, int32_t b) { return pass(__func__, e, a, b); }
-int32_t ravel_print_statistics(ravel_t *e, int32_t a, int32_t b) {
-  return pass(__func__, e, a, b);
-}
+int32_t ravel_print_statistics(ravel_t *e, int32_t a, int32_t b) { return pass(__func__, e, a, b); }
 
 }  // extern "C"
