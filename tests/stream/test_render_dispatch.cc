@@ -306,6 +306,12 @@ TEST_F(Audio, ChoiceOfChannelAndAll) {
   }
   // Every slot is off: the video frame went nowhere, the audio played.
   EXPECT_TRUE(fake_engine::calls("ravel_put_decode_stream").empty());
+  // An empty frame writes nothing and is no loss.
+  log_capture log;
+  orlo_display_audio_change(h, -1, 1);
+  sink.render(make_list({make_frame(1, 10, "")}));
+  EXPECT_EQ(heard(), "");
+  EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
 }
 
 TEST(AudioDevice, WithoutADeviceEachSelectedFrameLogsItsLoss) {
