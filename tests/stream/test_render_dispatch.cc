@@ -170,13 +170,14 @@ TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
   gst_kel_buddy_buffer_get_meta(overlong)->data[4] = 100;  // claims 100 bytes, holds 5
   GstBuffer *overlong_audio = make_frame(0, 10, "pcm");
   gst_kel_buddy_buffer_get_meta(overlong_audio)->data[4] = 200;
-  sink.render(make_list({gst_kel_buddy_buffer_new(10),  // shorter than a header
+  // Channel 0's good frame comes first: nothing after it may stand in its place.
+  sink.render(make_list({make_frame(0, 1, "A1i"),
+                         gst_kel_buddy_buffer_new(10),  // shorter than a header
                          overlong, overlong_audio,
                          gst_buffer_new_allocate(nullptr, 64, nullptr),  // no frame at all
-                         make_frame(200, 1, "far"),  // slot 200: outside every table
-                         make_frame(84, 1, "edge"),  // slot 84: one past the last
-                         make_frame(1, 7, "B1t7"),   // type 7 on a started slot
-                         make_frame(0, 1, "A1i")}));
+                         make_frame(200, 1, "far"),    // slot 200: outside every table
+                         make_frame(84, 1, "edge"),    // slot 84: one past the last
+                         make_frame(1, 7, "B1t7")}));  // type 7 on a started slot
   EXPECT_EQ(port_payloads(), (port_payloads_t{{5, "B0i"}, {4, "A1i"}}));
   EXPECT_EQ(heard(), "");
   const std::vector<std::string> warnings = log.texts(G_LOG_LEVEL_WARNING);
