@@ -65,6 +65,18 @@ class SstPipe : public ::testing::Test {
     gst_element_set_locked_state(h->src, FALSE);
     orlo_sst_pipe_delete(h);
   }
+  // The sink up with the source held back, so that the test hands it events;
+  // the caller unrefs the pad.
+  GstPad *sink_pad_up() {
+    gst_element_set_locked_state(h->src, TRUE);
+    gst_element_set_state(h->pipeline, GST_STATE_PAUSED);
+    GstPad *pad = gst_element_get_static_pad(h->kelappsink, "sink");
+    gst_pad_send_event(pad, gst_event_new_stream_start("test"));
+    GstSegment seg;
+    gst_segment_init(&seg, GST_FORMAT_TIME);
+    gst_pad_send_event(pad, gst_event_new_segment(&seg));
+    return pad;
+  }
   orlo_sst_pipe_t *h = nullptr;
 };
 
@@ -110,14 +122,7 @@ TEST(SstPipeNew, StandsWithItsElementsPropertiesAndLogLines) {
 // Each KELPlayInfo event replaces the masks and the direction; a non-zero
 // base time is kept and printed, hours unbounded, all bits set as nines.
 TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
-  // The sink up with the source held back, so that the test hands it events.
-  gst_element_set_locked_state(h->src, TRUE);
-  gst_element_set_state(h->pipeline, GST_STATE_PAUSED);
-  GstPad *pad = gst_element_get_static_pad(h->kelappsink, "sink");
-  gst_pad_send_event(pad, gst_event_new_stream_start("test"));
-  GstSegment seg;
-  gst_segment_init(&seg, GST_FORMAT_TIME);
-  gst_pad_send_event(pad, gst_event_new_segment(&seg));
+  GstPad *pad = sink_pad_up();
 
   const guint64 s = GST_SECOND;
   struct {
@@ -177,13 +182,7 @@ TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
 // 32-bit target needs an atomic for that).  Each value written has equal
 // halves, so a torn read shows as unequal ones.
 TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
-  gst_element_set_locked_state(h->src, TRUE);
-  gst_element_set_state(h->pipeline, GST_STATE_PAUSED);
-  GstPad *pad = gst_element_get_static_pad(h->kelappsink, "sink");
-  gst_pad_send_event(pad, gst_event_new_stream_start("test"));
-  GstSegment seg;
-  gst_segment_init(&seg, GST_FORMAT_TIME);
-  gst_pad_send_event(pad, gst_event_new_segment(&seg));
+  GstPad *pad = sink_pad_up();
 
   constexpr guint64 kEvents = 3000, kBoth = 0x0000000100000001ull;
   std::atomic<bool> done{false};
