@@ -396,17 +396,22 @@ void print_statistics(demo &d) {
       "%d snapshots, %d thumbnails",
       wall, d.mode.load(), d.opt.channels, d.opt.width, d.opt.height, d.mode_changes.load(),
       d.snapshots.load(), d.thumbnails.load());
-  report("orlo-demo: port accepted refused decoded  shown errors skipped  dec/s");
+  // Every accepted frame stands in exactly one of decoded, errors, skipped,
+  // flushed and queued (read at one instant), so each row's sum can be
+  // checked by eye; pictures and shown count what left the decoder and what
+  // reached a display, refused what never got in.
+  report(
+      "orlo-demo: port accepted = decoded + errors + skipped + flushed + queued | pictures "
+      "  shown refused  dec/s");
   uint64_t decoded = 0;
   for (int port = 0; port < RAVEL_SOFT_PORTS; ++port) {
     ravel_soft_port_stats_t s{};
     if (ravel_soft_port_stats(engine, port, &s) != 0 || s.accepted + s.refused == 0) continue;
     decoded += s.decoded;
-    report("orlo-demo: %4d %8llu %7llu %7llu %6llu %6llu %7llu %6.1f", port,
-           static_cast<unsigned long long>(s.accepted), static_cast<unsigned long long>(s.refused),
-           static_cast<unsigned long long>(s.decoded), static_cast<unsigned long long>(s.shown),
-           static_cast<unsigned long long>(s.decode_errors),
-           static_cast<unsigned long long>(s.skipped), s.decoded / wall);
+    auto u = [](uint64_t v) { return static_cast<unsigned long long>(v); };
+    report("orlo-demo: %4d %8llu = %7llu + %6llu + %7llu + %7llu + %6llu | %8llu %7llu %7llu %6.1f",
+           port, u(s.accepted), u(s.decoded), u(s.decode_errors), u(s.skipped), u(s.flushed),
+           u(s.queued), u(s.pictures), u(s.shown), u(s.refused), s.decoded / wall);
   }
   report(
       "orlo-demo: %.1f pictures decoded a second in all, %llu compose passes "
@@ -483,7 +488,8 @@ SHELL_CMD(cmd_demo_snapshot, "snapshot", "JPEG snapshot and thumbnail of a chann
 SHELL_CMD(cmd_demo_audio, "audio", "Pick the audio channel",
           "audio <ch|-1>\r\nPlays the audio of one live channel, -1 for none.", cmd_audio);
 SHELL_CMD(cmd_demo_stats, "stats", "Print the engine's statistics",
-          "stats\r\nFrames accepted, refused, decoded and shown per port, and CPU time.",
+          "stats\r\nPer port: frames accepted, and where each went (decoded, errors, skipped, "
+          "flushed, queued); pictures decoded and shown; frames refused; CPU time.",
           cmd_stats);
 SHELL_CMD(cmd_demo_pictures, "pictures", "Write the composed displays",
           "pictures\r\nWrites display0.png and display2.png to the output folder.", cmd_pictures);

@@ -2,8 +2,11 @@
 // decoded frame on one port, against a bare libavcodec decode loop on the
 // same stream, both on one thread, in the same run.
 //
-//   BM_EngineOverBareDecode/H   H = 360, 720, 1080 lines; reports both costs
-//                               in ms per frame and their ratio.  The two
+//   BM_EngineOverBareDecode/H/K H = 360, 720, 1080 lines; K 0 the synthetic
+//                               streams, K 1 the files of libx264 (skipped
+//                               with a message without ffmpeg's libx264);
+//                               reports both costs in ms per frame and their
+//                               ratio.  The two
 //                               take turns, seven times each, and the medians
 //                               count: on a shared machine a single pass of
 //                               either is at the mercy of the neighbours.
@@ -11,6 +14,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -74,7 +78,13 @@ double engine_ms_per_frame(const std::vector<ravel_synth::frame> &frames) {
 
 void BM_EngineOverBareDecode(benchmark::State &state) {
   const int height = static_cast<int>(state.range(0));
-  const auto &frames = stream(height, 0);
+  const int kind = static_cast<int>(state.range(1));
+  std::string why = streams_missing(kind, height);
+  if (!why.empty()) {
+    state.SkipWithError(("no " + std::string(kind_name(kind)) + " streams: " + why).c_str());
+    return;
+  }
+  const auto &frames = *frames_of(kind, height, 0);
   engine();
   for (auto _ : state) {
     std::vector<double> bares, engines;
@@ -92,11 +102,16 @@ void BM_EngineOverBareDecode(benchmark::State &state) {
     state.counters["width"] = width_of(height);
     state.counters["height"] = height;
   }
+  state.SetLabel(kind_name(kind));
 }
 BENCHMARK(BM_EngineOverBareDecode)
-    ->Arg(360)
-    ->Arg(720)
-    ->Arg(1080)
+    ->ArgNames({"h", "x264"})
+    ->Args({360, kSynthetic})
+    ->Args({720, kSynthetic})
+    ->Args({1080, kSynthetic})
+    ->Args({360, kX264})
+    ->Args({720, kX264})
+    ->Args({1080, kX264})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 

@@ -1,8 +1,11 @@
 // The software engine under a live load: N channels at 25 frames a second,
 // decoded and composed into a mosaic on 1920 x 1080.
 //
-//   BM_LiveMosaic/N/R/H  N channels of H lines (640 x 360, 1280 x 720,
-//                        1920 x 1080) paced in real time; reports the CPU the
+//   BM_LiveMosaic/N/R/H/K  N channels of H lines (640 x 360, 1280 x 720)
+//                        paced in real time, K 0 synthetic streams, K 1 the
+//                        files of libx264 (High, B frames, a busy noisy
+//                        picture; skipped with a message without ffmpeg's
+//                        libx264); reports the CPU the
 //                        whole process used (cores busy), frames decoded per
 //                        second, whether the engine kept up (no refusals, no
 //                        frame skipped, every frame decoded), and the latency
@@ -10,6 +13,9 @@
 //                        pass that first shows them.  R 0 composes on
 //                        arrival, R 25 on the former fixed tick of 25
 //                        whole-display passes a second.
+//   BM_Live1080Largest/K 1920 x 1080 channels of kind K at rising counts, up
+//                        to the first that misses real time; reports the
+//                        largest count that kept up (`largest_real_time`).
 //   BM_DecodeFlatOut     16 ports of 640 x 360 fed as fast as the engine takes
 //                        frames; frames per second, and from it the number of
 //                        25 fps channels that fit on the cores in use.
@@ -18,6 +24,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -92,76 +100,151 @@ class latency_watch {
   std::thread thread_;
 };
 
-void BM_LiveMosaic(benchmark::State &state) {
-  const int n = static_cast<int>(state.range(0));
-  const int height = static_cast<int>(state.range(2));
-  std::vector<const std::vector<ravel_synth::frame> *> chs;
-  for (int p = 0; p < n; p++) chs.push_back(&stream(height, p % kVariants));
-  mosaic(n);
-  ravel_soft_set_compose_rate(engine(), static_cast<int32_t>(state.range(1)));
-  constexpr int kTotal = kSeconds * 25;
-  for (auto _ : state) {
-    // Each channel starts at an intra frame and runs in step at 25 fps.
-    totals before = sum(n);
-    uint64_t passes0 = ravel_soft_compose_passes(engine());
-    double cpu0 = process_cpu_seconds();
-    auto t0 = std::chrono::steady_clock::now();
-    uint64_t refused = 0;
-    ravel_soft_port_stats_t first;
-    ravel_soft_port_stats(engine(), 0, &first);
-    const uint64_t skipped0 = first.skipped, refused0 = first.refused;
-    latency_watch watch(kTotal);
-    for (int i = 0; i < kTotal; i++) {
-      std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * i));
-      watch.pushed(i);
-      // A live source does not wait: a refused frame is a frame lost.
-      for (int p = 0; p < n; p++)
-        if (put(p, (*chs[p])[i % kFrames]) != 0) refused++;
+struct live_result {
+  bool real_time = false;
+  double cores = 0, ms_per_frame = 0, decoded_fps = 0, compose_per_s = 0, wall = 0;
+  uint64_t refused = 0, skipped = 0, errors = 0;
+  std::vector<double> latency_ms;  // empty when not measured
+};
+
+// Waits (with a deadline) until the first n ports have decoded what they
+// hold, so that a run does not start with the backlog of the one before.
+void settle(int n) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  for (;;) {
+    uint64_t queued = 0;
+    for (int p = 0; p < n; p++) {
+      ravel_soft_port_stats_t s;
+      ravel_soft_port_stats(engine(), p, &s);
+      queued += s.queued;
     }
-    std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * kTotal));
-    std::vector<double> latency_ms = watch.finish();
-    // Pictures are matched to pushes by number: a frame skipped or refused
-    // on channel 0 would shift the match, so such a run has no latency.
-    ravel_soft_port_stats_t s0;
-    ravel_soft_port_stats(engine(), 0, &s0);
-    if (!latency_ms.empty() && height == 360 && s0.skipped == skipped0 && s0.refused == refused0) {
-      state.counters["latency_p50_ms"] = latency_ms[latency_ms.size() / 2];
-      state.counters["latency_p99_ms"] = latency_ms[latency_ms.size() * 99 / 100];
-    }
-    double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    double cpu = process_cpu_seconds() - cpu0;
-    totals after = sum(n);
-    uint64_t decoded = after.decoded - before.decoded;
-    state.counters["channels"] = n;
-    state.counters["height"] = height;
-    state.counters["cpu_cores"] = cpu / wall;
-    state.counters["cpu_ms_per_frame"] = 1000.0 * cpu / static_cast<double>(decoded ? decoded : 1);
-    state.counters["decoded_fps"] = static_cast<double>(decoded) / wall;
-    state.counters["compose_per_s"] =
-        static_cast<double>(ravel_soft_compose_passes(engine()) - passes0) / wall;
-    state.counters["refused"] = static_cast<double>(refused);
-    state.counters["skipped"] = static_cast<double>(after.skipped - before.skipped);
-    state.counters["decode_errors"] = static_cast<double>(after.errors - before.errors);
-    // Frames still queued at the end (up to the queue's depth) do not count
-    // against it.
-    state.counters["real_time"] =
-        refused == 0 && after.skipped == before.skipped &&
-                decoded + uint64_t{RAVEL_SOFT_QUEUE_DEPTH} * n >= uint64_t(n) * kTotal
-            ? 1
-            : 0;
-    state.SetIterationTime(wall);
+    if (queued == 0 || std::chrono::steady_clock::now() > deadline) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }
+
+// n channels of `height` lines at 25 fps for kSeconds; each starts at an
+// intra frame and runs in step with the others.
+live_result run_live(int n, int height, int kind, int rate) {
+  std::vector<const std::vector<ravel_synth::frame> *> chs;
+  for (int p = 0; p < n; p++) chs.push_back(frames_of(kind, height, p % kVariants));
+  mosaic(n);
+  ravel_soft_set_compose_rate(engine(), rate);
+  settle(n);
+  constexpr int kTotal = kSeconds * 25;
+  live_result r;
+  totals before = sum(n);
+  uint64_t passes0 = ravel_soft_compose_passes(engine());
+  double cpu0 = process_cpu_seconds();
+  auto t0 = std::chrono::steady_clock::now();
+  ravel_soft_port_stats_t first;
+  ravel_soft_port_stats(engine(), 0, &first);
+  latency_watch watch(kTotal);
+  for (int i = 0; i < kTotal; i++) {
+    std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * i));
+    watch.pushed(i);
+    // A live source does not wait: a refused frame is a frame lost.
+    for (int p = 0; p < n; p++)
+      if (put(p, (*chs[p])[static_cast<size_t>(i) % chs[p]->size()]) != 0) r.refused++;
+  }
+  std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * kTotal));
+  std::vector<double> latency_ms = watch.finish();
+  // Pictures are matched to pushes by number, which holds for streams whose
+  // pictures leave in push order (the synthetic 360-line ones) and only
+  // while channel 0 loses no frame.
+  ravel_soft_port_stats_t s0;
+  ravel_soft_port_stats(engine(), 0, &s0);
+  if (height == 360 && kind == kSynthetic && s0.skipped == first.skipped &&
+      s0.refused == first.refused)
+    r.latency_ms = std::move(latency_ms);
+  r.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  double cpu = process_cpu_seconds() - cpu0;
+  totals after = sum(n);
+  uint64_t decoded = after.decoded - before.decoded;
+  r.cores = cpu / r.wall;
+  r.ms_per_frame = 1000.0 * cpu / static_cast<double>(decoded ? decoded : 1);
+  r.decoded_fps = static_cast<double>(decoded) / r.wall;
+  r.compose_per_s = static_cast<double>(ravel_soft_compose_passes(engine()) - passes0) / r.wall;
+  r.skipped = after.skipped - before.skipped;
+  r.errors = after.errors - before.errors;
+  // Frames still queued at the end (up to the queue's depth) do not count
+  // against it.
+  r.real_time = r.refused == 0 && r.skipped == 0 &&
+                decoded + uint64_t{RAVEL_SOFT_QUEUE_DEPTH} * n >= uint64_t(n) * kTotal;
+  return r;
+}
+
+bool have_streams(benchmark::State &state, int kind, int height) {
+  std::string why = streams_missing(kind, height);
+  if (why.empty()) return true;
+  state.SkipWithError(("no " + std::string(kind_name(kind)) + " streams: " + why).c_str());
+  return false;
+}
+
+void BM_LiveMosaic(benchmark::State &state) {
+  const int n = static_cast<int>(state.range(0));
+  const int rate = static_cast<int>(state.range(1));
+  const int height = static_cast<int>(state.range(2));
+  const int kind = static_cast<int>(state.range(3));
+  if (!have_streams(state, kind, height)) return;
+  for (auto _ : state) {
+    live_result r = run_live(n, height, kind, rate);
+    if (!r.latency_ms.empty()) {
+      state.counters["latency_p50_ms"] = r.latency_ms[r.latency_ms.size() / 2];
+      state.counters["latency_p99_ms"] = r.latency_ms[r.latency_ms.size() * 99 / 100];
+    }
+    state.counters["channels"] = n;
+    state.counters["height"] = height;
+    state.counters["cpu_cores"] = r.cores;
+    state.counters["cpu_ms_per_frame"] = r.ms_per_frame;
+    state.counters["decoded_fps"] = r.decoded_fps;
+    state.counters["compose_per_s"] = r.compose_per_s;
+    state.counters["refused"] = static_cast<double>(r.refused);
+    state.counters["skipped"] = static_cast<double>(r.skipped);
+    state.counters["decode_errors"] = static_cast<double>(r.errors);
+    state.counters["real_time"] = r.real_time ? 1 : 0;
+    state.SetIterationTime(r.wall);
+  }
+  state.SetLabel(kind_name(kind));
+}
 BENCHMARK(BM_LiveMosaic)
-    ->ArgNames({"n", "rate", "h"})
-    ->Args({16, 0, 360})  // also warms the ports up for the two that follow
-    ->Args({16, 25, 360})
-    ->Args({16, 0, 360})
-    ->Args({16, 0, 720})
-    ->Args({4, 0, 1080})
-    ->Args({6, 0, 1080})
-    ->Args({8, 0, 1080})
-    ->Args({10, 0, 1080})
+    ->ArgNames({"n", "rate", "h", "x264"})
+    ->Args({16, 0, 360, kSynthetic})  // also warms the ports up for the two that follow
+    ->Args({16, 25, 360, kSynthetic})
+    ->Args({16, 0, 360, kSynthetic})
+    ->Args({16, 0, 720, kSynthetic})
+    ->Args({16, 0, 720, kX264})
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
+
+// 1920 x 1080 channels at rising counts until the engine no longer keeps up;
+// `largest_real_time` is the last count that did (0: not even the first).
+// `cores_at_<n>` and `real_time_at_<n>` tell each count's run.
+void BM_Live1080Largest(benchmark::State &state) {
+  const int kind = static_cast<int>(state.range(0));
+  if (!have_streams(state, kind, 1080)) return;
+  static constexpr int kCounts[] = {1, 2, 3, 4, 6, 8, 10, 12, 14, 16, 18};
+  for (auto _ : state) {
+    int largest = 0;
+    double wall = 0;
+    for (int n : kCounts) {
+      live_result r = run_live(n, 1080, kind, 0);
+      wall += r.wall;
+      state.counters["cores_at_" + std::to_string(n)] = r.cores;
+      state.counters["real_time_at_" + std::to_string(n)] = r.real_time ? 1 : 0;
+      if (!r.real_time) break;
+      largest = n;
+    }
+    state.counters["largest_real_time"] = largest;
+    state.SetIterationTime(wall);
+  }
+  state.SetLabel(kind_name(kind));
+}
+BENCHMARK(BM_Live1080Largest)
+    ->ArgName("x264")
+    ->Arg(kSynthetic)
+    ->Arg(kX264)
     ->Iterations(1)
     ->UseManualTime()
     ->Unit(benchmark::kSecond);

@@ -2,12 +2,14 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <ctime>
 #include <map>
 #include <mutex>
 #include <utility>
 
 #include "ravel_soft.h"
+#include "x264_files.hh"
 
 namespace engine_bench {
 namespace {
@@ -45,6 +47,24 @@ const std::vector<ravel_synth::frame> &stream(int height, int variant) {
   }
   return frames;
 }
+
+const std::vector<ravel_synth::frame> *frames_of(int kind, int height, int variant) {
+  if (kind == kX264) return x264_stream(height, variant % 2);
+  return &stream(height, variant);
+}
+
+std::string streams_missing(int kind, int height) {
+  std::string why;
+  if (kind == kX264) why = x264_missing();
+  if (why.empty() &&
+      (frames_of(kind, height, 0) == nullptr || frames_of(kind, height, 1) == nullptr))
+    why = "the files could not be made";
+  if (!why.empty())
+    std::fprintf(stderr, "skipped: no %s streams: %s\n", kind_name(kind), why.c_str());
+  return why;
+}
+
+const char *kind_name(int kind) { return kind == kX264 ? "libx264 file" : "synthetic"; }
 
 ravel_t *engine() {
   static ravel_t *e = [] {

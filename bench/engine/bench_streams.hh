@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "ravel.h"
@@ -16,6 +17,16 @@ constexpr int kFrames = 50;  // two seconds, an intra frame every second; played
 // recorder's main stream.  The same `variant` gives the same frames.
 const std::vector<ravel_synth::frame> &stream(int height, int variant);
 int width_of(int height);
+
+// The two kinds of stream the benchmarks feed: the synthetic ones above
+// (cheap to decode: a smooth texture) and files from libx264 (x264_files.hh).
+enum kind : int { kSynthetic = 0, kX264 = 1 };
+// NULL when the kind cannot be had here.
+const std::vector<ravel_synth::frame> *frames_of(int kind, int height, int variant);
+const char *kind_name(int kind);
+// Why the streams of a kind at `height` lines cannot be had (then also told
+// on standard error); empty when they can.  Made here when missing.
+std::string streams_missing(int kind, int height);
 
 // The process's engine, started, and its release count.
 ravel_t *engine();
