@@ -3,6 +3,7 @@
 #include <glib.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "log_domain.hh"
@@ -38,7 +39,11 @@ int32_t port_decoder::offer(const pending_frame &frame) {
     }
     queue_.push_back(frame);
     queue_.back().generation = generation_;
-    last_frame_ = clock::now();
+    const clock::time_point now = clock::now();
+    // The source's pace, from the gaps between frames; a pause is no gap.
+    const clock::duration gap = now - last_frame_;
+    if (gap < std::chrono::milliseconds(200)) frame_gap_ += (gap - frame_gap_) / 8;
+    last_frame_ = now;
     counters_.accepted++;
     counters_.queued++;
   }
@@ -50,6 +55,61 @@ int32_t port_decoder::offer(const pending_frame &frame) {
 picture_ptr port_decoder::latest() const {
   std::lock_guard<std::mutex> g(lock_);
   return latest_;
+}
+
+picture_ptr port_decoder::take_for_display() {
+  bool more;
+  picture_ptr pic;
+  {
+    std::lock_guard<std::mutex> g(lock_);
+    taken_ = true;
+    more = !pending_.empty();
+    pic = latest_;
+  }
+  if (more) wake_.notify_all();
+  return pic;
+}
+
+bool port_decoder::wait_presented(clock::time_point deadline) {
+  std::unique_lock<std::mutex> g(lock_);
+  return presented_.wait_until(g, deadline, [this] { return pending_.empty() || quit_; });
+}
+
+bool port_decoder::present_due(clock::time_point now) {
+  bool changed = false;
+  // A picture waits for its time and for a pass to have taken the one
+  // before, unless too many wait behind it.
+  while (!pending_.empty() &&
+         (pending_.size() >= kPendingDepth || (taken_ && pending_.front().due <= now))) {
+    latest_ = std::move(pending_.front().pic);
+    pending_.pop_front();
+    taken_ = false;
+    changed = true;
+  }
+  if (changed && pending_.empty()) presented_.notify_all();
+  return changed;
+}
+
+void port_decoder::wait_for_frame(std::unique_lock<std::mutex> &g) {
+  // A stopped port empties its queue even while held, so that no buffer
+  // stays with the engine longer than it runs.
+  auto ready = [this] { return quit_ || (!queue_.empty() && (!held_ || !running_)); };
+  for (;;) {
+    if (present_due(clock::now())) {
+      g.unlock();
+      if (on_picture_) on_picture_(port_);
+      g.lock();
+    }
+    if (ready()) return;
+    if (pending_.empty()) {
+      wake_.wait(g);
+    } else if (taken_) {
+      wake_.wait_until(g, pending_.front().due);
+    } else {
+      // Until a compose pass takes the latest picture.
+      wake_.wait(g);
+    }
+  }
 }
 
 void port_decoder::set_running(bool on) {
@@ -136,9 +196,7 @@ void port_decoder::count(outcome o) {
 void port_decoder::run() {
   std::unique_lock<std::mutex> g(lock_);
   for (;;) {
-    // A stopped port empties its queue even while held, so that no buffer
-    // stays with the engine longer than it runs.
-    wake_.wait(g, [this] { return quit_ || (!queue_.empty() && (!held_ || !running_)); });
+    wait_for_frame(g);
     if (quit_) break;
     pending_frame f = queue_.front();
     queue_.pop_front();
@@ -239,11 +297,16 @@ port_decoder::outcome port_decoder::decode(const pending_frame &f) {
 void port_decoder::publish(std::shared_ptr<picture> pic, int64_t tag) {
   pic->seq = next_seq_++;
   picture_ptr done = std::move(pic);
+  bool changed;
   {
     std::lock_guard<std::mutex> g(lock_);
-    latest_ = done;
+    const clock::time_point now = clock::now();
+    last_due_ = std::max(now, last_due_ + frame_gap_ * 3 / 4);
+    pending_.push_back({done, last_due_});
+    // A picture decoded now ends a lost signal, even before it is shown.
     lost_ = false;
     counters_.no_signal = false;
+    changed = present_due(now);
   }
   counters_.pictures++;
   // Pictures leave in presentation order, not in the order their frames
@@ -254,7 +317,7 @@ void port_decoder::publish(std::shared_ptr<picture> pic, int64_t tag) {
     jpeg_waits_.erase(it);
     break;
   }
-  if (on_picture_) on_picture_(port_);
+  if (changed && on_picture_) on_picture_(port_);
 }
 
 void port_decoder::fail_jpeg_waits(int64_t up_to_tag) {

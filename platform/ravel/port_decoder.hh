@@ -33,6 +33,10 @@ class port_decoder {
   // Short on purpose: a full queue is the back-pressure that makes the
   // pushing side retry, and a live mosaic should not lag behind its sources.
   static constexpr size_t kQueueDepth = 6;
+  // Decoded pictures that wait for their presentation time.  Few: a port
+  // whose pictures come faster than the source's pace for longer than this
+  // shows them early rather than fall behind.
+  static constexpr size_t kPendingDepth = 4;
   using clock = std::chrono::steady_clock;
   // Told on the port's thread whenever the port has a new picture.
   using picture_hook = std::function<void(int port)>;
@@ -46,6 +50,12 @@ class port_decoder {
   // queue is full or the port does not run; the frame stays with the caller.
   int32_t offer(const pending_frame &frame);
   picture_ptr latest() const;
+  // The picture that a compose pass draws; taking it lets the port's next
+  // picture follow (see present_due).
+  picture_ptr take_for_display();
+  // Waits until every picture decoded so far has become the latest in its
+  // turn; false at `deadline`.
+  bool wait_presented(clock::time_point deadline);
 
   // A port that does not run refuses frames and hands back what it queued.
   void set_running(bool on);
@@ -80,6 +90,10 @@ class port_decoder {
   outcome drop_undecoded(const pending_frame &f);
   outcome decode_for_image(const pending_frame &f);
   void publish(std::shared_ptr<picture> pic, int64_t tag);
+  // Under lock_: makes the pictures whose time has come the port's latest,
+  // one per compose pass; true when the latest changed.
+  bool present_due(clock::time_point now);
+  void wait_for_frame(std::unique_lock<std::mutex> &g);
   void fail_jpeg_waits(int64_t up_to_tag);
   void give_back(const pending_frame &f);
   void count(outcome o);
@@ -92,6 +106,7 @@ class port_decoder {
 
   mutable std::mutex lock_;
   std::condition_variable wake_;
+  std::condition_variable presented_;  // pending_ became empty
   std::deque<pending_frame> queue_;
   bool running_ = false;
   bool held_ = false;
@@ -100,6 +115,19 @@ class port_decoder {
   picture_ptr latest_;
   clock::time_point last_frame_{};
   bool lost_ = false;
+  // Presentation: pictures leave the decoder in presentation order; each is
+  // due at least 3/4 of the source's frame interval (the mean gap between
+  // the frames that come in) after the one before, so that a burst of
+  // pictures is shown at the source's pace and not swallowed by the
+  // compositor, while a port that fell behind catches up.
+  struct due_picture {
+    picture_ptr pic;
+    clock::time_point due;
+  };
+  std::deque<due_picture> pending_;
+  clock::time_point last_due_{};
+  clock::duration frame_gap_ = std::chrono::milliseconds(40);
+  bool taken_ = true;  // a compose pass has read the latest picture
 
   // Owned by the decoder thread.
   h264_decoder decoder_;

@@ -44,7 +44,7 @@ ravel::ravel(ravel_release_fn release_fn, int32_t channels, int width0, int heig
       [this](int port) {
         auto timeout = std::chrono::milliseconds(signal_timeout_ms.load());
         ravel_soft::port_decoder &p = *ports[port];
-        return ravel_soft::tile_source{p.latest(),
+        return ravel_soft::tile_source{p.take_for_display(),
                                        p.no_signal(std::chrono::steady_clock::now(), timeout)};
       },
       stats, width0, height0);

@@ -3,6 +3,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+#include <chrono>
 #include <vector>
 
 #include "engine.hh"
@@ -72,7 +74,13 @@ int32_t ravel_soft_write_display(ravel_t *engine, int32_t display, const char *p
 
 int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_ms) {
   if (engine == nullptr || timeout_ms < 0) return -1;
-  return engine->compositor->wait_pass(std::chrono::milliseconds(timeout_ms)) ? 0 : -1;
+  // Pictures decoded but not yet due first reach the display in their turn.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (auto &port : engine->ports)
+    if (!port->wait_presented(deadline)) return -1;
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+      deadline - std::chrono::steady_clock::now());
+  return engine->compositor->wait_pass(std::max(left, std::chrono::milliseconds(0))) ? 0 : -1;
 }
 
 namespace {

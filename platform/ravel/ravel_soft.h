@@ -28,7 +28,13 @@
  * - ravel_change_pipe_config resets every port: frames queued then go back
  *   undecoded (flushed) and the port starts again at an intra frame.
  * - Pictures leave the decoder in presentation order (streams with B
- *   frames are reordered), each as soon as the frames it waits for are in.
+ *   frames are reordered), each as soon as the frames it waits for are in,
+ *   and are shown at the source's pace: a picture becomes the port's latest
+ *   no sooner than 3/4 of the mean gap between the port's incoming frames
+ *   after the one before, and only once a compose pass has taken that one.
+ *   A picture that comes later than that is shown at once (no delay on a
+ *   steady live stream), a burst is spread out, and a frame step shows its
+ *   picture at once.  Up to 4 pictures wait; more are shown early.
  * - Regions.  ravel_change_geometry takes up to 37 regions for display 0 (the
  *   size of the display format given to ravel_new) or display 2 (1280 x 720).
  *   A region's `ch` is read as an engine port number; a region whose port
@@ -131,8 +137,9 @@ RAVEL_SOFT_API int32_t ravel_soft_read_display(ravel_t *engine, int32_t display,
 /* Writes the last composed picture of a display to `path` as PNG.  0, or -1
  * (logged) when the file can't be written. */
 RAVEL_SOFT_API int32_t ravel_soft_write_display(ravel_t *engine, int32_t display, const char *path);
-/* Asks for a compose pass and waits until it has ended: what was pushed and
- * decoded before the call is then on the displays.  0, or -1
+/* Waits until the pictures decoded before the call have been shown in their
+ * turn, then asks for a compose pass and waits until it has ended: what was
+ * pushed and decoded before the call is then on the displays.  0, or -1
  * after `timeout_ms` (the engine does not run). */
 RAVEL_SOFT_API int32_t ravel_soft_wait_compose(ravel_t *engine, int32_t timeout_ms);
 /* Shows a display in a window (GStreamer autovideosink) from now on.  0, or
