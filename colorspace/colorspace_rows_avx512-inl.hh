@@ -146,25 +146,26 @@ HWY_INLINE void Terms32(const Lanes32 &l, Rgb16 &even, Rgb16 &odd) {
 // times the sample; [0] holds pairs 0-15, [1] pairs 16-31.  The sums then
 // come out eight times as large, so that the high half of a lane is the
 // term's floor by 8192, and no shift is needed before the halves are
-// gathered in pair order.  The chroma sums of a pair are formed once and
-// each pixel's luma added to a copy.
+// gathered in pair order.  With the samples' offsets (16, 128) taken off
+// first, the sums are plain products with no constant to add.  The chroma
+// sums of a pair are formed once and each pixel's luma added to them.
 template <bool kUHigh>
 HWY_INLINE void PairTerms32(const __m512i yy[2], const __m512i cc[2], Rgb16 &even, Rgb16 &odd) {
   const auto chroma = [](int16_t ku, int16_t kv) { return kUHigh ? Coefs(kv, ku) : Coefs(ku, kv); };
-  const __m512i kb = _mm512_set1_epi32(8 * (-9535 * 16 - 16531 * 128));
-  const __m512i kg = _mm512_set1_epi32(8 * (-9535 * 16 + (3203 + 6660) * 128));
-  const __m512i kr = _mm512_set1_epi32(8 * (-9535 * 16 - 13074 * 128));
   const __m512i y_even = Coefs(9535, 0), y_odd = Coefs(0, 9535);
   __m512i t[6][2];  // b, g, r of the even pixels, then of the odd ones
 #pragma GCC unroll 2
   for (int h = 0; h < 2; h++) {
-    const __m512i c[3] = {DotAdd(kb, cc[h], chroma(16531, 0)),
-                          DotAdd(kg, cc[h], chroma(-3203, -6660)),
-                          DotAdd(kr, cc[h], chroma(0, 13074))};
+    const __m512i y = _mm512_sub_epi16(yy[h], _mm512_set1_epi16(8 * 16));
+    const __m512i c = _mm512_sub_epi16(cc[h], _mm512_set1_epi16(8 * 128));
+    const __m512i terms[3] = {_mm512_madd_epi16(c, chroma(16531, 0)),
+                              _mm512_madd_epi16(c, chroma(-3203, -6660)),
+                              _mm512_madd_epi16(c, chroma(0, 13074))};
+    const __m512i le = _mm512_madd_epi16(y, y_even), lo = _mm512_madd_epi16(y, y_odd);
 #pragma GCC unroll 3
     for (int ch = 0; ch < 3; ch++) {
-      t[ch][h] = DotAdd(c[ch], yy[h], y_even);
-      t[3 + ch][h] = DotAdd(c[ch], yy[h], y_odd);
+      t[ch][h] = _mm512_add_epi32(terms[ch], le);
+      t[3 + ch][h] = _mm512_add_epi32(terms[ch], lo);
     }
   }
   const __m512i high_halves = _mm512_add_epi16(
