@@ -1,5 +1,6 @@
 #include "reference.hh"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace ref {
@@ -13,246 +14,193 @@ int term_g(int y, int u, int v) {
 int term_r(int y, int v) { return (9535 * (y - 16) + 13074 * (v - 128)) >> 13; }
 int clip(int c) { return c < 0 ? 0 : c > 255 ? 255 : c; }
 
-// Source row for destination row k of a picture that may be read flipped.
+// Source row of destination row k, read from the bottom when flipped, and
+// the 4:2:0 chroma row that goes with it.
 long row_of(int k, int h, bool flip) { return flip ? h - 1 - k : k; }
+long chroma_row(int k, int h, bool flip) { return flip ? h / 2 - 1 - k / 2 : k / 2; }
 
 enum Fmt { F555, F565, F24, F32 };
 
-void unpack(Fmt f, const uint8_t *p, int &r, int &g, int &b) {
-  if (f == F24 || f == F32) {
-    b = p[0], g = p[1], r = p[2];
-    return;
-  }
-  int w = p[0] + 256 * p[1];
+void unpack(Fmt f, const uint8_t *p, int c[3]) {
+  const int w = p[0] | p[1] << 8;
   if (f == F555) {
-    r = (w >> 7) & 0xF8, g = (w >> 2) & 0xF8, b = (w << 3) & 0xF8;
+    c[0] = (w >> 7) & 0xF8, c[1] = (w >> 2) & 0xF8, c[2] = (w << 3) & 0xF8;
+  } else if (f == F565) {
+    c[0] = (w >> 8) & 0xF8, c[1] = (w >> 3) & 0xFC, c[2] = (w << 3) & 0xF8;
   } else {
-    r = (w >> 8) & 0xF8, g = (w >> 3) & 0xFC, b = (w << 3) & 0xF8;
+    c[0] = p[2], c[1] = p[1], c[2] = p[0];
   }
 }
 
 void rgb_to_yv12(Fmt f, uint8_t *yo, uint8_t *uo, uint8_t *vo, const uint8_t *src, int w, int h,
                  int stride) {
-  int bpp = f == F24 ? 3 : f == F32 ? 4 : 2;
-  bool flip;
-  if (f == F24 || f == F32) {
-    flip = true;
-  } else {
-    flip = h < 0;
-    if (h < 0) h = -h;
-  }
-  for (int k = 0; k < h / 2 * 2; k++) {
-    const uint8_t *row = src + row_of(k, h, flip) * w * bpp;
-    for (int x = 0; x < w; x++) {
-      int r, g, b;
-      unpack(f, row + x * bpp, r, g, b);
-      yo[(long)k * stride + x] = (uint8_t)(((66 * r + 129 * g + 25 * b) >> 8) + 16);
-    }
-  }
-  for (int k = 0; k < h / 2; k++) {
+  const int bpp = f == F24 ? 3 : f == F32 ? 4 : 2;
+  const bool flip = bpp > 2 || h < 0;
+  h = std::abs(h);
+  for (int k = 0; k < h / 2; k++)
     for (int i = 0; i < w / 2; i++) {
-      int r4 = 0, g4 = 0, b4 = 0;
+      int sum[3] = {0, 0, 0};
       for (int dy = 0; dy < 2; dy++)
         for (int dx = 0; dx < 2; dx++) {
-          int r, g, b;
-          unpack(f, src + row_of(2 * k + dy, h, flip) * w * bpp + (2 * i + dx) * bpp, r, g, b);
-          r4 += r, g4 += g, b4 += b;
+          int c[3];
+          unpack(f, src + (row_of(2 * k + dy, h, flip) * w + 2 * i + dx) * bpp, c);
+          yo[(2L * k + dy) * stride + 2 * i + dx] =
+              static_cast<uint8_t>(((66 * c[0] + 129 * c[1] + 25 * c[2]) >> 8) + 16);
+          for (int n = 0; n < 3; n++) sum[n] += c[n];
         }
-      uo[(long)k * (stride / 2) + i] = (uint8_t)(((-38 * r4 - 74 * g4 + 112 * b4) >> 10) + 128);
-      vo[(long)k * (stride / 2) + i] = (uint8_t)(((112 * r4 - 94 * g4 - 18 * b4) >> 10) + 128);
+      const long at = long(k) * (stride / 2) + i;
+      uo[at] = static_cast<uint8_t>(((-38 * sum[0] - 74 * sum[1] + 112 * sum[2]) >> 10) + 128);
+      vo[at] = static_cast<uint8_t>(((112 * sum[0] - 94 * sum[1] - 18 * sum[2]) >> 10) + 128);
     }
-  }
 }
 
-// Groups of four bytes; offsets of Y0, U, Y1, V.
-void packed_to_yv12(int oy0, int ou, int oy1, int ov, bool u_averaged, uint8_t *yo, uint8_t *uo,
-                    uint8_t *vo, const uint8_t *src, int w, int h, int stride) {
-  for (int k = 0; k < h / 2; k++) {
-    const uint8_t *a = src + (long)(2 * k) * w * 2;
-    const uint8_t *b = a + w * 2;
+// Groups of four bytes with Y0, U, Y1 and V at the offsets o.
+void packed_to_yv12(const int o[4], bool u_averaged, uint8_t *yo, uint8_t *uo, uint8_t *vo,
+                    const uint8_t *src, int w, int h, int stride) {
+  for (int k = 0; k < h / 2; k++)
     for (int i = 0; i < w / 2; i++) {
-      const uint8_t *ga = a + 4 * i, *gb = b + 4 * i;
-      yo[(long)(2 * k) * stride + 2 * i] = ga[oy0];
-      yo[(long)(2 * k) * stride + 2 * i + 1] = ga[oy1];
-      yo[(long)(2 * k + 1) * stride + 2 * i] = gb[oy0];
-      yo[(long)(2 * k + 1) * stride + 2 * i + 1] = gb[oy1];
-      uo[(long)k * (stride / 2) + i] = u_averaged ? (ga[ou] + gb[ou]) >> 1 : ga[ou];
-      vo[(long)k * (stride / 2) + i] = (ga[ov] + gb[ov]) >> 1;
+      const uint8_t *a = src + (2L * k * w + 2 * i) * 2, *b = a + w * 2;
+      for (int dy = 0; dy < 2; dy++)
+        for (int dx = 0; dx < 2; dx++)
+          yo[(2L * k + dy) * stride + 2 * i + dx] = (dy ? b : a)[o[2 * dx]];
+      const long at = long(k) * (stride / 2) + i;
+      uo[at] = static_cast<uint8_t>(u_averaged ? (a[o[1]] + b[o[1]]) >> 1 : a[o[1]]);
+      vo[at] = static_cast<uint8_t>((a[o[3]] + b[o[3]]) >> 1);
     }
-  }
 }
 
-// Pixel output of YUV to RGB: writes one pixel, given unclipped b, g, r and
-// the line's carries.
+// One RGB pixel from unclipped terms; the 16-bit forms carry their line's
+// low bits along.
 enum Out { O555, O565, O24, O32 };
+int bytes_of(Out o) { return o == O24 ? 3 : o == O32 ? 4 : 2; }
 
 void put(Out o, uint8_t *d, int b, int g, int r, int carry[3]) {
-  if (o == O555 || o == O565) {
-    carry[0] = (carry[0] & 7) + b;
-    carry[1] = (carry[1] & 7) + g;
-    carry[2] = (carry[2] & 7) + r;
-    int cb = clip(carry[0]), cg = clip(carry[1]), cr = clip(carry[2]);
-    int word = o == O565 ? ((cr << 8) & 0xF800) | ((cg << 3) & 0x07E0) | (cb >> 3)
-                         : ((cr << 7) & 0x7C00) | ((cg << 2) & 0x03E0) | (cb >> 3);
-    d[0] = word & 0xFF;
-    d[1] = word >> 8;
-  } else if (o == O24) {
+  if (o == O24) {
     d[0] = clip(b), d[1] = clip(g), d[2] = clip(r);
-  } else {
+  } else if (o == O32) {
     d[0] = clip(r), d[1] = clip(g), d[2] = clip(b), d[3] = 0;
+  } else {
+    const int c[3] = {carry[0] = (carry[0] & 7) + b, carry[1] = (carry[1] & 7) + g,
+                      carry[2] = (carry[2] & 7) + r};
+    const int cb = clip(c[0]), cg = clip(c[1]), cr = clip(c[2]);
+    const int word = o == O565 ? ((cr << 8) & 0xF800) | ((cg << 3) & 0x07E0) | (cb >> 3)
+                               : ((cr << 7) & 0x7C00) | ((cg << 2) & 0x03E0) | (cb >> 3);
+    d[0] = word & 0xFF, d[1] = static_cast<uint8_t>(word >> 8);
   }
 }
 
-// 4:2:0 to RGB in row pairs; chroma from plane cu (U) and cv (V).
-void yv12_to_rgb(Out o, int bpp, uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *cu,
-                 const uint8_t *cv, int y_stride, int uv_stride, int w, int h) {
-  bool flip = h < 0;
-  if (flip) h = -h;
-  for (int k = 0; k < h / 2; k++) {
-    long crow = flip ? h / 2 - 1 - k : k;
-    for (int line = 0; line < 2; line++) {
-      long yrow = row_of(2 * k + line, h, flip);
-      int carry[3] = {0, 0, 0};
-      for (int x = 0; x < w; x++) {
-        int y = ys[yrow * y_stride + x];
-        int u = cu[crow * uv_stride + x / 2], v = cv[crow * uv_stride + x / 2];
-        put(o, dst + (long)(2 * k + line) * dst_stride * bpp + x * bpp, term_b(y, u),
-            term_g(y, u, v), term_r(y, v), carry);
-      }
-    }
-  }
-}
+// Where the chroma of a luma row lies: the U and V samples of pixel x are at
+// column x / 2 * step of their row; 4:2:0 rows serve two luma rows.
+struct Chroma {
+  const uint8_t *u, *v;
+  int stride, step;
+  bool half_height;
+};
 
-void yv16_to_rgb(Out o, int bpp, uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *cu,
-                 const uint8_t *cv, int y_stride, int uv_stride, int w, int h) {
-  bool flip = h < 0;
-  if (flip) h = -h;
-  for (int k = 0; k < h; k++) {
-    long row = row_of(k, h, flip);
+void yuv_to_rgb(Out o, uint8_t *dst, int ds, const uint8_t *ys, int yst, Chroma c, int w, int h) {
+  const bool flip = h < 0;
+  h = std::abs(h);
+  for (int k = 0; k < (c.half_height ? h / 2 * 2 : h); k++) {
+    const long row = row_of(k, h, flip), crow = c.half_height ? chroma_row(k, h, flip) : row;
     int carry[3] = {0, 0, 0};
     for (int x = 0; x < w; x++) {
-      int y = ys[row * y_stride + x], u = cu[row * uv_stride + x / 2],
-          v = cv[row * uv_stride + x / 2];
-      put(o, dst + (long)k * dst_stride * bpp + x * bpp, term_b(y, u), term_g(y, u, v),
-          term_r(y, v), carry);
-    }
-  }
-}
-
-void yv12_to_packed(int oy0, int ou, int oy1, int ov, uint8_t *dst, int dst_stride,
-                    const uint8_t *ys, const uint8_t *us, const uint8_t *vs, int y_stride,
-                    int uv_stride, int w, int h) {
-  bool flip = h < 0;
-  if (flip) h = -h;
-  for (int k = 0; k < h; k++) {
-    long yrow = row_of(k, h, flip);
-    long crow = flip ? h / 2 - 1 - k / 2 : k / 2;
-    for (int i = 0; i < w / 2; i++) {
-      uint8_t *g = dst + (long)k * dst_stride * 2 + 4 * i;
-      g[oy0] = ys[yrow * y_stride + 2 * i];
-      g[oy1] = ys[yrow * y_stride + 2 * i + 1];
-      g[ou] = us[crow * uv_stride + i];
-      g[ov] = vs[crow * uv_stride + i];
-    }
-  }
-}
-
-int no_zero(int c) { return c <= 0 ? 1 : c >= 255 ? 255 : c; }
-int five_bits(int c) {
-  if (c <= 8) return 8;
-  return (int)((double)(c > 255 ? 255 : c) * 31.0 / 255.0) * 8;
-}
-
-void yvyu_to_rgb(int (*rule)(int), uint8_t *dst, int dst_stride, const uint8_t *src, int src_stride,
-                 int w, int h) {
-  bool flip = h < 0;
-  if (flip) h = -h;
-  for (int k = 0; k < h; k++) {
-    const uint8_t *row = src + row_of(k, h, flip) * src_stride * 2;
-    for (int x = 0; x < w; x++) {
-      const uint8_t *g = row + (x / 2) * 4;
-      int y = g[x % 2 == 0 ? 0 : 2], v = g[1], u = g[3];
-      uint8_t *d = dst + (long)k * dst_stride * 3 + x * 3;
-      d[0] = rule(term_b(y, u));
-      d[1] = rule(term_g(y, u, v));
-      d[2] = rule(term_r(y, v));
-    }
-  }
-}
-
-}  // namespace
-
-void rgb555_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  rgb_to_yv12(F555, y, u, v, s, w, h, st);
-}
-void rgb565_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  rgb_to_yv12(F565, y, u, v, s, w, h, st);
-}
-void rgb24_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  rgb_to_yv12(F24, y, u, v, s, w, h, st);
-}
-void rgb32_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  rgb_to_yv12(F32, y, u, v, s, w, h, st);
-}
-void yuv_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  for (int k = 0; k < h; k++) memcpy(y + (long)k * st, s + (long)k * w, w);
-  const uint8_t *su = s + (long)w * h, *sv = su + (long)(w / 2) * (h / 2);
-  for (int k = 0; k < h / 2; k++) {
-    memcpy(u + (long)k * (st / 2), su + (long)k * (w / 2), w / 2);
-    memcpy(v + (long)k * (st / 2), sv + (long)k * (w / 2), w / 2);
-  }
-}
-void yuyv_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  packed_to_yv12(0, 1, 2, 3, true, y, u, v, s, w, h, st);
-}
-void uyvy_to_yv12(uint8_t *y, uint8_t *u, uint8_t *v, const uint8_t *s, int w, int h, int st) {
-  packed_to_yv12(1, 0, 3, 2, false, y, u, v, s, w, h, st);
-}
-
-#define ARGS                                                                                      \
-  uint8_t *d, int ds, const uint8_t *ys, const uint8_t *us, const uint8_t *vs, int yst, int uvst, \
-      int w, int h
-void yv12_to_rgb555(ARGS) { yv12_to_rgb(O555, 2, d, ds, ys, us, vs, yst, uvst, w, h); }
-void yv12_to_rgb565(ARGS) { yv12_to_rgb(O565, 2, d, ds, ys, us, vs, yst, uvst, w, h); }
-void yv12_to_rgb24(ARGS) { yv12_to_rgb(O24, 3, d, ds, ys, us, vs, yst, uvst, w, h); }
-void yv12_to_rgb32(ARGS) { yv12_to_rgb(O32, 4, d, ds, ys, vs, us, yst, uvst, w, h); }
-void yv16_to_rgb24(ARGS) { yv16_to_rgb(O24, 3, d, ds, ys, us, vs, yst, uvst, w, h); }
-void yv16_to_rgb32(ARGS) { yv16_to_rgb(O32, 4, d, ds, ys, vs, us, yst, uvst, w, h); }
-void yv12_to_yuyv(ARGS) { yv12_to_packed(0, 1, 2, 3, d, ds, ys, us, vs, yst, uvst, w, h); }
-void yv12_to_uyvy(ARGS) { yv12_to_packed(1, 0, 3, 2, d, ds, ys, us, vs, yst, uvst, w, h); }
-void yv12_to_yuv(ARGS) {
-  bool flip = h < 0;
-  if (flip) h = -h;
-  for (int k = 0; k < h; k++) memcpy(d + (long)k * ds, ys + row_of(k, h, flip) * yst, w);
-  uint8_t *du = d + (long)h * ds, *dv = du + (long)(h / 2) * (ds / 2);
-  for (int k = 0; k < h / 2; k++) {
-    long crow = flip ? h / 2 - 1 - k : k;
-    memcpy(du + (long)k * (ds / 2), us + crow * uvst, w / 2);
-    memcpy(dv + (long)k * (ds / 2), vs + crow * uvst, w / 2);
-  }
-}
-#undef ARGS
-
-void yv16i_to_rgb24(uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *uvs,
-                    int y_stride, int w, int h) {
-  bool flip = h < 0;
-  if (flip) h = -h;
-  for (int k = 0; k < h; k++) {
-    long row = row_of(k, h, flip);
-    int carry[3] = {0, 0, 0};
-    for (int x = 0; x < w; x++) {
-      int y = ys[row * y_stride + x], u = uvs[row * y_stride + (x / 2) * 2],
-          v = uvs[row * y_stride + (x / 2) * 2 + 1];
-      put(O24, dst + (long)k * dst_stride * 3 + x * 3, term_b(y, u), term_g(y, u, v), term_r(y, v),
+      const int y = ys[row * yst + x], u = c.u[crow * c.stride + x / 2 * c.step],
+                v = c.v[crow * c.stride + x / 2 * c.step];
+      put(o, dst + (long(k) * ds + x) * bytes_of(o), term_b(y, u), term_g(y, u, v), term_r(y, v),
           carry);
     }
   }
 }
-void yvyu_to_rgb24(uint8_t *d, int ds, const uint8_t *s, int ss, int w, int h) {
-  yvyu_to_rgb(no_zero, d, ds, s, ss, w, h);
+
+void yv12_to_packed(const int o[4], uint8_t *dst, int ds, const uint8_t *ys, const uint8_t *us,
+                    const uint8_t *vs, int yst, int uvst, int w, int h) {
+  const bool flip = h < 0;
+  h = std::abs(h);
+  for (int k = 0; k < h; k++)
+    for (int i = 0; i < w / 2; i++) {
+      uint8_t *g = dst + long(k) * ds * 2 + 4 * i;
+      const long yrow = row_of(k, h, flip), crow = chroma_row(k, h, flip);
+      g[o[0]] = ys[yrow * yst + 2 * i], g[o[2]] = ys[yrow * yst + 2 * i + 1];
+      g[o[1]] = us[crow * uvst + i], g[o[3]] = vs[crow * uvst + i];
+    }
 }
-void yvyu_to_rgb16(uint8_t *d, int ds, const uint8_t *s, int ss, int w, int h) {
-  yvyu_to_rgb(five_bits, d, ds, s, ss, w, h);
+
+int no_zero(int c) { return c <= 0 ? 1 : c >= 255 ? 255 : c; }
+int five_bits(int c) { return c <= 8 ? 8 : int((c > 255 ? 255 : c) * 31.0 / 255.0) * 8; }
+
+void yvyu_to_rgb(int (*rule)(int), uint8_t *dst, int ds, const uint8_t *src, int ss, int w, int h) {
+  const bool flip = h < 0;
+  h = std::abs(h);
+  for (int k = 0; k < h; k++)
+    for (int x = 0; x < w; x++) {
+      const uint8_t *g = src + row_of(k, h, flip) * ss * 2 + x / 2 * 4;
+      const int y = g[x % 2 * 2], v = g[1], u = g[3];
+      uint8_t *d = dst + (long(k) * ds + x) * 3;
+      d[0] = rule(term_b(y, u)), d[1] = rule(term_g(y, u, v)), d[2] = rule(term_r(y, v));
+    }
 }
+
+const int kYuyv[4] = {0, 1, 2, 3}, kUyvy[4] = {1, 0, 3, 2};
+
+}  // namespace
+
+REF_TO_YV12(rgb555_to_yv12) { rgb_to_yv12(F555, y, u, v, src, w, h, stride); }
+REF_TO_YV12(rgb565_to_yv12) { rgb_to_yv12(F565, y, u, v, src, w, h, stride); }
+REF_TO_YV12(rgb24_to_yv12) { rgb_to_yv12(F24, y, u, v, src, w, h, stride); }
+REF_TO_YV12(rgb32_to_yv12) { rgb_to_yv12(F32, y, u, v, src, w, h, stride); }
+REF_TO_YV12(yuyv_to_yv12) { packed_to_yv12(kYuyv, true, y, u, v, src, w, h, stride); }
+REF_TO_YV12(uyvy_to_yv12) { packed_to_yv12(kUyvy, false, y, u, v, src, w, h, stride); }
+REF_TO_YV12(yuv_to_yv12) {
+  for (int k = 0; k < h; k++) memcpy(y + long(k) * stride, src + long(k) * w, w);
+  const uint8_t *su = src + long(w) * h, *sv = su + long(w / 2) * (h / 2);
+  for (int k = 0; k < h / 2; k++) {
+    memcpy(u + long(k) * (stride / 2), su + long(k) * (w / 2), w / 2);
+    memcpy(v + long(k) * (stride / 2), sv + long(k) * (w / 2), w / 2);
+  }
+}
+
+REF_FROM_YV12(yv12_to_rgb555) {
+  yuv_to_rgb(O555, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, true}, w, h);
+}
+REF_FROM_YV12(yv12_to_rgb565) {
+  yuv_to_rgb(O565, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, true}, w, h);
+}
+REF_FROM_YV12(yv12_to_rgb24) {
+  yuv_to_rgb(O24, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, true}, w, h);
+}
+// The 32-bit forms take V through their u_src and U through their v_src.
+REF_FROM_YV12(yv12_to_rgb32) {
+  yuv_to_rgb(O32, dst, dst_stride, ys, y_stride, {vs, us, uv_stride, 1, true}, w, h);
+}
+REF_FROM_YV12(yv16_to_rgb24) {
+  yuv_to_rgb(O24, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, false}, w, h);
+}
+REF_FROM_YV12(yv16_to_rgb32) {
+  yuv_to_rgb(O32, dst, dst_stride, ys, y_stride, {vs, us, uv_stride, 1, false}, w, h);
+}
+void yv16i_to_rgb24(uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *uvs,
+                    int y_stride, int w, int h) {
+  yuv_to_rgb(O24, dst, dst_stride, ys, y_stride, {uvs, uvs + 1, y_stride, 2, false}, w, h);
+}
+REF_FROM_YV12(yv12_to_yuyv) {
+  yv12_to_packed(kYuyv, dst, dst_stride, ys, us, vs, y_stride, uv_stride, w, h);
+}
+REF_FROM_YV12(yv12_to_uyvy) {
+  yv12_to_packed(kUyvy, dst, dst_stride, ys, us, vs, y_stride, uv_stride, w, h);
+}
+REF_FROM_YV12(yv12_to_yuv) {
+  const bool flip = h < 0;
+  h = std::abs(h);
+  for (int k = 0; k < h; k++)
+    memcpy(dst + long(k) * dst_stride, ys + row_of(k, h, flip) * y_stride, w);
+  uint8_t *du = dst + long(h) * dst_stride, *dv = du + long(h / 2) * (dst_stride / 2);
+  for (int k = 0; k < h / 2; k++) {
+    const long crow = chroma_row(2 * k, h, flip) * uv_stride;
+    memcpy(du + long(k) * (dst_stride / 2), us + crow, w / 2);
+    memcpy(dv + long(k) * (dst_stride / 2), vs + crow, w / 2);
+  }
+}
+REF_PACKED(yvyu_to_rgb24) { yvyu_to_rgb(no_zero, dst, dst_stride, src, src_stride, w, h); }
+REF_PACKED(yvyu_to_rgb16) { yvyu_to_rgb(five_bits, dst, dst_stride, src, src_stride, w, h); }
 
 }  // namespace ref

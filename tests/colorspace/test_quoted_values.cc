@@ -1,74 +1,58 @@
-// The values the converters are known by: whites, blacks, primaries, the
-// carry gradient, the clip floors of the packed-source forms, round trips.
+// The values the converters are known by (whites, blacks, primaries, the
+// carry gradient, the floors of the packed-source forms, round trips): they
+// hold the library and the model it is compared with to the same numbers.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "colorspace.h"
 
 namespace {
 
-struct Yv12 {
-  std::vector<uint8_t> y, u, v;
-  Yv12(int w, int h, uint8_t fill = 0x5A)
-      : y(size_t(w) * h, fill), u(size_t(w / 2) * (h / 2), fill), v(u.size(), fill) {}
-};
+using Bytes = std::vector<uint8_t>;
 
-bool all_equal(const std::vector<uint8_t> &b, uint8_t value) {
-  for (uint8_t x : b)
-    if (x != value) return false;
-  return true;
+Bytes random_bytes(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  Bytes b(n);
+  for (auto &x : b) x = static_cast<uint8_t>(rng());
+  return b;
 }
 
-class Quoted : public ::testing::Test {
- protected:
-  void SetUp() override { colorspace_init(); }
-};
-
-// Each test runs in a process of its own, so here the tables are still zero:
+// Each case runs in a process of its own, so here the tables are still zero:
 // every pixel comes out alike, whatever the kernels.
 TEST(BeforeInit, EveryPixelConvertsAlike) {
-  std::mt19937 rng(5);
   const int w = 70, h = 4;
-  Yv12 in(w, h);
-  for (auto *plane : {&in.y, &in.u, &in.v})
-    for (auto &b : *plane) b = static_cast<uint8_t>(rng());
-  std::vector<uint8_t> rgb24(w * h * 3, 0x77), rgb565(w * h * 2, 0x77), packed(w * h * 2);
-  yv12_to_rgb24_c(rgb24.data(), w, in.y.data(), in.u.data(), in.v.data(), w, w / 2, w, h);
-  yv12_to_rgb565_c(rgb565.data(), w, in.y.data(), in.u.data(), in.v.data(), w, w / 2, w, h);
-  EXPECT_TRUE(all_equal(rgb24, 0) && all_equal(rgb565, 0));
-  for (auto &b : packed) b = static_cast<uint8_t>(rng());
-  yvyu_to_rgb24_c(rgb24.data(), w, packed.data(), w, w, h);
-  EXPECT_TRUE(all_equal(rgb24, 1));
+  const Bytes y = random_bytes(w * h, 1), u = random_bytes(w * h / 4, 2),
+              packed = random_bytes(w * h * 2, 3);
+  Bytes rgb24(w * h * 3, 0x77), rgb565(w * h * 2, 0x77), no_zero(w * h * 3);
+  yv12_to_rgb24_c(rgb24.data(), w, y.data(), u.data(), u.data(), w, w / 2, w, h);
+  yv12_to_rgb565_c(rgb565.data(), w, y.data(), u.data(), u.data(), w, w / 2, w, h);
+  yvyu_to_rgb24_c(no_zero.data(), w, packed.data(), w, w, h);
+  EXPECT_EQ(rgb24, Bytes(rgb24.size(), 0));
+  EXPECT_EQ(rgb565, Bytes(rgb565.size(), 0));
+  EXPECT_EQ(no_zero, Bytes(no_zero.size(), 1));
 }
 
 TEST(Tables, ZeroBeforeInitAndExactAfterEachCall) {
   EXPECT_EQ(RGB_Y_tab[200], 0);
+  const int32_t *tables[5] = {RGB_Y_tab, B_U_tab, G_U_tab, G_V_tab, R_V_tab};
+  const int32_t factors[5] = {9535, 16531, 3203, 6660, 13074};
   for (int round = 0; round < 2; round++) {
     colorspace_init();
-    const int32_t *tables[5] = {RGB_Y_tab, B_U_tab, G_U_tab, G_V_tab, R_V_tab};
-    const int32_t expected[5][2] = {{-152560, 2278865},
-                                    {-2115968, 2099437},
-                                    {-409984, 406781},
-                                    {-852480, 845820},
-                                    {-1673472, 1660398}};
-    for (int t = 0; t < 5; t++) {
-      EXPECT_EQ(tables[t][0], expected[t][0]) << "table " << t;
-      EXPECT_EQ(tables[t][255], expected[t][1]) << "table " << t;
-      EXPECT_EQ(tables[t][t == 0 ? 16 : 128], 0) << "table " << t;
-    }
+    for (int t = 0; t < 5; t++)
+      for (int i = 0; i < 256; i++) ASSERT_EQ(tables[t][i], factors[t] * (i - (t ? 128 : 16)));
   }
+  EXPECT_EQ(RGB_Y_tab[255], 2278865);
+  EXPECT_EQ(R_V_tab[0], -1673472);
 }
 
-TEST_F(Quoted, WhitesBlacksAndPrimariesIntoYv12) {
-  using To = void (*)(uint8_t *, uint8_t *, uint8_t *, const uint8_t *, int, int, int);
-  const int w = 4, h = 4;
-  // Solid pictures: `pixels` repeated; RGB24 bytes are B G R.
+TEST(Quoted, WhitesBlacksAndPrimariesIntoYv12) {
+  // Solid 4 x 4 pictures of `pixel`; 24-bit bytes are B G R.
   const struct {
-    To to;
-    std::vector<uint8_t> pixels;
+    to_yv12_fn to;
+    Bytes pixel;
     uint8_t y, u, v;
   } cases[] = {
       {rgb24_to_yv12_c, {255, 255, 255}, 235, 128, 128},
@@ -80,97 +64,81 @@ TEST_F(Quoted, WhitesBlacksAndPrimariesIntoYv12) {
       {rgb555_to_yv12_c, {0xFF, 0xFF, 0xFF, 0x7F}, 229, 128, 128},
   };
   for (const auto &c : cases) {
-    std::vector<uint8_t> src(w * h * (c.to == rgb24_to_yv12_c ? 3 : 2));
-    for (size_t i = 0; i < src.size(); i++) src[i] = c.pixels[i % c.pixels.size()];
-    Yv12 out(w, h);
-    c.to(out.y.data(), out.u.data(), out.v.data(), src.data(), w, h, w);
-    EXPECT_TRUE(all_equal(out.y, c.y) && all_equal(out.u, c.u) && all_equal(out.v, c.v))
-        << int(out.y[0]) << " " << int(out.u[0]) << " " << int(out.v[0]);
+    Bytes src(16 * (c.to == rgb24_to_yv12_c ? 3 : 2)), y(16), u(4), v(4);
+    for (size_t i = 0; i < src.size(); i++) src[i] = c.pixel[i % c.pixel.size()];
+    c.to(y.data(), u.data(), v.data(), src.data(), 4, 4, 4);
+    EXPECT_EQ(y, Bytes(16, c.y)) << int(y[0]);
+    EXPECT_EQ(u, Bytes(4, c.u)) << int(u[0]);
+    EXPECT_EQ(v, Bytes(4, c.v)) << int(v[0]);
   }
 }
 
-TEST_F(Quoted, YuvToRgbClipsAndFloors) {
-  const uint8_t lumas[] = {16, 235, 255, 0};
-  const uint8_t expect[] = {0, 254, 255, 0};
-  for (int i = 0; i < 4; i++) {
-    Yv12 in(2, 2, 128);
-    in.y.assign(4, lumas[i]);
-    uint8_t px[2 * 2 * 3];
-    yv12_to_rgb24_c(px, 2, in.y.data(), in.u.data(), in.v.data(), 2, 1, 2, 2);
-    for (uint8_t b : px) EXPECT_EQ(b, expect[i]) << "Y " << int(lumas[i]);
-  }
+// A 6 x 2 picture of one colour through each shape of source.
+using Solid = void (*)(uint8_t *dst, const uint8_t *y, const uint8_t *u, const uint8_t *v);
+template <auto fn>
+void planar(uint8_t *d, const uint8_t *y, const uint8_t *u, const uint8_t *v) {
+  fn(d, 6, y, u, v, 6, 3, 6, 2);
+}
+template <auto fn>
+void yvyu(uint8_t *d, const uint8_t *y, const uint8_t *u, const uint8_t *v) {
+  uint8_t src[24];
+  for (int i = 0; i < 24; i += 4) src[i] = src[i + 2] = *y, src[i + 1] = *v, src[i + 3] = *u;
+  fn(d, 6, src, 6, 6, 2);
 }
 
-TEST_F(Quoted, Rgb565CarriesMoveTheStepAndRestartEachLine) {
-  const int w = 6;
-  Yv12 in(w, 2, 128);
-  in.y.assign(in.y.size(), 100);
-  uint16_t words[2 * w];
-  yv12_to_rgb565_c(reinterpret_cast<uint8_t *>(words), w, in.y.data(), in.u.data(), in.v.data(), w,
-                   w / 2, w, 2);
-  const uint16_t expect[w] = {0x630C, 0x630C, 0x630C, 0x632C, 0x632C, 0x632C};
-  for (int line = 0; line < 2; line++)
-    for (int x = 0; x < w; x++) EXPECT_EQ(words[line * w + x], expect[x]) << line << "," << x;
-  in.y.assign(in.y.size(), 235);
-  yv12_to_rgb565_crop(reinterpret_cast<uint8_t *>(words), w, in.y.data(), in.u.data(), in.v.data(),
-                      w, w / 2, w, 2);
-  for (uint16_t word : words) EXPECT_EQ(word, 0xFFFF);
-}
-
-TEST_F(Quoted, Rgb32SwapsChromaRolesNotChannels) {
-  Yv12 in(2, 2, 0);
-  in.y.assign(4, 128);
-  in.u[0] = 200;  // given as U to both
-  in.v[0] = 60;
-  uint8_t p24[12], p32[16];
-  yv12_to_rgb24_c(p24, 2, in.y.data(), in.u.data(), in.v.data(), 2, 1, 2, 2);
-  yv12_to_rgb32_c(p32, 2, in.y.data(), in.v.data(), in.u.data(), 2, 1, 2, 2);
-  for (int i = 0; i < 4; i++)
-    for (int k = 0; k < 4; k++) EXPECT_EQ(p32[4 * i + k], k < 3 ? p24[3 * i + 2 - k] : 0);
-}
-
-TEST_F(Quoted, PackedSourcesKeepZeroOut) {
-  // Black: Y 16 and neutral chroma, in groups of Y0 V Y1 U.
-  const uint8_t black[8] = {16, 128, 16, 128, 16, 128, 16, 128};
-  uint8_t out[4 * 3];
-  yvyu_to_rgb24_c(out, 4, black, 4, 4, 1);
-  for (uint8_t b : out) EXPECT_EQ(b, 1);
-  yvyu_to_rgb16_c(out, 4, black, 4, 4, -1);
-  for (uint8_t b : out) EXPECT_EQ(b, 8);
-  const uint8_t y[4] = {16, 16, 16, 16}, c[2] = {128, 128};
-  yv16_to_rgb24_c(out, 4, y, c, c, 4, 2, 4, 1);
-  for (uint8_t b : out) EXPECT_EQ(b, 0);
-  // Thresholds of the five-bit rule, with c = Y term at neutral chroma:
-  // Y 30 gives 16, Y 31 gives 17, Y 255 gives 278.
+TEST(Quoted, SolidColoursOutOfYuv) {
+  colorspace_init();
+  const Bytes gradient = {0x0C, 0x63, 0x0C, 0x63, 0x0C, 0x63, 0x2C, 0x63, 0x2C, 0x63, 0x2C, 0x63};
   const struct {
-    uint8_t y;
-    uint8_t out;
-  } steps[] = {{30, 8}, {31, 16}, {255, 248}};
-  for (const auto &s : steps) {
-    const uint8_t grey[4] = {s.y, 128, s.y, 128};
-    uint8_t px[6];
-    yvyu_to_rgb16_c(px, 2, grey, 2, 2, 1);
-    for (uint8_t b : px) EXPECT_EQ(b, s.out) << "Y " << int(s.y);
+    const char *name;
+    Solid convert;
+    int bytes_per_pixel;
+    uint8_t y, u, v;
+    Bytes repeated;  // the expected bytes, repeated over the picture
+  } cases[] = {
+      // The shift floors: Y 235 gives 254; Y 255 clips from 278 and Y 0 from -19.
+      {"rgb24 Y16", planar<yv12_to_rgb24_c>, 3, 16, 128, 128, {0}},
+      {"rgb24 Y235", planar<yv12_to_rgb24_c>, 3, 235, 128, 128, {254}},
+      {"rgb24 Y255", planar<yv12_to_rgb24_c>, 3, 255, 128, 128, {255}},
+      {"rgb24 Y0", planar<yv12_to_rgb24_c>, 3, 0, 128, 128, {0}},
+      // Terms of 97: the carry moves the step of the gradient; each line restarts.
+      {"rgb565 Y100", planar<yv12_to_rgb565_c>, 2, 100, 128, 128, gradient},
+      {"rgb565_crop Y235", planar<yv12_to_rgb565_crop>, 2, 235, 128, 128, {0xFF}},
+      {"rgb555 Y235", planar<yv12_to_rgb555_c>, 2, 235, 128, 128, {0xFF, 0x7F}},
+      // The 32-bit form takes V through u_src: the chroma roles swap, not the channels.
+      {"rgb24 U200 V60", planar<yv12_to_rgb24_c>, 3, 128, 200, 60, {255, 157, 21}},
+      {"rgb32 V60 U200", planar<yv12_to_rgb32_c>, 4, 128, 60, 200, {21, 157, 255, 0}},
+      {"yv16 rgb32 V60 U200", planar<yv16_to_rgb32_c>, 4, 128, 60, 200, {21, 157, 255, 0}},
+      // Black: the packed sources keep 0 out, the planar ones don't.
+      {"yv16 rgb24 black", planar<yv16_to_rgb24_c>, 3, 16, 128, 128, {0}},
+      {"yvyu rgb24 black", yvyu<yvyu_to_rgb24_c>, 3, 16, 128, 128, {1}},
+      {"yvyu rgb24 Y255", yvyu<yvyu_to_rgb24_c>, 3, 255, 128, 128, {255}},
+      // Five bits moved up by three: terms of 16, 17 and 278.
+      {"yvyu rgb16 black", yvyu<yvyu_to_rgb16_c>, 3, 16, 128, 128, {8}},
+      {"yvyu rgb16 Y30", yvyu<yvyu_to_rgb16_c>, 3, 30, 128, 128, {8}},
+      {"yvyu rgb16 Y31", yvyu<yvyu_to_rgb16_c>, 3, 31, 128, 128, {16}},
+      {"yvyu rgb16 Y255", yvyu<yvyu_to_rgb16_c>, 3, 255, 128, 128, {248}},
+  };
+  for (const auto &c : cases) {
+    const Bytes y(12, c.y), u(6, c.u), v(6, c.v);
+    Bytes out(12 * c.bytes_per_pixel), want(out.size());
+    c.convert(out.data(), y.data(), u.data(), v.data());
+    for (size_t i = 0; i < want.size(); i++) want[i] = c.repeated[i % c.repeated.size()];
+    EXPECT_EQ(out, want) << c.name;
   }
 }
 
-TEST_F(Quoted, PackedRoundTripsAreExact) {
-  std::mt19937 rng(3);
+TEST(Quoted, PackedRoundTripsAreExact) {
   const int w = 38, h = 10;
-  Yv12 in(w, h);
-  for (auto *plane : {&in.y, &in.u, &in.v})
-    for (auto &b : *plane) b = static_cast<uint8_t>(rng());
-  using To = void (*)(uint8_t *, int, const uint8_t *, const uint8_t *, const uint8_t *, int, int,
-                      int, int);
-  using Back = void (*)(uint8_t *, uint8_t *, uint8_t *, const uint8_t *, int, int, int);
-  const std::pair<To, Back> trips[] = {{yv12_to_yuyv_c, yuyv_to_yv12_c},
-                                       {yv12_to_uyvy_c, uyvy_to_yv12_c}};
+  const Bytes y = random_bytes(w * h, 3), u = random_bytes(w * h / 4, 4),
+              v = random_bytes(w * h / 4, 5);
+  const std::pair<from_yv12_fn, to_yv12_fn> trips[] = {{yv12_to_yuyv_c, yuyv_to_yv12_c},
+                                                       {yv12_to_uyvy_c, uyvy_to_yv12_c}};
   for (const auto &[to, back] : trips) {
-    std::vector<uint8_t> packed(w * h * 2);
-    to(packed.data(), w, in.y.data(), in.u.data(), in.v.data(), w, w / 2, w, h);
-    Yv12 out(w, h, 0);
-    back(out.y.data(), out.u.data(), out.v.data(), packed.data(), w, h, w);
-    EXPECT_TRUE(out.y == in.y && out.u == in.u && out.v == in.v);
+    Bytes packed(w * h * 2), y2(y.size()), u2(u.size()), v2(v.size());
+    to(packed.data(), w, y.data(), u.data(), v.data(), w, w / 2, w, h);
+    back(y2.data(), u2.data(), v2.data(), packed.data(), w, h, w);
+    EXPECT_TRUE(y2 == y && u2 == u && v2 == v);
   }
 }
 

@@ -5,25 +5,24 @@ set -u
 socat=$1
 shift
 work=$(mktemp -d)
+mkfifo "$work/port"
 "$@" >"$work/port" </dev/null &
 pid=$!
 trap 'kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; rm -rf "$work"' EXIT
+exec 3<"$work/port"
+read -r -t 30 port <&3 || { echo "the server gave no port"; exit 1; }
 
-for _ in $(seq 200); do
-  [ -s "$work/port" ] && break
-  sleep 0.05
+# The kernel shows the port as listening (state 0A) once zebshell has called listen().
+listening() { awk -v p="$(printf ':%04X' "$port")" '$2 ~ p "$" && $4 == "0A" { n++ } END { exit !n }' /proc/net/tcp; }
+deadline=$((SECONDS + 30))
+until listening; do
+  [ $SECONDS -lt $deadline ] || { echo "nothing listens on port $port"; exit 1; }
+  sleep 0.02
 done
-port=$(head -n 1 "$work/port")
-[ -n "$port" ] || { echo "the server gave no port"; exit 1; }
 
 # CR LF line ends as a terminal client sends them; quit ends the session and
-# the server closes, which ends socat. Connecting may race the listener's
-# start, so it is tried a few times.
-for _ in $(seq 50); do
-  printf 'help help\r\nnosuch\r\nquit\r\n' |
-    timeout 30 "$socat" -t 20 - "TCP:127.0.0.1:$port" >"$work/got" 2>"$work/err" && break
-  sleep 0.1
-done
+# the server closes, which ends socat.
+printf 'help help\r\nnosuch\r\nquit\r\n' | timeout 30 "$socat" -t 20 - "TCP:127.0.0.1:$port" >"$work/got" 2>"$work/err"
 
 # Each prompt is followed by the line end sent on commit.
 printf '%s\r\n' 'Welcome to vexshell!' \
