@@ -159,25 +159,17 @@ REF_TO_YV12(yuv_to_yv12) {
   }
 }
 
-REF_FROM_YV12(yv12_to_rgb555) {
-  yuv_to_rgb(O555, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, true}, w, h);
-}
-REF_FROM_YV12(yv12_to_rgb565) {
-  yuv_to_rgb(O565, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, true}, w, h);
-}
-REF_FROM_YV12(yv12_to_rgb24) {
-  yuv_to_rgb(O24, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, true}, w, h);
-}
 // The 32-bit forms take V through their u_src and U through their v_src.
-REF_FROM_YV12(yv12_to_rgb32) {
-  yuv_to_rgb(O32, dst, dst_stride, ys, y_stride, {vs, us, uv_stride, 1, true}, w, h);
-}
-REF_FROM_YV12(yv16_to_rgb24) {
-  yuv_to_rgb(O24, dst, dst_stride, ys, y_stride, {us, vs, uv_stride, 1, false}, w, h);
-}
-REF_FROM_YV12(yv16_to_rgb32) {
-  yuv_to_rgb(O32, dst, dst_stride, ys, y_stride, {vs, us, uv_stride, 1, false}, w, h);
-}
+#define REF_TO_RGB(name, out, c0, c1, half)                                             \
+  REF_FROM_YV12(name) {                                                                 \
+    yuv_to_rgb(out, dst, dst_stride, ys, y_stride, {c0, c1, uv_stride, 1, half}, w, h); \
+  }
+REF_TO_RGB(yv12_to_rgb555, O555, us, vs, true)
+REF_TO_RGB(yv12_to_rgb565, O565, us, vs, true)
+REF_TO_RGB(yv12_to_rgb24, O24, us, vs, true)
+REF_TO_RGB(yv12_to_rgb32, O32, vs, us, true)
+REF_TO_RGB(yv16_to_rgb24, O24, us, vs, false)
+REF_TO_RGB(yv16_to_rgb32, O32, vs, us, false)
 void yv16i_to_rgb24(uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *uvs,
                     int y_stride, int w, int h) {
   yuv_to_rgb(O24, dst, dst_stride, ys, y_stride, {uvs, uvs + 1, y_stride, 2, false}, w, h);
