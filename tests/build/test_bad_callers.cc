@@ -124,10 +124,10 @@ const std::vector<row> &rows() {
        }},
       {"orlo_display_decode_change(port 99)",
        [] {
-         orlo_decode_cfg_t table[ORLO_MAX_SLOT] = {};
-         table[16].port = 99;
-         table[16].enable = 1;
-         return orlo_display_decode_change(display(), table) == -1;
+         orlo_decode_cfg_t slots[ORLO_MAX_SLOT] = {};
+         slots[16].port = 99;
+         slots[16].enable = 1;
+         return orlo_display_decode_change(display(), slots) == -1;
        }},
       // The playback pipe: -1, NULL, 0 or nothing.
       GIVES(orlo_sst_pipe_get_src(nullptr), nullptr),

@@ -31,7 +31,7 @@ bool same(const std::string &what, const std::vector<size_t> &in_sizes,
     Planes p;
     for (size_t s : sizes) {
       p.emplace_back(s + 2 * kGuard);
-      for (auto &b : p.back()) b = static_cast<uint8_t>(rng());
+      std::generate(p.back().begin(), p.back().end(), [] { return static_cast<uint8_t>(rng()); });
     }
     return p;
   };

@@ -3,6 +3,7 @@
 // hold the library and the model it is compared with to the same numbers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ using Bytes = std::vector<uint8_t>;
 Bytes random_bytes(size_t n, unsigned seed) {
   std::mt19937 rng(seed);
   Bytes b(n);
-  for (auto &x : b) x = static_cast<uint8_t>(rng());
+  std::generate(b.begin(), b.end(), [&] { return static_cast<uint8_t>(rng()); });
   return b;
 }
 
