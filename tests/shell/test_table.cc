@@ -47,6 +47,13 @@ TEST(parse_args, BlanksSeparateQuotesGroupAndLongTokensAreCut) {
       {long_line, {std::string(127, 'a'), "b", std::string(127, 'c')}},
   };
   for (const auto &c : cases) EXPECT_EQ(c.want, split(c.line.c_str())) << c.line;
+  // Freeing nothing, whatever the count says, only zeroes the count.
+  int count = 2;
+  char **none = nullptr;
+  shell_free_args(&count, &none);
+  count = 2;
+  shell_free_args(&count, nullptr);
+  EXPECT_EQ(0, count);
 }
 
 int call(std::vector<std::string> words) {
