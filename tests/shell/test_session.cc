@@ -197,6 +197,8 @@ TEST_F(session, RepliesToKeysAndCommands) {
        recalled("", "new") + recalled("new", "first!") + "\r\n" + not_found("first!")},
       {"   \r", ""},
       {"\x1b[A\r", recalled("", "first!") + "\r\n" + not_found("first!")},
+      // Up with the cursor inside the line sends the rest of it first.
+      {"ab\x1b[D\x1b[A\r", "\bb" + recalled("ab", "first!") + "\r\n" + not_found("first!")},
       // Completion with one match adds the rest and a blank; a whole name only the blank.
       {"Ze\t\r", "ta \r\nzeta ran\r\n" + prompt},
       {"help he\t\r", "lp \r\n" + help_help},
