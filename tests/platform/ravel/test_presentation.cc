@@ -15,7 +15,7 @@ TEST_F(presentation, ABurstOfBFramePicturesIsShownPictureByPictureInOrder) {
     auto v = static_cast<uint8_t>(20 + i * 9);
     greys.push_back({v, v, v});
   }
-  auto frames = stream_of(greys, 24, 2);
+  auto frames = stream(greys[0], 24, {.gop = 24, .b_frames = 2, .colours = greys.data()});
   // Bursts of four frames, each decoded within a compose period: shown as
   // they come out of the decoder, most of their pictures would never reach
   // the display.
