@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,127 +34,92 @@ constexpr std::array<uint32_t, 16> kCameraColour = {
 
 inline rgb camera_colour(int camera) {
   const uint32_t c = kCameraColour[static_cast<size_t>(camera)];
-  return {static_cast<int>(c >> 16 & 0xff), static_cast<int>(c >> 8 & 0xff),
-          static_cast<int>(c & 0xff)};
+  return {int(c >> 16 & 0xff), int(c >> 8 & 0xff), int(c & 0xff)};
 }
 
 // H.264 at a low rate, the scalers and the YUV round trip move a flat colour
 // by a few steps; different cameras differ by far more.
-constexpr int kTolerance = 28;
-
-inline bool near(const rgb &a, const rgb &b, int tolerance = kTolerance) {
+inline bool near(const rgb &a, const rgb &b, int tolerance = 28) {
   return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance &&
          std::abs(a.b - b.b) <= tolerance;
 }
 
 inline std::string describe(const rgb &c) {
-  char text[32];
-  snprintf(text, sizeof text, "(%d,%d,%d)", c.r, c.g, c.b);
-  return text;
+  return "(" + std::to_string(c.r) + "," + std::to_string(c.g) + "," + std::to_string(c.b) + ")";
 }
 
-// Packed RGB24 picture.
+// Packed RGB24 picture of display 0.
 struct picture {
   int width = 0, height = 0;
   std::vector<uint8_t> data;
-
-  // The median of each component over the middle of a rectangle: the camera
-  // number and the ball are small beside the field, so the median is the
-  // field's colour.
-  rgb median(int x, int y, int w, int h) const {
-    const int x0 = x + w / 5, x1 = x + w - w / 5, y0 = y + h / 4, y1 = y + h - h / 5;
-    std::vector<int> r, g, b;
-    for (int row = y0; row < y1; ++row)
-      for (int col = x0; col < x1; ++col) {
-        const uint8_t *p = &data[(static_cast<size_t>(row) * width + col) * 3];
-        r.push_back(p[0]);
-        g.push_back(p[1]);
-        b.push_back(p[2]);
-      }
-    if (r.empty()) return {-1, -1, -1};
-    auto mid = [](std::vector<int> &v) {
-      std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 2), v.end());
-      return v[v.size() / 2];
-    };
-    return {mid(r), mid(g), mid(b)};
-  }
 };
 
-class mosaic {
- public:
-  static constexpr int kDisplayFormat = 18;  // 640 x 480
-  static constexpr int kCamWidth = 160, kCamHeight = 96;
+struct mosaic {
+  orlo_display_t *display = nullptr;
+  ravel_t *engine = nullptr;
+  orlo_lumen_pipe_t *pipe = nullptr;
+  orlo_vr_t vr[ORLO_MAX_VR] = {};
 
   mosaic() {
-    const int32_t formats[1] = {kDisplayFormat};
-    h_display_ = orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
-    engine_ = ravel_soft_engine();
+    const int32_t formats[1] = {18};  // 640 x 480
+    display = orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
+    engine = ravel_soft_engine();
   }
-
-  orlo_display_t *display() const { return h_display_; }
-  ravel_t *engine() const { return engine_; }
-  orlo_lumen_pipe_t *pipe() const { return pipe_; }
+  ~mosaic() {
+    if (pipe != nullptr) orlo_lumen_pipe_stop(pipe);
+    if (display != nullptr) orlo_display_stop(display);
+  }
 
   // Mode selection and the mosaic: region i shows engine port ports[i].
   int show(int mode, const std::vector<int> &ports) {
-    int channels[ORLO_MAX_VR];
-    int flags[ORLO_MAX_VR] = {};
+    int channels[ORLO_MAX_VR], flags[ORLO_MAX_VR] = {};
     for (int i = 0; i < ORLO_MAX_VR; ++i)
       channels[i] = i < static_cast<int>(ports.size()) ? ports[static_cast<size_t>(i)] : -1;
-    if (orlo_display_mode_start(h_display_, mode) != 0) return -1;
-    if (orlo_display_get_user_vr(h_display_, mode, 0, 0, 1920, 1080, channels, flags, vr_) != 0)
+    if (orlo_display_mode_start(display, mode) != 0 ||
+        orlo_display_get_user_vr(display, mode, 0, 0, 1920, 1080, channels, flags, vr) != 0)
       return -1;
-    return orlo_display_change(h_display_, vr_, 0, mode);
+    return orlo_display_change(display, vr, 0, mode);
   }
 
-  // Region i of the last layout in display pixels.
-  void region(int i, int *x, int *y, int *w, int *h) const {
-    int dw = 0, dh = 0;
-    ravel_soft_display_size(engine_, 0, &dw, &dh);
-    const orlo_vr_t &v = vr_[i];
-    *x = v.x * dw / 1920;
-    *y = v.y * dh / 1080;
-    *w = v.width * dw / 1920;
-    *h = v.height * dh / 1080;
+  // The colour of region i of the last layout in `p`: the median of each
+  // component over its middle, where the camera number and the ball are
+  // small beside the field.
+  rgb tile(const picture &p, int i) const {
+    const int x = vr[i].x * p.width / 1920, w = vr[i].width * p.width / 1920;
+    const int y = vr[i].y * p.height / 1080, h = vr[i].height * p.height / 1080;
+    std::vector<int> c[3];
+    for (int row = y + h / 4; row < y + h - h / 5; ++row)
+      for (int col = x + w / 5; col < x + w - w / 5; ++col)
+        for (int k = 0; k < 3; k++) c[k].push_back(p.data[(size_t(row) * p.width + col) * 3 + k]);
+    if (c[0].empty()) return {-1, -1, -1};
+    for (auto &v : c) std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
+    return {c[0][c[0].size() / 2], c[1][c[1].size() / 2], c[2][c[2].size() / 2]};
   }
+  rgb tile(int i) const { return tile(grab(), i); }
 
-  // Live pipe with `cameras` cameras open; `streams` 1 main only, 3 both.
-  // `configure` runs on the source before the cameras open.
-  template <typename F>
-  void start_live(int cameras, int streams, F configure) {
-    pipe_ = orlo_lumen_pipe_new(0);
-    GstElement *src = orlo_lumen_pipe_get_src(pipe_);
-    g_object_set(src, "width", kCamWidth, "height", kCamHeight, "key-interval", 5, "bitrate", 256,
-                 "streams", streams, nullptr);
-    configure(src);
-    orlo_lumen_pipe_start(pipe_);
-    orlo_display_bind_src_pipe(h_display_, orlo_lumen_pipe_get_kelappsink(pipe_), 0);
-    for (int j = 0; j < cameras; ++j) orlo_lumen_pipe_open_ch(pipe_, j);
-  }
-  void start_live(int cameras) {
-    start_live(cameras, 1, [](GstElement *) {});
+  // Live pipe of 160 x 96 cameras with `cameras` open; `streams` 1 main
+  // only, 3 both.  `configure` runs on the source before the cameras open.
+  void start_live(int cameras, int streams = 1,
+                  const std::function<void(GstElement *)> &configure = {}) {
+    pipe = orlo_lumen_pipe_new(0);
+    GstElement *src = orlo_lumen_pipe_get_src(pipe);
+    g_object_set(src, "width", 160, "height", 96, "key-interval", 5, "bitrate", 256, "streams",
+                 streams, nullptr);
+    if (configure) configure(src);
+    orlo_lumen_pipe_start(pipe);
+    orlo_display_bind_src_pipe(display, orlo_lumen_pipe_get_kelappsink(pipe), 0);
+    for (int j = 0; j < cameras; ++j) orlo_lumen_pipe_open_ch(pipe, j);
   }
 
   // The last composed picture of display 0, taken after a fresh compose pass.
   picture grab() const {
     picture p;
-    ravel_soft_wait_compose(engine_, 2000);
-    ravel_soft_display_size(engine_, 0, &p.width, &p.height);
+    ravel_soft_wait_compose(engine, 2000);
+    ravel_soft_display_size(engine, 0, &p.width, &p.height);
     p.data.resize(static_cast<size_t>(p.width) * p.height * 3);
-    ravel_soft_read_display(engine_, 0, p.data.data(), p.width * 3);
+    ravel_soft_read_display(engine, 0, p.data.data(), p.width * 3);
     return p;
   }
-
-  ~mosaic() {
-    if (pipe_ != nullptr) orlo_lumen_pipe_stop(pipe_);
-    if (h_display_ != nullptr) orlo_display_stop(h_display_);
-  }
-
- private:
-  orlo_display_t *h_display_ = nullptr;
-  ravel_t *engine_ = nullptr;
-  orlo_lumen_pipe_t *pipe_ = nullptr;
-  orlo_vr_t vr_[ORLO_MAX_VR] = {};
 };
 
 // Decode table that sends live channel j (stream slot 16 + j) to port[j].
