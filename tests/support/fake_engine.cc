@@ -1,6 +1,5 @@
 #include "fake_engine.hh"
 
-#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
@@ -29,12 +28,8 @@ int fake_handle_storage;
 int64_t word(const void *p) { return static_cast<int64_t>(reinterpret_cast<intptr_t>(p)); }
 
 std::vector<uint8_t> bytes(const void *p, size_t n) {
-  std::vector<uint8_t> v;
-  if (p != nullptr && n > 0) {
-    v.resize(n);
-    std::memcpy(v.data(), p, n);
-  }
-  return v;
+  const auto *b = static_cast<const uint8_t *>(p);
+  return b != nullptr ? std::vector<uint8_t>(b, b + n) : std::vector<uint8_t>();
 }
 
 // Records the call and gives its scripted answer.
@@ -52,17 +47,13 @@ int64_t record(call c, int64_t fallback = 0) {
 }  // namespace
 
 void reset() {
-  std::deque<void *> held;
-  ravel_release_fn rel;
   {
     std::lock_guard<std::mutex> g(st().lock);
     st().log.clear();
     st().scripts.clear();
     st().hold = false;
-    held.swap(st().held);
-    rel = st().release;
   }
-  for (void *b : held) rel(b);
+  release_held();
 }
 
 std::vector<call> calls() {
@@ -120,11 +111,6 @@ int release_held() {
   return static_cast<int>(held.size());
 }
 
-ravel_release_fn release_fn() {
-  std::lock_guard<std::mutex> g(st().lock);
-  return st().release;
-}
-
 ravel_t *handle() { return reinterpret_cast<ravel_t *>(&fake_handle_storage); }
 
 }  // namespace fake_engine
@@ -162,6 +148,13 @@ int32_t with_record(const char *name, ravel_t *e, const R *r) {
 
 }  // namespace
 
+// Calls recorded with their argument words alone, or also with a copy of the
+// record passed last.
+#define PASS(name, params, ...) \
+  int32_t name params { return pass(#name, __VA_ARGS__); }
+#define WITH_RECORD(name, type) \
+  int32_t name(ravel_t *e, const type *r) { return with_record(#name, e, r); }
+
 extern "C" {
 
 ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
@@ -178,27 +171,21 @@ ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
           word(engine_block)},
          {}};
   // The record holds the display ids, then the block, then the format word.
-  auto ids = bytes(display_ids, 4 * sizeof(int32_t));
-  auto block = bytes(engine_block, 4 * sizeof(int32_t));
-  auto fmt = bytes(formats, sizeof(int32_t));
-  c.record = ids;
-  c.record.insert(c.record.end(), block.begin(), block.end());
-  c.record.insert(c.record.end(), fmt.begin(), fmt.end());
+  for (const auto &part : {bytes(display_ids, 16), bytes(engine_block, 16), bytes(formats, 4)})
+    c.record.insert(c.record.end(), part.begin(), part.end());
   int64_t r = record(c, word(fake_engine::handle()));
   return reinterpret_cast<ravel_t *>(static_cast<intptr_t>(r));
 }
 
-int32_t ravel_init_dec_config_param(ravel_t *e, ravel_dec_config_t *dec) {
-  return pass(__func__, e, dec);
-}
-int32_t ravel_init_enc_config_param(ravel_t *e, void *enc) { return pass(__func__, e, enc); }
+PASS(ravel_init_dec_config_param, (ravel_t * e, ravel_dec_config_t *dec), e, dec)
+PASS(ravel_init_enc_config_param, (ravel_t * e, void *enc), e, enc)
 int32_t ravel_change_pipe_config(ravel_t *e, ravel_dec_config_t *dec, int32_t count, void *enc,
                                  int32_t ch_count) {
   return rec(__func__, bytes(dec, sizeof(ravel_dec_config_t) * RAVEL_DEC_CONFIG_COUNT), e, dec,
              count, enc, ch_count);
 }
-int32_t ravel_start(ravel_t *e) { return pass(__func__, e); }
-int32_t ravel_stop(ravel_t *e) { return pass(__func__, e); }
+PASS(ravel_start, (ravel_t * e), e)
+PASS(ravel_stop, (ravel_t * e), e)
 int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t count,
                               int32_t display, int32_t playback) {
   return rec(__func__, bytes(regions, sizeof(ravel_region_t) * 37), e, regions, count, display,
@@ -236,68 +223,41 @@ int32_t ravel_jpeg_enc(ravel_t *e, int32_t ch, int32_t flag, ravel_jpeg_cb cb) {
   c.jpeg_cb = cb;
   return static_cast<int32_t>(record(c));
 }
-int32_t ravel_set_jpeg_dstntimeimg(ravel_t *e, int32_t ch, uint32_t dstn, uint32_t timeimg) {
-  return pass(__func__, e, ch, dstn, timeimg);
-}
-int32_t ravel_set_jpeg_timestamp(ravel_t *e, int32_t port, uint32_t ts) {
-  return pass(__func__, e, port, ts);
-}
-int32_t ravel_pause_frame(ravel_t *e, int32_t port) { return pass(__func__, e, port); }
-int32_t ravel_capture_drv_start(ravel_t *e, int32_t ch) { return pass(__func__, e, ch); }
-int32_t ravel_capture_drv_stop(ravel_t *e, int32_t ch) { return pass(__func__, e, ch); }
-int32_t ravel_register_get_encode_stream(ravel_t *e, void *cb, void *user) {
-  return pass(__func__, e, cb, user);
-}
-int32_t ravel_register_captmode_change(ravel_t *e, void *cb, void *user) {
-  return pass(__func__, e, cb, user);
-}
-int32_t ravel_register_encode_mosaic_stream(ravel_t *e, void *cb, void *user, int32_t stream,
-                                            int32_t r) {
-  return pass(__func__, e, cb, user, stream, r);
-}
-int32_t ravel_encode_change(ravel_t *e, int32_t ch, int32_t stream, void *param) {
-  return pass(__func__, e, ch, stream, param);
-}
-int32_t ravel_set_encode_bitrate(ravel_t *e, int32_t ch, int32_t stream, int32_t bitrate) {
-  return pass(__func__, e, ch, stream, bitrate);
-}
-int32_t ravel_get_encode_bitrate(ravel_t *e, int32_t ch, int32_t stream, int32_t *bitrate) {
-  return pass(__func__, e, ch, stream, bitrate);
-}
-int32_t ravel_motion_detect_config_param(ravel_t *e, int32_t ch, void *param, int32_t size) {
-  return pass(__func__, e, ch, param, size);
-}
-int32_t ravel_set_time(ravel_t *e, int32_t w, uint64_t time, int32_t w2) {
-  return pass(__func__, e, w, time, w2);
-}
-int32_t ravel_set_sys_time_init(uint64_t time) { return pass(__func__, time); }
-int32_t ravel_set_sys_time_sync(uint64_t time) { return pass(__func__, time); }
+PASS(ravel_set_jpeg_dstntimeimg, (ravel_t * e, int32_t ch, uint32_t dstn, uint32_t timeimg), e, ch,
+     dstn, timeimg)
+PASS(ravel_set_jpeg_timestamp, (ravel_t * e, int32_t port, uint32_t ts), e, port, ts)
+PASS(ravel_pause_frame, (ravel_t * e, int32_t port), e, port)
+PASS(ravel_capture_drv_start, (ravel_t * e, int32_t ch), e, ch)
+PASS(ravel_capture_drv_stop, (ravel_t * e, int32_t ch), e, ch)
+PASS(ravel_register_get_encode_stream, (ravel_t * e, void *cb, void *user), e, cb, user)
+PASS(ravel_register_captmode_change, (ravel_t * e, void *cb, void *user), e, cb, user)
+PASS(ravel_register_encode_mosaic_stream,
+     (ravel_t * e, void *cb, void *user, int32_t stream, int32_t r), e, cb, user, stream, r)
+PASS(ravel_encode_change, (ravel_t * e, int32_t ch, int32_t stream, void *param), e, ch, stream,
+     param)
+PASS(ravel_set_encode_bitrate, (ravel_t * e, int32_t ch, int32_t stream, int32_t bitrate), e, ch,
+     stream, bitrate)
+PASS(ravel_get_encode_bitrate, (ravel_t * e, int32_t ch, int32_t stream, int32_t *bitrate), e, ch,
+     stream, bitrate)
+PASS(ravel_motion_detect_config_param, (ravel_t * e, int32_t ch, void *param, int32_t size), e, ch,
+     param, size)
+PASS(ravel_set_time, (ravel_t * e, int32_t w, uint64_t time, int32_t w2), e, w, time, w2)
+PASS(ravel_set_sys_time_init, (uint64_t time), time)
+PASS(ravel_set_sys_time_sync, (uint64_t time), time)
+PASS(ravel_set_display_enable, (ravel_t * e, int32_t display, int32_t on), e, display, on)
+PASS(ravel_set_osd_enable, (ravel_t * e, int32_t a, int32_t b, int32_t c), e, a, b, c)
+PASS(ravel_set_osd_option, (ravel_t * e, int32_t a, int32_t b, int32_t c), e, a, b, c)
+PASS(ravel_check_alive_m3, (ravel_t * e, int32_t a, int32_t b), e, a, b)
+PASS(ravel_print_statistics, (ravel_t * e, int32_t a, int32_t b), e, a, b)
+WITH_RECORD(ravel_set_mask, ravel_mask_t)
+WITH_RECORD(ravel_set_ROI_coordinate, ravel_roi_t)
+WITH_RECORD(ravel_set_dnr, ravel_dnr_t)
+WITH_RECORD(ravel_set_mirror, int32_t)
+WITH_RECORD(ravel_set_rotate, int32_t)
+WITH_RECORD(ravel_set_datetime_format, ravel_datetime_format_t)
+WITH_RECORD(ravel_set_ip_osd_enable, ravel_ip_osd_t)
 uintptr_t ravel_get_hostcomm_addr(ravel_t *e, int32_t which, int32_t size) {
   return static_cast<uintptr_t>(record({__func__, {word(e), which, size}, {}}));
 }
-int32_t ravel_set_display_enable(ravel_t *e, int32_t display, int32_t enable) {
-  return pass(__func__, e, display, enable);
-}
-int32_t ravel_set_osd_enable(ravel_t *e, int32_t a, int32_t b, int32_t c) {
-  return pass(__func__, e, a, b, c);
-}
-int32_t ravel_set_osd_option(ravel_t *e, int32_t a, int32_t b, int32_t c) {
-  return pass(__func__, e, a, b, c);
-}
-int32_t ravel_set_mask(ravel_t *e, const ravel_mask_t *m) { return with_record(__func__, e, m); }
-int32_t ravel_set_ROI_coordinate(ravel_t *e, const ravel_roi_t *r) {
-  return with_record(__func__, e, r);
-}
-int32_t ravel_set_dnr(ravel_t *e, const ravel_dnr_t *d) { return with_record(__func__, e, d); }
-int32_t ravel_set_mirror(ravel_t *e, const int32_t *m) { return with_record(__func__, e, m); }
-int32_t ravel_set_rotate(ravel_t *e, const int32_t *r) { return with_record(__func__, e, r); }
-int32_t ravel_set_datetime_format(ravel_t *e, const ravel_datetime_format_t *f) {
-  return with_record(__func__, e, f);
-}
-int32_t ravel_set_ip_osd_enable(ravel_t *e, const ravel_ip_osd_t *o) {
-  return with_record(__func__, e, o);
-}
-int32_t ravel_check_alive_m3(ravel_t *e, int32_t a, int32_t b) { return pass(__func__, e, a, b); }
-int32_t ravel_print_statistics(ravel_t *e, int32_t a, int32_t b) { return pass(__func__, e, a, b); }
 
 }  // extern "C"

@@ -44,8 +44,6 @@ void script_sequence(const std::string &name, std::vector<int64_t> results);
 // release function at once, unless held; held frames go back on release_held().
 void hold_frames(bool hold);
 int release_held();
-// The release function that ravel_new was given.
-ravel_release_fn release_fn();
 // The handle that ravel_new gave (a fixed address).
 ravel_t *handle();
 

@@ -2,10 +2,8 @@
 
 namespace testing_support {
 
-log_capture::log_capture() {
-  previous_ = g_log_set_default_handler(&log_capture::handler, this);
-  previous_data_ = nullptr;
-}
+log_capture::log_capture()
+    : previous_(g_log_set_default_handler(&log_capture::handler, this)), previous_data_(nullptr) {}
 
 log_capture::~log_capture() { g_log_set_default_handler(previous_, previous_data_); }
 
@@ -15,8 +13,7 @@ void log_capture::handler(const gchar *domain, GLogLevelFlags level, const gchar
   // Only the library's own lines, which carry no domain.
   if (domain != nullptr) return;
   std::lock_guard<std::mutex> g(c->lock_);
-  c->lines_.push_back(
-      {static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK), message ? message : ""});
+  c->lines_.push_back({GLogLevelFlags(level & G_LOG_LEVEL_MASK), message ? message : ""});
 }
 
 std::vector<log_line> log_capture::lines() const {
@@ -33,8 +30,7 @@ std::vector<std::string> log_capture::texts(GLogLevelFlags level) const {
 
 int log_capture::count(const std::string &text) const {
   int n = 0;
-  for (auto &l : lines())
-    if (l.text == text) n++;
+  for (auto &l : lines()) n += l.text == text ? 1 : 0;
   return n;
 }
 
