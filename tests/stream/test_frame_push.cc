@@ -1,13 +1,11 @@
 // The push of frames to a port, seen through render passes: the attempts
 // and their sleeps, the port's state, the channel of the last intra frame,
 // and the release of every reference.
-#include "log_capture.hh"
 #include "stream_support.hh"
 
 namespace {
 
 using namespace stream_test;
-using testing_support::log_capture;
 
 // What reached the engine and the sleeps between, in order.  usleep is taken
 // over for the whole process: the push's sleeps are counted, not slept.
@@ -30,12 +28,7 @@ void record_puts(int64_t result) {
   });
 }
 
-std::vector<std::string> repeated(const std::vector<std::string> &unit, int n) {
-  std::vector<std::string> out;
-  for (int i = 0; i < n; i++) out.insert(out.end(), unit.begin(), unit.end());
-  return out;
-}
-
+using strings = std::vector<std::string>;
 using Push = display_test;
 
 TEST_F(Push, RefusedFrameGetsTwentyOneAttemptsThenOneInStateOne) {
@@ -44,42 +37,40 @@ TEST_F(Push, RefusedFrameGetsTwentyOneAttemptsThenOneInStateOne) {
   record_puts(-1);
   free_counter fc;
   sink.render(make_list({fc.watch(make_frame(0, 1, "A0i"))}));
-  EXPECT_EQ(events, repeated({"put 4 A0i", "sleep 1000"}, 21));
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
-            std::vector<std::string>{"ravel push failed at port 4\n"});
+  strings expected;
+  for (int i = 0; i < 21; i++) expected.insert(expected.end(), {"put 4 A0i", "sleep 1000"});
+  EXPECT_EQ(events, expected);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), strings{"ravel push failed at port 4\n"});
   EXPECT_EQ(h->port_state[4], 1);
   EXPECT_EQ(fc.freed.load(), 1);  // the push gave its reference back
   // In state 1 the port takes intra frames only, with one attempt each.
   events.clear();
   sink.render(make_list({make_frame(0, 1, "A1i")}));
   sink.render(make_list({make_frame(0, 0, "A2")}));  // dropped at the gate, silently
-  EXPECT_EQ(events, (std::vector<std::string>{"put 4 A1i", "sleep 1000"}));
+  EXPECT_EQ(events, (strings{"put 4 A1i", "sleep 1000"}));
   EXPECT_EQ(log.count("ravel push failed at port 4\n"), 2);
   // An accepted intra frame (type 5 as well) puts the port back in step.
   record_puts(0);
   sink.render(make_list({make_frame(0, 5, "A3i5")}));
   EXPECT_EQ(h->port_state[4], 0);
   sink.render(make_list({make_frame(0, 0, "A4")}));
-  EXPECT_EQ(events,
-            (std::vector<std::string>{"put 4 A1i", "sleep 1000", "put 4 A3i5", "put 4 A4"}));
+  EXPECT_EQ(events, (strings{"put 4 A1i", "sleep 1000", "put 4 A3i5", "put 4 A4"}));
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING).size(), 2u);
 }
 
 TEST_F(Push, ForeignChannelCostsNoAttemptNoSleepAndClosesThePort) {
   log_capture log;
-  // Channels 0 and 1 share port 4.
-  decode_change(h, {{16, 4, 1}, {17, 4, 1}});
+  decode_change(h, {{16, 4, 1}, {17, 4, 1}});  // channels 0 and 1 share port 4
   record_puts(0);
   sink.render(make_list({make_frame(1, 1, "B0i")}));
   sink.render(make_list({make_frame(0, 1, "A0i")}));
   events.clear();
   sink.render(make_list({make_frame(1, 0, "B1")}));
-  EXPECT_TRUE(events.empty());
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
-            std::vector<std::string>{"previous ch(0) is not matched with current ch(1)\n"});
-  EXPECT_EQ(h->port_state[4], 1);
   sink.render(make_list({make_frame(0, 0, "A1")}));  // the port now waits for an intra frame
   EXPECT_TRUE(events.empty());
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
+            strings{"previous ch(0) is not matched with current ch(1)\n"});
+  EXPECT_EQ(h->port_state[4], 1);
 }
 
 TEST_F(Push, MainPortCopyOfARefusedFrameRetriesAtTheCurrentMainPort) {
@@ -93,17 +84,15 @@ TEST_F(Push, MainPortCopyOfARefusedFrameRetriesAtTheCurrentMainPort) {
   });
   sink.render(make_list({make_frame(0, 1, "A0i")}));
   ASSERT_GE(events.size(), 4u);
-  EXPECT_EQ(std::vector<std::string>(events.begin(), events.begin() + 4),
-            (std::vector<std::string>{"put 4", "put 9", "sleep 1000", "put 12"}));
+  EXPECT_EQ(strings(events.begin(), events.begin() + 4),
+            (strings{"put 4", "put 9", "sleep 1000", "put 12"}));
   EXPECT_EQ(h->port_state[12], 1);
   EXPECT_EQ(h->port_state[9], 0);
 }
 
 // Every frame buffer and every list buffer is freed exactly once, whatever
 // became of its frames: accepted, refused, foreign, gated or played.
-using References = display_test;
-
-TEST_F(References, EveryBufferIsFreedExactlyOnce) {
+TEST_F(Push, EveryBufferIsFreedExactlyOnce) {
   // Channel 0 to port 4 with a copy to main_port 9; channel 1 to port 5;
   // channel 2 to port 6, which refuses everything; channel 17 shares port 4.
   decode_change(h, {{16, 4, 1, 1}, {17, 5, 1}, {18, 6, 1}, {33, 4, 1}});
@@ -113,39 +102,31 @@ TEST_F(References, EveryBufferIsFreedExactlyOnce) {
     return c.args[1] == 6 ? -1 : 0;
   });
   fake_engine::hold_frames(true);
-
   free_counter frames, lists;
   auto f = [&](uint8_t ch, uint8_t type, const char *payload) {
     return frames.watch(make_frame(ch, type, payload));
   };
+  // 1: accepted (and copied), accepted, refused 21 times, played.
+  // 2: channel 17's intra frame takes port 4, so channel 0's inter frame is
+  //    foreign there; its copy is accepted; port 6 is gated; channel 3 is off.
+  // 3: a replaced frame and a non-frame.  4: an empty list.
   const std::vector<std::vector<GstBuffer *>> passes = {
-      // accepted (and copied), accepted, refused 21 times, played
       {f(0, 1, "A0i"), f(1, 1, "B0i"), f(2, 1, "C0i"), f(0, 10, "pcm0")},
-      // channel 17's intra frame takes port 4, so channel 0's inter frame is
-      // foreign there; its copy is accepted; port 6 is gated; channel 3 is off
       {f(0, 0, "A1"), f(1, 0, "B1"), f(2, 0, "C1"), f(17, 1, "E0i"), f(3, 1, "D0i"),
        f(5, 10, "pcm5")},
-      // a replaced frame, a non-frame, an empty list
       {f(1, 0, "B2"), f(1, 0, "B3"), frames.watch(gst_buffer_new_allocate(nullptr, 8, nullptr))},
       {},
   };
-  for (const auto &members : passes) {
-    GstBuffer *list = gst_kel_list_buffer_new();
-    for (GstBuffer *m : members) gst_kel_list_buffer_append(list, m);
-    sink.render(lists.watch(list));
-  }
+  for (const auto &members : passes) sink.render(lists.watch(make_list(members)));
   EXPECT_EQ(lists.freed.load(), 4);
-
-  // What the engine took: A0i twice (port and copy), B0i, E0i, A1's copy, B1
-  // and B3; port 6 saw C0i 21 times and nothing after.
-  const auto puts = fake_engine::calls("ravel_put_decode_stream");
-  EXPECT_EQ(puts.size(), 28u);
-  // The engine still holds the six frames it accepted; every other frame is
-  // gone with its list or with the push that gave it up.
+  // The engine took A0i twice (port and copy), B0i, E0i, A1's copy, B1 and
+  // B3; port 6 saw C0i 21 times and nothing after.
+  EXPECT_EQ(fake_engine::calls("ravel_put_decode_stream").size(), 28u);
+  // It still holds the six frames it accepted; every other frame is gone with
+  // its list or with the push that gave it up.
   EXPECT_EQ(frames.freed.load(), frames.watched.load() - 6);
   EXPECT_EQ(fake_engine::release_held(), 7);
   EXPECT_EQ(frames.freed.load(), frames.watched.load());
-
   EXPECT_EQ(heard(), "pcm0pcm5");
 }
 
