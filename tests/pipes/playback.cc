@@ -17,18 +17,9 @@ temp_folder::~temp_folder() {
   if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
-bool run_to_eos(const std::string &launch, int *handoffs) {
+bool run_to_eos(const std::string &launch) {
   GstElement *p = gst_parse_launch(launch.c_str(), nullptr);
   if (p == nullptr) return false;
-  if (handoffs != nullptr) {
-    GstElement *out = gst_bin_get_by_name(GST_BIN(p), "out");
-    g_signal_connect(out, "handoff",
-                     G_CALLBACK(+[](GstElement *, GstBuffer *, GstPad *, gpointer n) {
-                       ++*static_cast<int *>(n);
-                     }),
-                     handoffs);
-    gst_object_unref(out);
-  }
   gst_element_set_state(p, GST_STATE_PLAYING);
   GstBus *bus = gst_element_get_bus(p);
   GstMessage *msg = gst_bus_timed_pop_filtered(
@@ -73,11 +64,11 @@ gint collector::render(GstKelAppSink *sink, gpointer data) {
   auto *self = static_cast<collector *>(data);
   GstBuffer *b = gst_kelapp_sink_pull_buffer(sink);
   if (b == nullptr) return 0;
-  list_seen l{{}, std::chrono::steady_clock::now()};
+  list_seen l;
   if (GstKelListMeta *m = gst_kel_list_buffer_get_meta(b)) {
     for (GList *i = m->list; i != nullptr; i = i->next) {
       GstKelBuddyMeta *fm = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(i->data));
-      if (fm != nullptr && fm->size >= 24) l.frames.push_back(read_header(fm->data));
+      if (fm != nullptr && fm->size >= 24) l.push_back(read_header(fm->data));
     }
   }
   gst_buffer_unref(b);
@@ -93,7 +84,7 @@ std::vector<collector::list_seen> collector::lists() const {
 
 std::vector<frame_seen> collector::frames() const {
   std::vector<frame_seen> out;
-  for (const auto &l : lists()) out.insert(out.end(), l.frames.begin(), l.frames.end());
+  for (const auto &l : lists()) out.insert(out.end(), l.begin(), l.end());
   return out;
 }
 

@@ -4,7 +4,6 @@
 
 #include <gst/gst.h>
 
-#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -35,9 +34,8 @@ class temp_folder {
   std::string path_;
 };
 
-// Runs a launch line to its end; counts the buffers of an element named
-// "out" (a fakesink with signal-handoffs) when asked.  False on an error.
-bool run_to_eos(const std::string &launch, int *handoffs = nullptr);
+// Runs a launch line to its end.  False on an error.
+bool run_to_eos(const std::string &launch);
 
 // Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
 // the first at recorder time `start`, into the folder's "chNN.h264".
@@ -62,10 +60,7 @@ using testing_support::eventually;
 // Installs itself as the sink's render callback and keeps what it renders.
 class collector {
  public:
-  struct list_seen {
-    std::vector<frame_seen> frames;
-    std::chrono::steady_clock::time_point at;
-  };
+  using list_seen = std::vector<frame_seen>;
   explicit collector(GstElement *sink);
   std::vector<list_seen> lists() const;
   size_t count() const { return lists().size(); }

@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "eventually.hh"
 #include "fake_engine.hh"
@@ -28,6 +29,7 @@ namespace {
 std::atomic<orlo_display_t *> seen_display{nullptr};
 std::atomic<orlo_lumen_pipe_t *> seen_pipe{nullptr};
 std::atomic<int> seen_count{-1};
+std::vector<int64_t> seen_new_args;  // engine_opt .. h_audio, then cfg
 std::atomic<bool> open_cameras{false};
 
 // Runs the test in a directory of its own, with or without the hardware's
@@ -85,6 +87,8 @@ extern "C" orlo_display_t *orlo_display_new(const int32_t *formats, int32_t engi
   static auto real = reinterpret_cast<fn>(dlsym(RTLD_NEXT, "orlo_display_new"));
   orlo_display_t *h = real(formats, engine_opt, ch_count, reserved, n_display_ids, h_audio, cfg);
   seen_display = h;
+  seen_new_args = {engine_opt,    ch_count, reserved,
+                   n_display_ids, h_audio,  reinterpret_cast<intptr_t>(cfg)};
   return h;
 }
 
@@ -117,6 +121,7 @@ TEST(BringUp, FourSyntheticCamerasReachPortZeroThroughTheRenderWorker) {
   ASSERT_NE(h, nullptr);
   ASSERT_NE(pipe, nullptr);
   EXPECT_EQ(seen_count, 4);
+  EXPECT_EQ(seen_new_args, (std::vector<int64_t>{0, 4, 4, 1, -1, 0}));
   for (int i = 0; i < ORLO_MAX_VR; ++i) EXPECT_EQ(h->channels[i], i < 4 ? i : -1);
   EXPECT_EQ(h->config_mode, 13);
   EXPECT_EQ(h->sinks[0], orlo_lumen_pipe_get_kelappsink(pipe));

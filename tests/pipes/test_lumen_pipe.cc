@@ -173,16 +173,22 @@ TEST_F(LumenPipe, StartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) 
   EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(reinterpret_cast<orlo_lumen_pipe_t *>(0x10), -1), 0);
   EXPECT_EQ(orlo_lumen_pipe_set_dev_mac(nullptr, "\x00\x01\x02\x03\x04\x05", 6), 0);
   EXPECT_EQ(orlo_lumen_pipe_send_audio(p, 1, "pcm!", 4), 4);
-  EXPECT_EQ(orlo_lumen_pipe_set_cmd_callback(p, nullptr, nullptr), 0);
-  EXPECT_EQ(orlo_lumen_pipe_set_src_handoff(p, nullptr, nullptr), 0);
+  for (auto set : {orlo_lumen_pipe_set_cmd_callback, orlo_lumen_pipe_set_motion_callback,
+                   orlo_lumen_pipe_set_alarm_callback, orlo_lumen_pipe_set_src_handoff,
+                   orlo_lumen_pipe_set_header_x_callback, orlo_lumen_pipe_set_onvif_meta_callback})
+    EXPECT_EQ(set(p, nullptr, nullptr), 0);
 
   EXPECT_EQ(orlo_lumen_pipe_stop(p), 0);
   EXPECT_EQ(orlo_lumen_pipe_close_ch(p, 1), 0);
   EXPECT_EQ(orlo_lumen_pipe_close_ch(p, 1), -1) << "the element's result comes back";
-  EXPECT_EQ(pipe_threads(), 1);
-  orlo_lumen_pipe_delete(p);
-  std::this_thread::sleep_for(100ms);
   EXPECT_EQ(pipe_threads(), 1) << "the thread lives on, parked in its loop";
+  // Delete gives back the record's two element references, nothing more.
+  GstObject *elements[] = {GST_OBJECT(p->src), GST_OBJECT(p->kelappsink)};
+  const int refs[] = {GST_OBJECT_REFCOUNT_VALUE(elements[0]),
+                      GST_OBJECT_REFCOUNT_VALUE(elements[1])};
+  orlo_lumen_pipe_delete(p);
+  for (int i = 0; i < 2; i++) EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(elements[i]), refs[i] - 1) << i;
+  EXPECT_EQ(pipe_threads(), 1);
   // The pipeline is the thread's to keep; it is still whole.
   EXPECT_TRUE(GST_IS_PIPELINE(pipeline));
   EXPECT_EQ(state_of(pipeline), GST_STATE_NULL);

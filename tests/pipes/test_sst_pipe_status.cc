@@ -217,8 +217,9 @@ TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
 
 TEST_F(SstPipe, SetParamWritesTimesInNanosecondsAndFixedValues) {
   g_object_set(h->src, "audio-ch", 3, "mode", 1, "vtick-interval-usec", 5, nullptr);
-  orlo_sst_pipe_set_param(h, 2, 1, 1, 0, orlo_timeval_t{2, 500000}, orlo_timeval_t{-3, 250},
-                          orlo_timeval_t{7, 0}, 8, 0x80000001u);
+  EXPECT_EQ(orlo_sst_pipe_set_param(h, 2, 1, 1, 0, orlo_timeval_t{2, 500000},
+                                    orlo_timeval_t{-3, 250}, orlo_timeval_t{7, 0}, 8, 0x80000001u),
+            0);
   // ch-mask: no sign spreads into bit 63.
   expect_props(h->src,
                "begin-time=2500000000 end-time=-2999750000 search-time=7000000000 time-offset=0 "
