@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -14,32 +15,28 @@
 
 #include "kel_buffers.h"
 #include "lumen_src.h"
+#include "ref_ptr.hh"
 
 namespace live_test {
 
 struct frame {
-  int ch;
-  int type;
-  uint32_t size;
-  uint32_t seq;
+  int ch, type;
+  uint32_t size, seq;
   GstClockTime list_pts;
   bool header_ok;  // the header's size agrees with the buffer's
 };
+using frames_t = std::vector<frame>;
 
-// Runs a launch line to its end; false on an error or a time-out.
-inline bool run_to_eos(const std::string &launch) {
-  GstElement *p = gst_parse_launch(launch.c_str(), nullptr);
-  if (p == nullptr) return false;
-  gst_element_set_state(p, GST_STATE_PLAYING);
-  GstBus *bus = gst_element_get_bus(p);
-  GstMessage *m = gst_bus_timed_pop_filtered(
-      bus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  const bool ok = m != nullptr && GST_MESSAGE_TYPE(m) == GST_MESSAGE_EOS;
-  if (m != nullptr) gst_message_unref(m);
-  gst_object_unref(bus);
-  gst_element_set_state(p, GST_STATE_NULL);
-  gst_object_unref(p);
-  return ok;
+// An H.264 file made by FFmpeg (`options` name the codec's settings); its
+// URI, or "" when FFmpeg failed.
+inline std::string make_file(const std::string &path, const std::string &options) {
+  const std::string cmd = "ffmpeg -v error -y -f lavfi -i testsrc2=s=320x180:r=25 " + options +
+                          " -c:v libx264 -pix_fmt yuv420p " + path;
+  if (std::system(cmd.c_str()) != 0) return {};
+  gchar *uri = g_filename_to_uri(path.c_str(), nullptr, nullptr);
+  std::string s(uri);
+  g_free(uri);
+  return s;
 }
 
 class lumen_harness {
@@ -47,65 +44,54 @@ class lumen_harness {
   // Small pictures and a short intra interval keep the tests quick.
   explicit lumen_harness(const std::string &extra = "") {
     gst_init(nullptr, nullptr);
-    std::string d = "lumensrc name=src width=160 height=96 key-interval=5 " + extra +
-                    " ! appsink name=out sync=false caps=video/x-h264";
-    pipeline_ = gst_parse_launch(d.c_str(), nullptr);
-    src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
-    out_ = gst_bin_get_by_name(GST_BIN(pipeline_), "out");
+    const std::string d = "lumensrc name=src width=160 height=96 key-interval=5 " + extra +
+                          " ! appsink name=out sync=false caps=video/x-h264";
+    pipeline_ = orlo::adopt_floating(gst_parse_launch(d.c_str(), nullptr));
+    src_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "src"));
+    out_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "out"));
   }
-  ~lumen_harness() {
-    gst_element_set_state(pipeline_, GST_STATE_NULL);
-    gst_object_unref(out_);
-    gst_object_unref(src_);
-    gst_object_unref(pipeline_);
-  }
-  GstElement *src() const { return src_; }
+  ~lumen_harness() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
+  GstElement *src() const { return src_.get(); }
   // A live pipeline completes its change to PLAYING only with a first frame,
   // so nothing waits for it here.
-  void play() { gst_element_set_state(pipeline_, GST_STATE_PLAYING); }
+  void play() { gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING); }
 
   // Pulls deliveries until `done` says so or `limit` passes; gives every frame.
-  std::vector<frame> collect(const std::function<bool(const std::vector<frame> &)> &done,
-                             std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-    std::vector<frame> frames;
+  frames_t collect(const std::function<bool(const frames_t &)> &done,
+                   std::chrono::seconds limit = std::chrono::seconds(20)) {
+    frames_t frames;
     const auto end = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < end && !done(frames)) {
-      GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(out_), 100 * GST_MSECOND);
+      GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(out_.get()), 100 * GST_MSECOND);
       if (sample == nullptr) continue;
       GstBuffer *list = gst_sample_get_buffer(sample);
-      if (GstKelListMeta *m = gst_kel_list_buffer_get_meta(list)) {
-        for (GList *l = m->list; l != nullptr; l = l->next) {
-          GstKelBuddyMeta *b = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
-          if (b == nullptr) continue;
-          frame f{b->data[0], b->data[8], 0, 0, GST_BUFFER_PTS(list), false};
-          memcpy(&f.size, b->data + 4, 4);
-          memcpy(&f.seq, b->data + 16, 4);
-          f.header_ok = b->size == 24 + static_cast<gsize>(f.size);
-          frames.push_back(f);
-        }
+      GstKelListMeta *m = gst_kel_list_buffer_get_meta(list);
+      for (GList *l = m != nullptr ? m->list : nullptr; l != nullptr; l = l->next) {
+        GstKelBuddyMeta *b = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
+        if (b == nullptr) continue;
+        frame f{b->data[0], b->data[8], 0, 0, GST_BUFFER_PTS(list), false};
+        memcpy(&f.size, b->data + 4, 4);
+        memcpy(&f.seq, b->data + 16, 4);
+        f.header_ok = b->size == 24 + static_cast<gsize>(f.size);
+        frames.push_back(f);
       }
       gst_sample_unref(sample);
     }
     return frames;
   }
-  std::vector<frame> collect_for(std::chrono::milliseconds span) {
-    return collect([](const std::vector<frame> &) { return false; }, span);
-  }
 
  private:
-  GstElement *pipeline_;
-  GstElement *src_;
-  GstElement *out_;
+  orlo::ref_ptr<GstElement> pipeline_, src_, out_;
 };
 
-inline std::vector<frame> of_channel(const std::vector<frame> &frames, int ch) {
-  std::vector<frame> out;
+inline frames_t of_channel(const frames_t &frames, int ch) {
+  frames_t out;
   for (const auto &f : frames)
     if (f.ch == ch) out.push_back(f);
   return out;
 }
 
-inline size_t count_of(const std::vector<frame> &frames, int ch, int type) {
+inline size_t count_of(const frames_t &frames, int ch, int type) {
   size_t n = 0;
   for (const auto &f : frames) n += f.ch == ch && f.type == type;
   return n;

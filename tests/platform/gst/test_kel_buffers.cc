@@ -1,0 +1,49 @@
+// The frame and list buffers: their bytes, their type tests, what a copy
+// shares and what the list holds.
+#include <gtest/gtest.h>
+
+#include "kel_buffers.h"
+#include "ref_ptr.hh"
+
+TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
+  gst_init(nullptr, nullptr);
+  const guint8 bytes[5] = {1, 2, 3, 4, 5};
+  auto frame = orlo::adopt(gst_kel_buddy_buffer_new_copy(bytes, sizeof bytes));
+  GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(frame.get());
+  ASSERT_NE(m, nullptr);
+  ASSERT_EQ(m->size, sizeof bytes);
+  EXPECT_EQ(memcmp(m->data, bytes, sizeof bytes), 0);
+
+  // A copy is a frame over bytes of its own.
+  auto copy = orlo::adopt(gst_buffer_copy_deep(frame.get()));
+  GstKelBuddyMeta *c = gst_kel_buddy_buffer_get_meta(copy.get());
+  ASSERT_NE(c, nullptr);
+  EXPECT_NE(c->data, m->data);
+  EXPECT_EQ(c->size, sizeof bytes);
+  EXPECT_EQ(memcmp(c->data, bytes, sizeof bytes), 0);
+
+  // The type tests tell the two apart, and nothing else passes.
+  auto list = orlo::adopt(gst_kel_list_buffer_new());
+  auto plain = orlo::adopt(gst_buffer_new());
+  EXPECT_EQ(gst_kel_list_buffer_get_meta(list.get())->list, nullptr);
+  for (GstBuffer *b : {plain.get(), frame.get(), static_cast<GstBuffer *>(nullptr)})
+    EXPECT_EQ(gst_kel_list_buffer_get_meta(b), nullptr);
+  for (GstBuffer *b : {plain.get(), list.get(), static_cast<GstBuffer *>(nullptr)})
+    EXPECT_EQ(gst_kel_buddy_buffer_get_meta(b), nullptr);
+  auto caps = orlo::adopt(gst_caps_new_any());
+  EXPECT_EQ(gst_kel_buddy_buffer_get_meta(reinterpret_cast<GstBuffer *>(caps.get())), nullptr);
+
+  // Members in order; a list copy shares them, each list with a reference.
+  gst_kel_list_buffer_append(list.get(), gst_buffer_ref(frame.get()));
+  gst_kel_list_buffer_append(list.get(), gst_buffer_ref(copy.get()));
+  gst_kel_list_buffer_append(list.get(), nullptr);  // refused
+  auto list_copy = orlo::adopt(gst_buffer_copy(list.get()));
+  GList *members = gst_kel_list_buffer_get_meta(list_copy.get())->list;
+  ASSERT_EQ(g_list_length(members), 2u);
+  EXPECT_EQ(members->data, frame.get());
+  EXPECT_EQ(members->next->data, copy.get());
+  EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(frame.get()), 3);
+  list.reset();
+  list_copy.reset();
+  EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(frame.get()), 1);
+}
