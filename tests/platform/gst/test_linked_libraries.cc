@@ -1,8 +1,12 @@
-// The frame and list buffers: their bytes, their type tests, what a copy
-// shares and what the list holds.
+// The libraries linked beside the elements: the frame and list buffers
+// (their bytes, their type tests, what a copy shares and what the list
+// holds) and the camera detection.
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "kel_buffers.h"
+#include "plug_and_detect.h"
 #include "ref_ptr.hh"
 
 TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
@@ -21,6 +25,9 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   EXPECT_NE(c->data, m->data);
   EXPECT_EQ(c->size, sizeof bytes);
   EXPECT_EQ(memcmp(c->data, bytes, sizeof bytes), 0);
+  GstMapInfo map;  // and is left unmapped, so that it can be written
+  ASSERT_TRUE(gst_buffer_map(copy.get(), &map, GST_MAP_WRITE));
+  gst_buffer_unmap(copy.get(), &map);
 
   // The type tests tell the two apart, and nothing else passes.
   auto list = orlo::adopt(gst_kel_list_buffer_new());
@@ -46,4 +53,15 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   list.reset();
   list_copy.reset();
   EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(frame.get()), 1);
+}
+
+// The stand-in for the camera detection only says that it was called.
+TEST(PlugAndDetect, SaysItWasCalledAndGivesZero) {
+  static std::string said;
+  const guint handler = g_log_set_handler(
+      "plug_and_detect", G_LOG_LEVEL_MESSAGE,
+      [](const gchar *, GLogLevelFlags, const gchar *m, gpointer) { said = m; }, nullptr);
+  EXPECT_EQ(plug_and_detect_init(nullptr, 4), 0);
+  g_log_remove_handler("plug_and_detect", handler);
+  EXPECT_EQ(said, "plug_and_detect_init((nil), 4) called");
 }
