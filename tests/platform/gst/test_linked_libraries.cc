@@ -32,18 +32,19 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   // The type tests tell the two apart, and nothing else passes.
   auto list = orlo::adopt(gst_kel_list_buffer_new());
   auto plain = orlo::adopt(gst_buffer_new());
-  EXPECT_EQ(gst_kel_list_buffer_get_meta(list.get())->list, nullptr);
-  for (GstBuffer *b : {plain.get(), frame.get(), static_cast<GstBuffer *>(nullptr)})
-    EXPECT_EQ(gst_kel_list_buffer_get_meta(b), nullptr);
-  for (GstBuffer *b : {plain.get(), list.get(), static_cast<GstBuffer *>(nullptr)})
-    EXPECT_EQ(gst_kel_buddy_buffer_get_meta(b), nullptr);
   auto caps = orlo::adopt(gst_caps_new_any());
-  EXPECT_EQ(gst_kel_buddy_buffer_get_meta(reinterpret_cast<GstBuffer *>(caps.get())), nullptr);
+  auto *no_buffer = reinterpret_cast<GstBuffer *>(caps.get());
+  EXPECT_EQ(gst_kel_list_buffer_get_meta(list.get())->list, nullptr);
+  for (GstBuffer *b : {plain.get(), frame.get(), no_buffer, static_cast<GstBuffer *>(nullptr)})
+    EXPECT_EQ(gst_kel_list_buffer_get_meta(b), nullptr);
+  for (GstBuffer *b : {plain.get(), list.get(), no_buffer, static_cast<GstBuffer *>(nullptr)})
+    EXPECT_EQ(gst_kel_buddy_buffer_get_meta(b), nullptr);
 
   // Members in order; a list copy shares them, each list with a reference.
   gst_kel_list_buffer_append(list.get(), gst_buffer_ref(frame.get()));
   gst_kel_list_buffer_append(list.get(), gst_buffer_ref(copy.get()));
-  gst_kel_list_buffer_append(list.get(), nullptr);  // refused
+  gst_kel_list_buffer_append(list.get(), nullptr);       // refused
+  gst_kel_list_buffer_append(plain.get(), frame.get());  // refused, still ours
   auto list_copy = orlo::adopt(gst_buffer_copy(list.get()));
   GList *members = gst_kel_list_buffer_get_meta(list_copy.get())->list;
   ASSERT_EQ(g_list_length(members), 2u);
