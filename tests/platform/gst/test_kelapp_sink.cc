@@ -219,6 +219,20 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
   EXPECT_TRUE(gst_pad_query_accept_caps(pad.get(), h264.get()));
   g_object_set(element.get(), "caps", raw.get(), nullptr);
   EXPECT_FALSE(gst_pad_query_accept_caps(pad.get(), h264.get()));
+  gboolean drop = FALSE;
+  guint max_buffers = 0;
+  gint priority = 0;
+  g_object_set(element.get(), "drop", TRUE, "max-buffers", 7u, "priority", 97, nullptr);
+  g_object_get(element.get(), "drop", &drop, "max-buffers", &max_buffers, "priority", &priority,
+               nullptr);
+  EXPECT_TRUE(drop && max_buffers == 7 && priority == 97);
+  // Something that is no sink is refused, and keeps the sink's tables.
+  for (GstKelAppSink *other :
+       {reinterpret_cast<GstKelAppSink *>(pad.get()), static_cast<GstKelAppSink *>(nullptr)}) {
+    gst_kelapp_sink_set_callbacks(other, &cbs, &first, on_notify);
+    gst_kelapp_sink_set_render_callbacks(other, &render_cbs, &first, on_notify);
+    EXPECT_EQ(gst_kelapp_sink_pull_buffer(other), nullptr);
+  }
 
   element.reset();
   EXPECT_EQ(second.snapshot(), std::vector<std::string>{"notify"});
