@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "kel_buffers.h"
 #include "plug_and_detect.h"
@@ -25,15 +26,19 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   EXPECT_NE(c->data, m->data);
   EXPECT_EQ(c->size, sizeof bytes);
   EXPECT_EQ(memcmp(c->data, bytes, sizeof bytes), 0);
-  GstMapInfo map;  // and is left unmapped, so that it can be written
+  GstMapInfo map;  // and is left unmapped, so that it is written in place
   ASSERT_TRUE(gst_buffer_map(copy.get(), &map, GST_MAP_WRITE));
+  EXPECT_EQ(map.data, c->data);
   gst_buffer_unmap(copy.get(), &map);
 
   // The type tests tell the two apart, and nothing else passes.
   auto list = orlo::adopt(gst_kel_list_buffer_new());
   auto plain = orlo::adopt(gst_buffer_new());
-  auto caps = orlo::adopt(gst_caps_new_any());
-  auto *no_buffer = reinterpret_cast<GstBuffer *>(caps.get());
+  // A mini object that is no buffer, with junk where a buffer keeps its metas.
+  std::vector<guint8> junk(1024, 0xa5);
+  auto *no_buffer = reinterpret_cast<GstBuffer *>(junk.data());
+  gst_mini_object_init(GST_MINI_OBJECT_CAST(no_buffer), 0, GST_TYPE_CAPS, nullptr, nullptr,
+                       nullptr);
   EXPECT_EQ(gst_kel_list_buffer_get_meta(list.get())->list, nullptr);
   for (GstBuffer *b : {plain.get(), frame.get(), no_buffer, static_cast<GstBuffer *>(nullptr)})
     EXPECT_EQ(gst_kel_list_buffer_get_meta(b), nullptr);
