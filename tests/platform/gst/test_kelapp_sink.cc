@@ -219,13 +219,16 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
   EXPECT_TRUE(gst_pad_query_accept_caps(pad.get(), h264.get()));
   g_object_set(element.get(), "caps", raw.get(), nullptr);
   EXPECT_FALSE(gst_pad_query_accept_caps(pad.get(), h264.get()));
-  gboolean drop = FALSE;
+  // A pulled buffer is not kept alive behind the queue; a priority is one
+  // of SCHED_FIFO's.
+  gboolean drop = FALSE, last_sample = TRUE;
   guint max_buffers = 0;
   gint priority = 0;
   g_object_set(element.get(), "drop", TRUE, "max-buffers", 7u, "priority", 97, nullptr);
+  g_object_set(element.get(), "priority", 100, nullptr);  // refused
   g_object_get(element.get(), "drop", &drop, "max-buffers", &max_buffers, "priority", &priority,
-               nullptr);
-  EXPECT_TRUE(drop && max_buffers == 7 && priority == 97);
+               "enable-last-sample", &last_sample, nullptr);
+  EXPECT_TRUE(drop && max_buffers == 7 && priority == 97 && !last_sample);
   // Something that is no sink is refused, and keeps the sink's tables.
   for (GstKelAppSink *other :
        {reinterpret_cast<GstKelAppSink *>(pad.get()), static_cast<GstKelAppSink *>(nullptr)}) {
