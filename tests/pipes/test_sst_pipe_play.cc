@@ -24,10 +24,10 @@ class SstPlay : public ::testing::Test {
       if (!record_channel(folder.path(), ch, frames)) return false;
     return true;
   }
-  void open() {
+  void open(int open_rate = 1) {
     h = orlo_sst_pipe_new();
     ASSERT_NE(h, nullptr);
-    g_object_set(h->src, "location", folder.path().c_str(), nullptr);
+    g_object_set(h->src, "location", folder.path().c_str(), "open-rate", open_rate, nullptr);
     sink = std::make_unique<collector>(h->kelappsink);
   }
   void close() {
@@ -101,6 +101,25 @@ TEST_F(SstPlay, FirstIntraFrameOfASpan) {
                                      tv(kStart + 49 * kFrameNs)),
             nullptr);
   EXPECT_EQ(orlo_sst_pipe_get_iframe(dir.c_str(), 9, 0, tv(0), tv(0)), nullptr);
+}
+
+// A player that catches up with a recording still being written waits for
+// the recorder and plays on, also in the middle of a group of pictures.
+TEST_F(SstPlay, AGrowingRecordingPlaysOnWithOpenRate) {
+  constexpr int kShort = 30;
+  ASSERT_TRUE(record(1, kShort));
+  open(20);
+  play(0, 1, 4);
+  ASSERT_TRUE(eventually([&] { return sink->count() >= kShort; }));
+  EXPECT_TRUE(wait_eos(1));
+  ASSERT_TRUE(record_channel(folder.path(), 0, 10, kStart + kShort * kFrameNs));
+  ASSERT_TRUE(eventually([&] { return sink->count() >= kShort + 10; }));
+  int64_t last = 0;
+  for (const auto &f : sink->frames()) {
+    EXPECT_GT(f.time, last);
+    last = f.time;
+  }
+  EXPECT_EQ(last, kStart + (kShort + 9) * kFrameNs);
 }
 
 }  // namespace
