@@ -170,6 +170,15 @@ void compositor::run() {
   }
 }
 
+bool compositor::pass_here() {
+  {
+    std::lock_guard<std::mutex> g(state_lock_);
+    if (running_ || quit_) return false;
+  }
+  pass(false);
+  return true;
+}
+
 bool compositor::pass(bool whole) {
   // Every port, shown or not, so that the watch for lost signals covers all.
   std::array<tile_source, kPorts> now;

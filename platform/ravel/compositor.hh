@@ -68,6 +68,10 @@ class compositor {
   void set_observer(int index, canvas_observer observer);
   // Every display is drawn whole in the next pass.
   void redraw_all();
+  // Test hook: one pass on the calling thread, for a compositor that does
+  // not run, so that a fuzzer composes without hand-offs.  False while it
+  // runs.
+  bool pass_here();
 
  private:
   struct tile_key {

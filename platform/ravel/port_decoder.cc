@@ -198,13 +198,7 @@ void port_decoder::run() {
   for (;;) {
     wait_for_frame(g);
     if (quit_) break;
-    pending_frame f = queue_.front();
-    queue_.pop_front();
-    bool decode = running_ && f.generation == generation_;
-    g.unlock();
-    outcome o = decode ? handle(f) : drop_undecoded(f);
-    g.lock();
-    count(o);
+    take_one(g);
   }
   // Process exit: the buffers go back, the callers' callbacks are not called
   // any more.
@@ -214,6 +208,21 @@ void port_decoder::run() {
     count(outcome::flushed);
   }
   jpeg_waits_.clear();
+}
+
+void port_decoder::take_one(std::unique_lock<std::mutex> &g) {
+  pending_frame f = queue_.front();
+  queue_.pop_front();
+  bool decode = running_ && f.generation == generation_;
+  g.unlock();
+  outcome o = decode ? handle(f) : drop_undecoded(f);
+  g.lock();
+  count(o);
+}
+
+void port_decoder::run_queued_here() {
+  std::unique_lock<std::mutex> g(lock_);
+  while (held_ && !quit_ && !queue_.empty()) take_one(g);
 }
 
 port_decoder::outcome port_decoder::drop_undecoded(const pending_frame &f) {

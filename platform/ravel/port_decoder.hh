@@ -64,6 +64,9 @@ class port_decoder {
   void reset();
   // Test hook: a held port takes nothing from its queue.
   void hold(bool on);
+  // Test hook: handles what a held port has queued on the calling thread,
+  // as its own thread would, so that a fuzzer runs without hand-offs.
+  void run_queued_here();
   // Ends the thread; queued frames are released without their callbacks.
   void shutdown();
   // Runs `read` under the lock that the frame counters are written under.
@@ -84,6 +87,9 @@ class port_decoder {
   };
 
   void run();
+  // Takes the queue's first frame and handles it, with `g` (on lock_)
+  // released meanwhile.
+  void take_one(std::unique_lock<std::mutex> &g);
   outcome handle(const pending_frame &f);
   outcome decode(const pending_frame &f);
   outcome skip(const pending_frame &f);

@@ -1,24 +1,24 @@
 // The software engine's H.264 intake under libFuzzer: random packets through
-// one port's queue and decoder while the compositor draws.  An input is
+// one port's queue and decoder, then a compose pass.  An input is
 //   byte 0      the port (low bits); 0xF0 and above: a region record follows
-//   44 bytes    (only then) one region for display 0, then a compose pass
+//   44 bytes    (only then) one region for display 0, above the mosaic
 //   packets     each a 16-bit little-endian length and that many bytes.
 // The engine is made once; a port's decoder carries its state from one input
-// to the next as it does from one frame to the next.
+// to the next as it does from one frame to the next.  Every port is held and
+// the compositor stopped, so that decoding and composing run on the fuzzer's
+// thread: no hand-off, no wait.
 #include <glib.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "engine.hh"
 #include "ravel.h"
 #include "ravel_soft.h"
 
@@ -28,42 +28,41 @@ void release(void *) {}
 // Damaged frames are logged; the run would spend its time printing them.
 void quiet(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}
 
+// A small display 0 (640 x 480) keeps a compose pass cheap.
+constexpr int32_t kFormat640x480 = 18;
+constexpr int32_t kTileWidth = 640 / 6, kTileHeight = 480 / 3;
+
+// The mosaic: every port on display 0, so that each picture is composed,
+// and room for one region more on top.
+ravel_region_t tiles[RAVEL_SOFT_PORTS + 1];
+
 ravel_t *engine() {
   static ravel_t *made = [] {
     g_log_set_default_handler(quiet, nullptr);
     av_log_set_level(AV_LOG_QUIET);  // the decoder's own complaints, as many
-    int32_t formats[4] = {0, 0, 0, 0};
+    int32_t formats[4] = {kFormat640x480, 0, 0, 0};
     int32_t ids[4] = {0, 0, 0, 0};
     int32_t block[4] = {0, 0, 0, 0};
     ravel_t *e = ravel_new(formats, 0, 16, 1, 0, release, 0, 0, 0, 24, ids, 6, block);
     if (e == nullptr || ravel_start(e) != 0) abort();
-    // Every port on both displays, so that each picture is composed.
-    ravel_region_t tiles[RAVEL_SOFT_PORTS];
+    e->compositor->set_running(false);
+    for (auto &p : e->ports) p->hold(true);
     for (int32_t p = 0; p < RAVEL_SOFT_PORTS; ++p)
-      tiles[p] = ravel_region_t{p, (p % 6) * 320, (p / 6) * 360, 320, 360, 1, -1, -1, -1, -1, 0};
+      tiles[p] = ravel_region_t{p,
+                                (p % 6) * kTileWidth,
+                                (p / 6) * kTileHeight,
+                                kTileWidth,
+                                kTileHeight,
+                                1,
+                                -1,
+                                -1,
+                                -1,
+                                -1,
+                                0};
     ravel_change_geometry(e, tiles, RAVEL_SOFT_PORTS, 0, 0);
-    ravel_change_geometry(e, tiles, RAVEL_SOFT_PORTS, 2, 0);
     return e;
   }();
   return made;
-}
-
-ravel_soft_port_stats_t stats(int32_t port) {
-  ravel_soft_port_stats_t s{};
-  if (ravel_soft_port_stats(engine(), port, &s) != 0) abort();
-  return s;
-}
-
-// Waits until the port has given back every frame it took; an engine that
-// holds one for 10 s is a finding.
-void drain(int32_t port) {
-  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  for (;;) {
-    const ravel_soft_port_stats_t s = stats(port);
-    if (s.released == s.accepted) return;
-    if (std::chrono::steady_clock::now() > give_up) abort();
-    std::this_thread::sleep_for(std::chrono::microseconds(50));
-  }
 }
 
 // Offers a packet until the port's queue takes it; the packet is its own
@@ -74,9 +73,15 @@ void push(int32_t port, std::vector<uint8_t> &packet) {
                                 static_cast<int32_t>(packet.size()), 0, nullptr, nullptr, 0,
                                 0) == 0)
       return;
-    drain(port);  // a full queue: let the decoder catch up
+    engine()->ports[port]->run_queued_here();  // a full queue: decode what it holds
   }
   abort();
+}
+
+// Every frame the port took has gone back.
+void check_released(int32_t port) {
+  ravel_soft_port_stats_t s{};
+  if (ravel_soft_port_stats(engine(), port, &s) != 0 || s.released != s.accepted) abort();
 }
 
 }  // namespace
@@ -86,12 +91,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const int32_t port = data[0] % RAVEL_SOFT_PORTS;
   size_t at = 1;
   if (data[0] >= 0xF0 && size >= at + sizeof(ravel_region_t)) {
-    ravel_region_t region;
-    memcpy(&region, data + at, sizeof region);
-    at += sizeof region;
-    ravel_change_geometry(engine(), &region, 1, 0, 0);
+    memcpy(&tiles[RAVEL_SOFT_PORTS], data + at, sizeof(ravel_region_t));
+    at += sizeof(ravel_region_t);
+    ravel_change_geometry(engine(), tiles, RAVEL_SOFT_PORTS + 1, 0, 0);
   }
-  // Packets are copied: the engine reads them after the call returns.
+  // Packets are copied, each into a buffer of its own size, so that a read
+  // beyond one is caught.
   std::vector<std::vector<uint8_t>> packets;
   while (at + 2 <= size) {
     size_t length = data[at] | (static_cast<size_t>(data[at + 1]) << 8);
@@ -101,7 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     at += length;
   }
   for (auto &p : packets) push(port, p);
-  drain(port);
-  if (data[0] >= 0xF0) ravel_soft_wait_compose(engine(), 2000);
+  engine()->ports[port]->run_queued_here();
+  check_released(port);
+  if (!engine()->compositor->pass_here()) abort();
   return 0;
 }
