@@ -213,16 +213,16 @@ void port_decoder::run() {
 void port_decoder::take_one(std::unique_lock<std::mutex> &g) {
   pending_frame f = queue_.front();
   queue_.pop_front();
-  bool decode = running_ && f.generation == generation_;
+  const bool fresh = running_ && f.generation == generation_;
   g.unlock();
-  outcome o = decode ? handle(f) : drop_undecoded(f);
+  outcome o = fresh ? handle(f) : drop_undecoded(f);
   g.lock();
   count(o);
 }
 
 void port_decoder::run_queued_here() {
   std::unique_lock<std::mutex> g(lock_);
-  while (held_ && !quit_ && !queue_.empty()) take_one(g);
+  while (held_ && running_ && !quit_ && !queue_.empty()) take_one(g);
 }
 
 port_decoder::outcome port_decoder::drop_undecoded(const pending_frame &f) {
