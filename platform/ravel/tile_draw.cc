@@ -72,13 +72,17 @@ void draw_no_signal(canvas &c, const ravel_region_t &r, const rect &d) {
 void draw_picture(canvas &c, const ravel_region_t &r, const rect &d, const picture &pic) {
   rect s = source_rect(r, pic);
   if (d.x != r.x || d.y != r.y || d.w != r.width || d.h != r.height) {
-    int64_t sx = s.x + int64_t{d.x - r.x} * s.w / r.width;
-    int64_t sy = s.y + int64_t{d.y - r.y} * s.h / r.height;
-    int64_t sw = int64_t{d.w} * s.w / r.width, sh = int64_t{d.h} * s.h / r.height;
-    s = {static_cast<int>(sx) & ~1, static_cast<int>(sy) & ~1, std::max(2, static_cast<int>(sw)),
-         std::max(2, static_cast<int>(sh))};
-    s.w = std::min(s.w, pic.width() - s.x);
-    s.h = std::min(s.h, pic.height() - s.y);
+    // The clip rounds to even pixels, so that it may start a pixel before
+    // the region (an odd x or y): the source then starts at its edge, never
+    // before it.  Kept in 64 bits until the picture bounds them.
+    const int64_t pw = pic.width(), ph = pic.height();
+    const int64_t from_x = s.x + (int64_t{d.x} - r.x) * s.w / r.width;
+    const int64_t from_y = s.y + (int64_t{d.y} - r.y) * s.h / r.height;
+    const int x = static_cast<int>(std::clamp(from_x, int64_t{0}, pw - 2)) & ~1;
+    const int y = static_cast<int>(std::clamp(from_y, int64_t{0}, ph - 2)) & ~1;
+    const int64_t sw = int64_t{d.w} * s.w / r.width, sh = int64_t{d.h} * s.h / r.height;
+    s = {x, y, static_cast<int>(std::clamp(sw, int64_t{2}, pw - x)),
+         static_cast<int>(std::clamp(sh, int64_t{2}, ph - y))};
   }
   planes p = at(c, d);
   const uint8_t *sy = pic.plane(0) + static_cast<size_t>(s.y) * pic.stride(0) + s.x;
