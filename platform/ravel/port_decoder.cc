@@ -104,7 +104,10 @@ void port_decoder::wait_for_frame(std::unique_lock<std::mutex> &g) {
     if (pending_.empty()) {
       wake_.wait(g);
     } else if (taken_) {
-      wake_.wait_until(g, pending_.front().due);
+      // A copy: the wait lets go of the lock, and the picture may leave
+      // the queue meanwhile (a held port decodes on its caller's thread).
+      const clock::time_point due = pending_.front().due;
+      wake_.wait_until(g, due);
     } else {
       // Until a compose pass takes the latest picture.
       wake_.wait(g);
