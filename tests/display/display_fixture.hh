@@ -1,4 +1,5 @@
-// Shared set-up of the display tests: one handle over the recording engine.
+// Shared set-up of the display tests: one handle over the recording engine,
+// regions that compare and print readably, and log texts without line numbers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,8 +17,12 @@
 
 namespace display_test {
 
-// A display of the given format (0: 1920 x 1080, 3: 1280 x 720, 6: 800 x 600,
-// 18: 640 x 480) for a device of `ch_count` channels.
+using names = std::vector<std::string>;
+using args_t = std::vector<int64_t>;
+using testing_support::log_capture;
+
+// A display of the given format (0: 1920 x 1080, 3: 1280 x 720, 6: 800 x 600)
+// for a device of `ch_count` channels.
 inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
   const int32_t formats[] = {format};
   orlo_display_t *h = orlo_display_new(formats, 0, ch_count, 0, 1, -1, nullptr);
@@ -25,31 +30,37 @@ inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
   return h;
 }
 
-using names = std::vector<std::string>;
-
 // A region: layer 1, crop unset, flag 0 unless said otherwise.
 inline orlo_vr_t R(int ch, int x, int y, int w, int h, int layer = 1) {
   return orlo_vr_t{ch, x, y, w, h, layer, -1, -1, -1, -1, 0};
 }
 
-// Names parameterised cases after their `label`.
-inline auto by_label = [](const auto &info) { return std::string(info.param.label); };
+inline int64_t engine_word() { return reinterpret_cast<intptr_t>(fake_engine::handle()); }
 
-inline intptr_t engine_word() { return reinterpret_cast<intptr_t>(fake_engine::handle()); }
+// The engine's arguments behind its handle.
+inline args_t with_engine(args_t rest) {
+  rest.insert(rest.begin(), engine_word());
+  return rest;
+}
 
-// Texts at `level` with the "name:line:" prefix reduced to "name:L:", so that
-// a test does not depend on where in its file a message is made.
-inline std::vector<std::string> texts_without_lines(const testing_support::log_capture &log,
-                                                    GLogLevelFlags level) {
+// Runs `fn` with standard output captured; gives what it printed.
+template <typename Fn>
+std::string printed_by(Fn fn) {
+  ::testing::internal::CaptureStdout();
+  fn();
+  return ::testing::internal::GetCapturedStdout();
+}
+
+// Texts at `level` with a "name:line:" prefix reduced to "name:L:".
+inline names texts_without_lines(const log_capture &log, GLogLevelFlags level) {
   static const std::regex line_no("^([A-Za-z_]+):[ ]?[0-9]+:");
-  std::vector<std::string> out;
+  names out;
   for (const auto &t : log.texts(level)) out.push_back(std::regex_replace(t, line_no, "$1:L:"));
   return out;
 }
 
 }  // namespace display_test
 
-// Regions compare word by word and print readably in failures.
 inline bool operator==(const orlo_vr_t &a, const orlo_vr_t &b) {
   return std::memcmp(&a, &b, sizeof a) == 0;
 }

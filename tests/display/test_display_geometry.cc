@@ -1,31 +1,19 @@
 // The geometry change: scaling, rounding, overlap repair, the engine's calls
 // for both outputs; and the repair on its own.
 #include <array>
-#include <cstring>
-#include <ostream>
 
-#include "display_fixture.hh"
 #include "display/display_overlap.hh"
+#include "display_fixture.hh"
 
 namespace {
 
-using display_test::engine_word;
-using display_test::make_display;
-using display_test::names;
-using display_test::R;
-using display_test::texts_without_lines;
-using testing_support::log_capture;
+using namespace display_test;
 using vr_list = std::array<orlo_vr_t, ORLO_MAX_VR>;
 
-vr_list empty_list() {
+vr_list list_of(std::vector<orlo_vr_t> used) {
   vr_list v;
   v.fill(orlo_vr_t{-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0});
-  return v;
-}
-
-vr_list list_of(std::vector<orlo_vr_t> used) {
-  vr_list v = empty_list();
-  for (size_t i = 0; i < used.size(); i++) v[i] = used[i];
+  std::copy(used.begin(), used.end(), v.begin());
   return v;
 }
 
@@ -38,23 +26,18 @@ std::vector<geometry_call> geometry_calls() {
   std::vector<geometry_call> out;
   for (const auto &c : fake_engine::calls("ravel_change_geometry")) {
     EXPECT_EQ(c.args[0], engine_word());
-    geometry_call g{
-        static_cast<int>(c.args[2]), static_cast<int>(c.args[3]), static_cast<int>(c.args[4]), {}};
-    for (int i = 0; i < g.count; i++) {
-      orlo_vr_t r;
-      std::memcpy(&r, c.record.data() + sizeof r * i, sizeof r);
-      g.regions.push_back(r);
-    }
+    geometry_call g{int(c.args[2]), int(c.args[3]), int(c.args[4]),
+                    std::vector<orlo_vr_t>(c.args[2])};
+    std::memcpy(g.regions.data(), c.record.data(), sizeof(orlo_vr_t) * g.regions.size());
     out.push_back(g);
   }
   return out;
 }
 
-// Calls the change with standard output captured; gives the result.
+// The change with standard output captured into `out`.
 int change(orlo_display_t *h, const vr_list &vr, int mode, std::string *out = nullptr) {
-  testing::internal::CaptureStdout();
-  int ret = orlo_display_change(h, vr.data(), 0, mode);
-  std::string printed = testing::internal::GetCapturedStdout();
+  int ret = 0;
+  const std::string printed = printed_by([&] { ret = orlo_display_change(h, vr.data(), 0, mode); });
   if (out != nullptr) *out = printed;
   return ret;
 }
@@ -64,37 +47,32 @@ TEST(DisplayChange, NineTilesOn800x600RepairTheMiddleRowAndFeedTheSecondOutput) 
   log_capture log;
   orlo_display_t *h = make_display(6);
   vr_list vr;
-  std::array<int, ORLO_MAX_VR> c{};
-  for (int i = 0; i < ORLO_MAX_VR; i++) c[i] = i;
+  std::array<int, ORLO_MAX_VR> c{0, 1, 2, 3, 4, 5, 6, 7, 8};
   ASSERT_EQ(orlo_display_get_user_vr(h, 7, 0, 0, 1920, 1000, c.data(), nullptr, vr.data()), 0);
   std::string printed;
   EXPECT_EQ(change(h, vr, 7, &printed), 0);
 
-  auto calls = geometry_calls();
+  const auto calls = geometry_calls();
   ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].count, 9);
-  EXPECT_EQ(calls[0].display, 0);
-  EXPECT_EQ(calls[0].kind, 0);
+  EXPECT_EQ((std::array<int, 6>{calls[0].count, calls[0].display, calls[0].kind, calls[1].count,
+                                calls[1].display, calls[1].kind}),
+            (std::array<int, 6>{9, 0, 0, 9, 2, 0}));
   const int xs[3] = {0, 264, 536}, ws[3] = {264, 272, 264};
   const int ys[3] = {0, 186, 370}, hs[3] = {186, 184, 186};
-  for (int i = 0; i < 9; i++)
-    EXPECT_EQ(calls[0].regions[i], R(i, xs[i % 3], ys[i / 3], ws[i % 3], hs[i / 3])) << i;
-
-  EXPECT_EQ(calls[1].count, 9);
-  EXPECT_EQ(calls[1].display, 2);
-  EXPECT_EQ(calls[1].kind, 0);
+  // The second output: no rounding to 8 and no repair.
   const int xs2[3] = {0, 422, 858}, ws2[3] = {422, 434, 422};
-  for (int i = 0; i < 9; i++)
+  for (int i = 0; i < 9; i++) {
+    EXPECT_EQ(calls[0].regions[i], R(i, xs[i % 3], ys[i / 3], ws[i % 3], hs[i / 3])) << i;
     EXPECT_EQ(calls[1].regions[i], R(i, xs2[i % 3], 222 * (i / 3), ws2[i % 3], 222)) << i;
-
+  }
   EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING),
             names({"_fix_dispOverlap:L: (vr[3].y:186 + vr[3].height:186) > vr[6].y:370\n",
                    "_fix_dispOverlap:L: (vr[4].y:186 + vr[4].height:186) > vr[7].y:370\n",
                    "_fix_dispOverlap:L: (vr[5].y:186 + vr[5].height:186) > vr[8].y:370\n"}));
   EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_MESSAGE),
             names{"orlo_display_change:L: _first_init: 0\n"});
-  EXPECT_TRUE(std::regex_match(printed, std::regex("orlo_display_change: [0-9]+: vr_num = 9, "
-                                                   "mode: 0\n")))
+  EXPECT_TRUE(
+      std::regex_match(printed, std::regex("orlo_display_change: [0-9]+: vr_num = 9, mode: 0\n")))
       << printed;
   // The handle keeps the caller's list, unscaled.
   EXPECT_EQ(std::memcmp(h->vr, vr.data(), sizeof h->vr), 0);
@@ -102,15 +80,21 @@ TEST(DisplayChange, NineTilesOn800x600RepairTheMiddleRowAndFeedTheSecondOutput) 
 
 TEST(DisplayChange, ScalesOnlyThePlaceAndSize) {
   orlo_display_t *h = make_display(3);  // 1280 x 720
-  vr_list vr = list_of({orlo_vr_t{5, 101, 51, 333, 201, 2, 10, 20, 30, 40, 7}});
-  ASSERT_EQ(change(h, vr, 10), 0);
-  auto calls = geometry_calls();
+  ASSERT_EQ(
+      change(h,
+             list_of({orlo_vr_t{5, 101, 51, 333, 201, 2, 10, 20, 30, 40, 7}, R(6, 0, 1079, 8, 2)}),
+             10),
+      0);
+  const auto calls = geometry_calls();
   ASSERT_EQ(calls.size(), 2u);
-  // even(333) = 334 -> 222.6 -> 222 -> 224; even(201) = 202 -> 134.6 -> 134 -> 134;
-  // x 101 -> 67.3 -> 67 -> 72; y 51 -> 34 -> 34.
+  // even(333) = 334 -> 222.6 -> 222 -> 224; even(201) = 202 -> 134.6 -> 134;
+  // x 101 -> 67.3 -> 67 -> 72; y 51 -> 34.
   EXPECT_EQ(calls[0].regions[0], (orlo_vr_t{5, 72, 34, 224, 134, 2, 10, 20, 30, 40, 7}));
-  // Second output: no rounding before, even after: 67 -> 68, 222 -> 222, 34, 134.
+  // Second output: no rounding before, even after: 67 -> 68, 222, 34, 134.
   EXPECT_EQ(calls[1].regions[0], (orlo_vr_t{5, 68, 34, 222, 134, 2, 10, 20, 30, 40, 7}));
+  // y 1079: 719.3 -> 719 -> 720 on both outputs.
+  EXPECT_EQ(calls[0].regions[1], R(6, 0, 720, 8, 2));
+  EXPECT_EQ(calls[1].regions[1], R(6, 0, 720, 6, 2));
 }
 
 // The second output is fed once, after the first output took a change; a
@@ -118,7 +102,7 @@ TEST(DisplayChange, ScalesOnlyThePlaceAndSize) {
 TEST(DisplayChange, SecondOutputOnceAfterTheFirstSucceeds) {
   log_capture log;
   orlo_display_t *h = make_display(0);
-  vr_list vr = list_of({R(1, 0, 0, 1920, 1080)});
+  const vr_list vr = list_of({R(1, 0, 0, 1920, 1080)});
   fake_engine::script_sequence("ravel_change_geometry", {-5, 0, -9, 0});
   EXPECT_EQ(change(h, vr, 1), -5);
   EXPECT_TRUE(log.texts(G_LOG_LEVEL_MESSAGE).empty());
@@ -134,15 +118,11 @@ TEST(DisplayChange, CountStopsAtFirstFreeRecordOrAtThirtySeven) {
   orlo_display_t *h = make_display(0);
   EXPECT_EQ(orlo_display_change(h, nullptr, 0, 1), -1);
   EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL).size(), 1u);
-  std::string printed;
-  ASSERT_EQ(change(h, empty_list(), 1, &printed), 0);
-  EXPECT_NE(printed.find("vr_num = 0, mode: 0\n"), std::string::npos);
   vr_list full;
   for (int i = 0; i < ORLO_MAX_VR; i++) full[i] = R(i, 0, 0, 8, 8);
   vr_list holed = full;
   holed[4].ch = -1;
-  ASSERT_EQ(change(h, full, 9), 0);
-  ASSERT_EQ(change(h, holed, 9), 0);
+  for (const auto &vr : {list_of({}), full, holed}) ASSERT_EQ(change(h, vr, 9), 0);
   std::vector<int> counts;
   for (const auto &c : geometry_calls()) counts.push_back(c.count);
   EXPECT_EQ(counts, (std::vector<int>{0, 0, 37, 4}));
@@ -156,9 +136,8 @@ TEST(DisplayChange, LiveOrPlaybackByMode) {
   const struct {
     int mode, kind;
     bool warned;
-  } cases[] = {{0, 0, false},  {7, 0, false},  {10, 0, false},  {100, 0, false},
-               {11, 1, false}, {22, 1, false}, {101, 1, false}, {23, 0, true},
-               {-1, 0, true},  {99, 0, true},  {102, 0, true}};
+  } cases[] = {{0, 0, false},   {10, 0, false}, {100, 0, false}, {11, 1, false}, {22, 1, false},
+               {101, 1, false}, {23, 0, true},  {-1, 0, true},   {99, 0, true},  {102, 0, true}};
   for (const auto &p : cases) {
     SCOPED_TRACE(p.mode);
     log.clear();
@@ -174,24 +153,8 @@ TEST(DisplayChange, LiveOrPlaybackByMode) {
   }
 }
 
-TEST(DisplayChange, InsetOverlapIsMeantAndStays) {
-  log_capture log;
-  orlo_display_t *h = make_display(0);
-  vr_list vr;
-  std::array<int, ORLO_MAX_VR> c{};
-  c[0] = 3;
-  ASSERT_EQ(orlo_display_get_user_vr(h, 10, 0, 0, 1920, 1080, c.data(), nullptr, vr.data()), 0);
-  ASSERT_EQ(change(h, vr, 10), 0);
-  EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
-  auto calls = geometry_calls();
-  EXPECT_EQ(calls[0].regions[0], (orlo_vr_t{3, 0, 0, 1920, 1080, 1, 0, 1856, 0, 1032, 0}));
-  EXPECT_EQ(calls[0].regions[1], (orlo_vr_t{3, 1344, 688, 576, 324, 2, -1, -1, -1, -1, 0}));
-}
-
-// ---- the repair on its own ----
-
-// The earlier region of an overlapping pair gives way; an overlap of 3 or
-// more is meant and stays.
+// The earlier region of an overlapping pair gives way, the width first; an
+// overlap of 3 or more is meant (the inset of modes 10 and 21) and stays.
 TEST(OverlapRepair, EarlierRegionGivesWay) {
   const std::string W = "_fix_dispOverlap:L: ";
   const struct {
@@ -207,10 +170,10 @@ TEST(OverlapRepair, EarlierRegionGivesWay) {
       {{R(0, 0, 98, 100, 100), R(1, 0, 0, 100, 100)},
        {R(0, 0, 100, 100, 98), R(1, 0, 0, 100, 100)},
        {W + "vr[0].y:98 < (vr[1].y:0 + vr[1].height:100)\n"}},
-      // Width first; only the earlier of a pair changes.
       {{R(0, 0, 0, 101, 101), R(1, 100, 100, 50, 50)},
        {R(0, 0, 0, 100, 101), R(1, 100, 100, 50, 50)},
        {W + "(vr[0].x:0 + vr[0].width:101) > vr[1].x:100\n"}},
+      // Edges that only touch are no overlap.
       {{R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
        {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
        {}},
@@ -227,7 +190,7 @@ TEST(OverlapRepair, EarlierRegionGivesWay) {
     log_capture log;
     std::vector<orlo_vr_t> vr = p.in;
     orlo::_fix_dispOverlap(vr.data(), static_cast<int>(vr.size()));
-    for (size_t i = 0; i < vr.size(); i++) EXPECT_EQ(vr[i], p.out[i]) << i;
+    EXPECT_EQ(vr, p.out);
     EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), p.warnings);
   }
 }

@@ -1,6 +1,8 @@
 // Shared pieces of the still-image tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -13,42 +15,49 @@
 
 namespace still {
 
+using namespace std::chrono_literals;
+using testing_support::log_capture;
+
 inline orlo_display_t *make_display() {
   static const int32_t formats[] = {0};
-  return orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
+  orlo_display_t *h = orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
+  EXPECT_NE(h, nullptr);
+  return h;
 }
 
-// A frame buffer with the 24-byte header and `size` payload bytes.
-inline GstBuffer *make_frame(int channel, int type, int size, uint32_t timestamp = 0) {
+// A frame buffer with the 24-byte header and `size` payload bytes 0, 1, ...
+inline GstBuffer *make_frame(int channel, int type, int size) {
   GstBuffer *b = gst_kel_buddy_buffer_new(24 + static_cast<gsize>(size));
   uint8_t *d = gst_kel_buddy_buffer_get_meta(b)->data;
   d[0] = static_cast<uint8_t>(channel);
   const uint32_t s = static_cast<uint32_t>(size);
   std::memcpy(d + 4, &s, 4);
   d[8] = static_cast<uint8_t>(type);
-  std::memcpy(d + 12, &timestamp, 4);
   for (int i = 0; i < size; i++) d[24 + i] = static_cast<uint8_t>(i);
   return b;
 }
 
-// Counts the finalisation of a buffer.
+// Counts the finalisations of the buffers it watches.
 struct finalize_counter {
   int finalized = 0;
-  static void notify(gpointer self, GstMiniObject *) {
-    static_cast<finalize_counter *>(self)->finalized++;
+  GstBuffer *watch(GstBuffer *b) {
+    gst_mini_object_weak_ref(
+        GST_MINI_OBJECT_CAST(b),
+        [](gpointer self, GstMiniObject *) { ++static_cast<finalize_counter *>(self)->finalized; },
+        this);
+    return b;
   }
-  void watch(GstBuffer *b) { gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(b), notify, this); }
 };
 
-// Whether a line at `level` contains `piece` (the lines carry a line number).
-inline bool logged(const testing_support::log_capture &log, const std::string &piece,
-                   GLogLevelFlags level = G_LOG_LEVEL_WARNING) {
-  for (const auto &t : log.texts(level))
+// Whether a warning contains `piece` (the lines carry a line number).
+inline bool logged(const log_capture &log, const std::string &piece) {
+  for (const auto &t : log.texts(G_LOG_LEVEL_WARNING))
     if (t.find(piece) != std::string::npos) return true;
   return false;
 }
 
-// Runs `fn` on a thread of its own after `delay`, as an engine would.
+// Runs `fn` on a thread of its own after `delay`, as an engine answers: while
+// the caller waits.
 template <typename Fn>
 void later(std::chrono::milliseconds delay, Fn fn) {
   std::thread([delay, fn] {
