@@ -44,7 +44,7 @@ const std::vector<guarded_case> kGuarded = {
      {5, 64, 12}, "fail to set md param!\n", 0, -1},
     {[](H h) { return orlo_display_set_time(h, 0x123456789ULL, 9); }, "ravel_set_time",
      {9, 0x123456789LL, 9}, "fail to set M3 time!\n", 7, -1},
-    {[](H h) { return int64_t(orlo_display_get_hostcomm_addr(h, 1, 2)); }, "ravel_get_hostcomm_addr",
+    {[](H h) { return int64_t(intptr_t(orlo_display_get_hostcomm_addr(h, 1, 2))); }, "ravel_get_hostcomm_addr",
      {1, 2}, nullptr, 7, -3},
     {[](H) { return orlo_display_sys_time_init(0x1122334455ULL); }, "ravel_set_sys_time_init",
      {0x1122334455LL}, nullptr, 7, -3},
