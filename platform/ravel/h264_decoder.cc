@@ -12,6 +12,11 @@ extern "C" {
 namespace ravel_soft {
 
 h264_decoder::h264_decoder() {
+  open();
+  if (ctx_ != nullptr) packet_ = av_packet_alloc();
+}
+
+void h264_decoder::open() {
   const AVCodec *codec = avcodec_find_decoder(AV_CODEC_ID_H264);
   if (codec == nullptr) {
     g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING, "no H.264 decoder in libavcodec");
@@ -33,7 +38,6 @@ h264_decoder::h264_decoder() {
     return;
   }
   ctx_ = ctx;
-  packet_ = av_packet_alloc();
 }
 
 h264_decoder::~h264_decoder() {
@@ -43,7 +47,10 @@ h264_decoder::~h264_decoder() {
 }
 
 void h264_decoder::reset() {
-  if (ctx_ != nullptr) avcodec_flush_buffers(ctx_);
+  // A new context rather than a flush: a flushed one keeps the old stream's
+  // reorder depth and would hold back the new stream's pictures.
+  avcodec_free_context(&ctx_);
+  open();
 }
 
 bool h264_decoder::decode(const uint8_t *data, int32_t size, int64_t tag,

@@ -30,10 +30,11 @@ class h264_decoder {
               const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
   // Hands out what the decoder still holds (end of a one-shot decode).
   bool drain(const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
-  // Forgets the references, before a fresh start at an intra frame.
+  // Forgets the stream, before a fresh start at an intra frame.
   void reset();
 
  private:
+  void open();
   bool receive(const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
   std::shared_ptr<picture> to_i420(frame_ptr frame);
 

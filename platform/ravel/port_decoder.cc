@@ -218,6 +218,12 @@ void port_decoder::take_one(std::unique_lock<std::mutex> &g) {
   queue_.pop_front();
   const bool fresh = running_ && f.generation == generation_;
   g.unlock();
+  if (fresh && f.generation != decoder_generation_) {
+    // The first frame since a reset starts a new stream: it must be intra,
+    // and nothing the decoder still holds of the old one may come out.
+    decoder_generation_ = f.generation;
+    wait_intra_ = true;
+  }
   outcome o = fresh ? handle(f) : drop_undecoded(f);
   g.lock();
   count(o);

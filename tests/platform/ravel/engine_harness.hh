@@ -137,6 +137,13 @@ class engine_harness : public ::testing::Test {
     return ::testing::AssertionFailure()
            << "display " << d << " at (" << x << ", " << y << ") shows " << got << ", not " << want;
   }
+  // A pipeline reset, as a change of the decode settings does.
+  void reset() {
+    ravel_dec_config_t dec[RAVEL_DEC_CONFIG_COUNT];
+    std::vector<uint8_t> enc(RAVEL_ENC_CONFIG_BYTES);
+    ASSERT_EQ(ravel_init_dec_config_param(engine_, dec), 0);
+    ASSERT_EQ(ravel_change_pipe_config(engine_, dec, 0, enc.data(), 16), 0);
+  }
   void regions(int32_t d, std::vector<ravel_region_t> list) {
     ASSERT_EQ(ravel_change_geometry(engine_, list.data(), int32_t(list.size()), d, 0), 0);
   }
