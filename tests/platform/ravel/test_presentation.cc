@@ -11,10 +11,7 @@ TEST_F(presentation, ABurstOfBFramePicturesIsShownPictureByPictureInOrder) {
   start(0);
   regions(0, {region(0, 0, 0, 480, 270)});
   std::vector<rgb> greys;
-  for (int i = 0; i < 24; i++) {
-    auto v = static_cast<uint8_t>(20 + i * 9);
-    greys.push_back({v, v, v});
-  }
+  for (uint8_t v = 20; greys.size() < 24; v += 9) greys.push_back({v, v, v});
   auto frames = stream(greys[0], 24, {.gop = 24, .b_frames = 2, .colours = greys.data()});
   // Bursts of four frames, each decoded within a compose period: shown as
   // they come out of the decoder, most of their pictures would never reach

@@ -1,5 +1,6 @@
 // Frames into the ports: refusals, buffers given back exactly once, the
-// statistics columns, gaps and damage, presentation order.
+// statistics columns, gaps and damage, presentation order, resets.
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -47,8 +48,7 @@ TEST_F(streams, RefusedFramesStayWithTheCallerAndAcceptedOnesComeBackOnce) {
   EXPECT_EQ(s.accepted, f.size());
   EXPECT_EQ(s.decoded, f.size());
   EXPECT_EQ(s.pictures, f.size());
-  EXPECT_EQ(s.width, 160);
-  EXPECT_EQ(s.height, 96);
+  EXPECT_EQ(s.width * 1000 + s.height, 160 * 1000 + 96);
 }
 
 TEST_F(streams, EveryAcceptedFrameIsInExactlyOneColumn) {
@@ -76,43 +76,16 @@ TEST_F(streams, EveryAcceptedFrameIsInExactlyOneColumn) {
   ASSERT_TRUE(handled(3, 4));
   EXPECT_EQ(put(3, f[4]), -1);
   EXPECT_EQ(ravel_soft_wait_compose(engine_, 100), -1);
-  const struct {
-    uint64_t decoded, errors, skipped, flushed;
-  } want[4] = {{7, 0, 5, 0}, {3, 1, 2, 0}, {1, 0, 1, 3}, {0, 0, 0, 4}};
+  // Decoded, errors, skipped, flushed.
+  const std::array<uint64_t, 4> want[4] = {{7, 0, 5, 0}, {3, 1, 2, 0}, {1, 0, 1, 3}, {0, 0, 0, 4}};
   // (A reset reaches every port; ports 0 and 1 had nothing queued then.)
   for (int p = 0; p < 4; p++) {
     EXPECT_TRUE(accounted(p));
     auto s = stats(p);
-    EXPECT_EQ(s.decoded, want[p].decoded) << "port " << p;
-    EXPECT_EQ(s.decode_errors, want[p].errors) << "port " << p;
-    EXPECT_EQ(s.skipped, want[p].skipped) << "port " << p;
-    EXPECT_EQ(s.flushed, want[p].flushed) << "port " << p;
+    EXPECT_EQ((std::array{s.decoded, s.decode_errors, s.skipped, s.flushed}), want[p]) << p;
     EXPECT_EQ(s.released, s.accepted) << "port " << p;
   }
   EXPECT_EQ(f[4]->releases.load(), 1) << "refused after the stop: not given back";
-}
-
-TEST_F(streams, AMissingFrameHoldsTheLastGoodPictureUntilTheNextIntraFrame) {
-  start(0);
-  regions(0, {region(0, 0, 0, 1920, 1080)});
-  // Every frame a colour of its own: a picture decoded across the gap would
-  // show neither the last good one nor the source.
-  std::vector<rgb> colours;
-  for (int i = 0; i < 12; i++)
-    colours.push_back({static_cast<uint8_t>(30 + i * 16), static_cast<uint8_t>(220 - i * 14),
-                       static_cast<uint8_t>(60 + (i % 3) * 70)});
-  auto frames = stream(colours[0], 12, {.colours = colours.data()});
-  for (int i = 0; i < 10; i++) ASSERT_EQ(i == 5 ? 0 : push(0, frames[i]), 0);
-  ASSERT_TRUE(handled(0, 9));
-  auto s = stats(0);
-  EXPECT_EQ(s.decoded, 5u);
-  EXPECT_EQ(s.skipped, 4u);
-  EXPECT_EQ(s.pictures, 5u);
-  EXPECT_TRUE(shows(0, colours[4]));
-  push_all(0, {frames[10], frames[11]});
-  ASSERT_TRUE(handled(0, 11));
-  EXPECT_EQ(stats(0).pictures, 7u);
-  EXPECT_TRUE(shows(0, colours[11]));
 }
 
 TEST_F(streams, BFramesAreShownInPresentationOrderOneStepAtATime) {
@@ -120,10 +93,7 @@ TEST_F(streams, BFramesAreShownInPresentationOrderOneStepAtATime) {
   regions(0, {region(0, 0, 0, 1920, 1080)});
   // Frame i is a grey of level 20 + 13 i: its number is burned into it.
   std::vector<rgb> greys;
-  for (int i = 0; i < 16; i++) {
-    auto v = static_cast<uint8_t>(20 + i * 13);
-    greys.push_back({v, v, v});
-  }
+  for (uint8_t v = 20; greys.size() < 16; v += 13) greys.push_back({v, v, v});
   auto frames = stream(greys[0], 16, {.gop = 16, .b_frames = 2, .colours = greys.data()});
   // As a frame step does: one frame, then a look at the display.
   std::vector<int> seen;
@@ -136,8 +106,8 @@ TEST_F(streams, BFramesAreShownInPresentationOrderOneStepAtATime) {
     seen.push_back((mean_colour(pic, w, 100, 100, 400, 400).r - 20 + 6) / 13);
   }
   EXPECT_EQ(stats(0).decoded, frames.size());
-  EXPECT_GE(seen.size() + 3, frames.size());
-  EXPECT_LT(seen.size(), frames.size()) << "no picture held back for reordering";
+  EXPECT_TRUE(seen.size() < frames.size() && seen.size() + 3 >= frames.size())
+      << seen.size() << " steps showed a picture: B frames hold back 1 to 3";
   for (size_t k = 0; k < seen.size(); k++) EXPECT_EQ(seen[k], static_cast<int>(k)) << "step " << k;
   // Pictures still held back belong to the old stream: a reset drops them.
   const uint64_t before = stats(0).pictures;
@@ -169,6 +139,7 @@ TEST_F(streams, BadInputIsCountedAndThePortHoldsItsLastGoodPicture) {
     std::vector<test_frame *> bad;
     std::vector<test_frame *> next;  // an intra frame and what follows
   } cases[] = {
+      {"missing frame", false, {red[4], red[5]}, {blue[0], blue[1]}},
       {"truncated frame", false, {cut(red[3]), red[4], red[5]}, {blue[0], blue[1]}},
       {"garbage for a frame", false, {frame(noise), red[4], red[5]}, {blue[0], blue[1]}},
       {"garbage behind a start code", false, {fake_idr, red[4], red[5]}, {blue[0], blue[1]}},
@@ -180,7 +151,7 @@ TEST_F(streams, BadInputIsCountedAndThePortHoldsItsLastGoodPicture) {
   std::vector<ravel_region_t> tiles;
   for (int p = 0; p < 8; p++) tiles.push_back(region(p, (p % 4) * 480, (p / 4) * 540, 480, 540));
   regions(0, tiles);
-  for (int p = 0; p < 7; p++) {
+  for (int p = 0; p < 8; p++) {
     const auto &c = cases[p];
     SCOPED_TRACE(c.what);
     const int x = (p % 4) * 480 + 20, y = (p / 4) * 540 + 20;
@@ -197,7 +168,7 @@ TEST_F(streams, BadInputIsCountedAndThePortHoldsItsLastGoodPicture) {
     EXPECT_TRUE(shows(0, kBlue, x, y, 440, 500));
     EXPECT_TRUE(accounted(p));
   }
-  EXPECT_EQ(stats(6).width, 320);
+  EXPECT_EQ(stats(7).width, 320);
 }
 
 // Leaves three frames queued at a held port and exits: the engine's threads
