@@ -31,6 +31,8 @@ TEST_F(control, SettingsAreTakenAndAMissingEngineOrRecordIsRefused) {
       [&](ravel_t *e, bool r) { return ravel_set_ip_osd_enable(e, r ? &osd : nullptr); },
       [&](ravel_t *e, bool r) { return ravel_set_encode_bitrate(e, 3, 1, r ? 512 : -1); },
       [&](ravel_t *e, bool r) { return ravel_get_encode_bitrate(e, 3, 1, r ? &rate : nullptr); },
+      [](ravel_t *e, bool r) { return ravel_set_display_enable(e, r ? 3 : 4, 1); },
+      [](ravel_t *e, bool r) { return ravel_motion_detect_config_param(e, 3, nullptr, r ? 0 : 4); },
   };
   for (size_t i = 0; i < std::size(calls); i++) {
     EXPECT_EQ(calls[i](engine_, true), 0) << "call " << i;

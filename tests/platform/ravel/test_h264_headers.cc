@@ -17,6 +17,7 @@ TEST(h264_headers, AHighProfileSpsWithAnEscapedByteGivesTheSlicesFrameNum) {
   auto au = r.inspect(slice, sizeof slice);
   EXPECT_TRUE(au.params_known && !au.cut);
   EXPECT_EQ(au.max_frame_num * 1000 + au.frame_num, 256u * 1000 + 90);
+  EXPECT_TRUE(r.inspect(slice, sizeof slice - 1).cut) << "frame_num cut short";
 }
 
 }  // namespace
