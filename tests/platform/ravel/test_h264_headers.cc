@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(h264_headers, AHighProfileSpsWithAnEscapedByteGivesTheSlicesFrameNum) {
+TEST(h264_headers, HighProfileParameterSetsGiveTheSlicesFrameNum) {
   // High profile (4:2:0, no scaling lists) at level 0, so that an emulation
   // prevention byte follows; log2_max_frame_num 8; then its PPS, and a P
   // slice with frame_num 90.
@@ -18,6 +18,11 @@ TEST(h264_headers, AHighProfileSpsWithAnEscapedByteGivesTheSlicesFrameNum) {
   EXPECT_TRUE(au.params_known && !au.cut);
   EXPECT_EQ(au.max_frame_num * 1000 + au.frame_num, 256u * 1000 + 90);
   EXPECT_TRUE(r.inspect(slice, sizeof slice - 1).cut) << "frame_num cut short";
+  // The same, with one scaling list (deltas to 0 after the first) in its SPS.
+  const uint8_t scaled[] = {0,    0,    1,    0x67, 0x64, 0, 0x1e, 0xad, 0x84,
+                            0x40, 0x15, 0xa4, 0,    0,    1, 0x68, 0xe0};
+  r.inspect(scaled, sizeof scaled);
+  EXPECT_EQ(r.inspect(slice, sizeof slice).max_frame_num, 256u) << "with a scaling list";
 }
 
 }  // namespace
