@@ -107,8 +107,7 @@ TEST_F(compose, ALostPortShowsNoSignalUntilItsNextPicture) {
   regions(0, {region(0, 0, 0, 960, 540), region(1, 960, 0, 960, 540)});
   // A NO SIGNAL tile: mostly dark, with white letters centred.
   auto no_signal_tile = [&](int port) {
-    int32_t w, h, dark = 0, white = 0;
-    int64_t white_x = 0;
+    int32_t w, h, dark = 0, white = 0, white_x = 0;
     auto pic = display(0, &w, &h);
     for (int j = 0; j < 540; j++)
       for (int i = port * 960; i < port * 960 + 960; i++) {

@@ -22,8 +22,8 @@ TEST_F(presentation, ABurstOfBFramePicturesIsShownPictureByPictureInOrder) {
     ASSERT_TRUE(eventually([&] {
       ravel_soft_port_stats_t s = stats(0);
       return s.shown == s.pictures && s.last_shown == s.pictures;
-    })) << "after frame "
-        << i + 4 << ": " << stats(0).shown << " of " << stats(0).pictures << " pictures shown";
+    })) << stats(0).shown
+        << " of " << stats(0).pictures << " shown after frame " << i + 4;
   }
   EXPECT_GE(stats(0).pictures + 3, frames.size());
   // The last picture out is the one on the display.

@@ -107,8 +107,7 @@ TEST_F(still_images, AJpegCallbackWithAFrameEncodesThatFrame) {
   // A frame that can't be decoded still answers, with no picture.
   ASSERT_EQ(push(4, cut(purple[0]), on_jpeg), 0);
   ASSERT_TRUE(wait_calls(2));
-  EXPECT_EQ(got.buf, nullptr);
-  EXPECT_EQ(got.words[1], 0u);
+  EXPECT_TRUE(got.buf == nullptr && got.words[1] == 0u);
   ASSERT_TRUE(handled(4, 6));
   EXPECT_EQ(stats(4).decode_errors, 1u);
 }
@@ -124,10 +123,9 @@ TEST_F(still_images, AnImageCallbackGetsTheFrameAsYvyuAndItIsNotShown) {
   ASSERT_NE(got.buf, nullptr);
   // Y V Y U: the same Y twice, then the chroma of the purple picture.
   const auto *p = static_cast<const uint8_t *>(got.buf) + (48 * 160 + 80) * 2;
-  const rgb c = kPurple;
-  const int y = (66 * c.r + 129 * c.g + 25 * c.b + 128) / 256 + 16;
-  const int u = (-38 * c.r - 74 * c.g + 112 * c.b + 128) / 256 + 128;
-  const int v = (112 * c.r - 94 * c.g - 18 * c.b + 128) / 256 + 128;
+  const int y = (66 * kPurple.r + 129 * kPurple.g + 25 * kPurple.b + 128) / 256 + 16;
+  const int u = (-38 * kPurple.r - 74 * kPurple.g + 112 * kPurple.b + 128) / 256 + 128;
+  const int v = (112 * kPurple.r - 94 * kPurple.g - 18 * kPurple.b + 128) / 256 + 128;
   for (int k = 0; k < 4; k++) EXPECT_NEAR(p[k], (std::array<int, 4>{y, v, y, u})[k], 3) << k;
   g_free(got.buf);
   // The port still shows its stream, and that stream goes on decoding.
