@@ -28,7 +28,8 @@ std::vector<geometry_call> geometry_calls() {
     EXPECT_EQ(c.args[0], engine_word());
     geometry_call g{int(c.args[2]), int(c.args[3]), int(c.args[4]),
                     std::vector<orlo_vr_t>(c.args[2])};
-    std::memcpy(g.regions.data(), c.record.data(), sizeof(orlo_vr_t) * g.regions.size());
+    if (!g.regions.empty())  // an empty list comes with no record to copy
+      std::memcpy(g.regions.data(), c.record.data(), sizeof(orlo_vr_t) * g.regions.size());
     out.push_back(g);
   }
   return out;
