@@ -14,13 +14,13 @@ PKGS=(
   libavcodec-dev libavformat-dev libavutil-dev libswscale-dev
   libyuv-dev libhwy-dev libjpeg62-turbo-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev socat
+  clang libclang-rt-14-dev
   ffmpeg libgstrtspserver-1.0-dev
 )
 [ "${1:-}" = "--packaging" ] && PKGS+=(debhelper dpkg-dev fakeroot lintian)
 # The target's libraries come from its own root folder (scripts/make-sysroot.sh).
 CROSS_armhf=(
-  cmake ninja-build pkg-config git socat ffmpeg
+  cmake ninja-build pkg-config git ffmpeg
   g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf mmdebstrap qemu-user
 )
 if [ "${1:-}" = "--arch" ]; then

@@ -1,33 +1,35 @@
 // The command table in its own section, line splitting and dispatch, and
 // the console keys; built from the shell's sources, without the TCP side.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <string>
 #include <vector>
 
+#include "eventually.hh"
 #include "shell_internal.hh"
 
 extern shell_cmd_t test_cmd_flood;  // one of the test commands
 
 namespace {
 
-std::vector<std::string> split(const char *line) {
+using tokens = std::vector<std::string>;
+
+tokens split(const char *line) {
   char scratch[SHELL_SCRATCH_SIZE];
   unsigned count = 99;
   shell_parse_args(line, scratch, &count, nullptr);
   char **argv = static_cast<char **>(calloc(count + 1, sizeof(char *)));
   shell_parse_args(line, scratch, nullptr, argv);
   EXPECT_EQ(nullptr, argv[count]) << "more entries filled than counted";
-  std::vector<std::string> tokens(argv, argv + count);
+  tokens got(argv, argv + count);
   int argc = static_cast<int>(count);
   shell_free_args(&argc, &argv);
-  EXPECT_EQ(0, argc);
-  EXPECT_EQ(nullptr, argv);
-  return tokens;
+  EXPECT_TRUE(argc == 0 && argv == nullptr);
+  return got;
 }
-
-using tokens = std::vector<std::string>;
 
 TEST(parse_args, BlanksSeparateQuotesGroupAndLongTokensAreCut) {
   const std::string long_line = std::string(200, 'a') + " b " + std::string(127, 'c');
@@ -56,6 +58,15 @@ TEST(parse_args, BlanksSeparateQuotesGroupAndLongTokensAreCut) {
   EXPECT_EQ(0, count);
 }
 
+// Records outside any section, found from one in their middle: the walk
+// takes 127 on either side of it and no more.
+constexpr std::array<shell_cmd_t, 300> many_records() {
+  std::array<shell_cmd_t, 300> block{};
+  for (shell_cmd_t &r : block) r = {SHELL_CMD_MAGIC, "many", "", "", nullptr, nullptr};
+  return block;
+}
+std::array<shell_cmd_t, 300> block = many_records();
+
 int call(std::vector<std::string> words) {
   std::vector<char *> argv;
   for (auto &w : words) argv.push_back(w.data());
@@ -64,44 +75,69 @@ int call(std::vector<std::string> words) {
 
 TEST(command_table, RecordsOfEveryObjectAreFoundOnceAndChainedInNameOrder) {
   EXPECT_EQ(SHELL_ERR_NOT_FOUND, call({"quit"}));  // nothing before the table is built
-  // The section is walked from any record, and a section named twice counts once.
+  // A section is walked from any record, and a section named twice counts once.
   EXPECT_EQ(0, shell_add_commands(&test_cmd_flood));
   EXPECT_EQ(0, shell_add_commands(&test_cmd_flood));
+  EXPECT_EQ(0, shell_add_commands(&block[150]));
   shell_cmd_t not_a_record{};
   EXPECT_EQ(-1, shell_add_commands(&not_a_record));
   shell_build_table();
-  std::vector<std::string> names;
+  tokens names;
+  int many = 0;
   for (shell_cmd_t *cmd = shell_cmd_list; cmd != nullptr; cmd = cmd->next) {
-    EXPECT_EQ(SHELL_CMD_MAGIC, cmd->magic);
-    names.push_back(cmd->name);
-    EXPECT_EQ(cmd->next ? cmd + 1 : nullptr, cmd->next) << "chained in address order";
+    if (cmd->next != nullptr) {
+      EXPECT_LE(strcmp(cmd->name, cmd->next->name), 0) << cmd->name;
+    }
+    if (cmd->name == std::string("many"))
+      ++many;
+    else
+      names.push_back(cmd->name);
   }
-  EXPECT_EQ((std::vector<std::string>{"Zeta", "ab", "abc", "echo", "flood", "getch", "help", "quit",
-                                      "unsupported", "x_command_name_longer_than_24"}),
+  EXPECT_EQ(255, many);
+  EXPECT_EQ((tokens{"Zeta", "ab", "abc", "echo", "flood", "getch", "help", "quit", "unsupported",
+                    "x_command_name_longer_than_24"}),
             names);
   EXPECT_EQ(SHELL_EXIT, call({"quit"}));
   EXPECT_EQ(SHELL_ERR_NO_HANDLER, call({"unsupported"}));
   EXPECT_EQ(SHELL_ERR_NOT_FOUND, call({"hel"}));
   EXPECT_EQ(0, call({"help", "help"}));
   EXPECT_EQ(-22, call({"help", "nosuch", "help"}));
-  EXPECT_EQ(-1, shell_add_commands(shell_cmd_list));  // a record of this module adds nothing
+  EXPECT_EQ(-1, shell_add_commands(shell_cmd_list));  // too late once the table is built
 }
 
-TEST(console, KbhitPeeksTheKeyThatReadchReturns) {
-  int pipe_ends[2];
-  ASSERT_EQ(0, pipe(pipe_ends));
-  ASSERT_EQ(0, dup2(pipe_ends[0], STDIN_FILENO) < 0);
+// Keys typed into what `typed` writes to, with stdin already its other end.
+void peek_and_read(int typed) {
   EXPECT_EQ(0, kbhit());
-  ASSERT_EQ(3, write(pipe_ends[1], "k\xffz", 3));
-  EXPECT_EQ(1, kbhit());
+  ASSERT_EQ(3, write(typed, "k\xffz", 3));
+  EXPECT_TRUE(testing_support::eventually([] { return kbhit() == 1; }));
   EXPECT_EQ(1, kbhit());
   EXPECT_EQ('k', readch());
   EXPECT_EQ(1, kbhit());
   EXPECT_EQ(-1, readch());  // 255, sign-extended, is still a key
   EXPECT_EQ('z', readch());
   EXPECT_EQ(0, kbhit());
+}
+
+// On a pipe, then on a terminal, where kbhit reads in raw mode and leaves
+// the console's other attributes as they were.
+TEST(console, KbhitPeeksTheKeyThatReadchReturns) {
+  int pipe_ends[2];
+  ASSERT_EQ(0, pipe(pipe_ends));
+  ASSERT_LE(0, dup2(pipe_ends[0], STDIN_FILENO));
+  peek_and_read(pipe_ends[1]);
   close(pipe_ends[1]);
   EXPECT_EQ(-1, readch());  // end of input
+
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+  ASSERT_LE(0, dup2(open(ptsname(master), O_RDWR | O_NOCTTY), STDIN_FILENO));
+  termios before{}, after{};
+  tcgetattr(STDIN_FILENO, &before);
+  peek_and_read(master);
+  tcgetattr(STDIN_FILENO, &after);
+  EXPECT_EQ(before.c_oflag, after.c_oflag);
+  EXPECT_EQ(before.c_lflag & ~tcflag_t(ICANON | ECHO), after.c_lflag);
+  close(master);
 }
 
 }  // namespace
