@@ -34,6 +34,20 @@ orlo_display_t *display() {
 
 const orlo_timeval_t zero_time{0, 0};
 
+int snapshot(orlo_display_t *h, int channel) {
+  void *buf = nullptr;
+  uint32_t a = 0, b = 0, c = 0, d = 0;
+  return orlo_display_get_jpeg_snapshot(h, channel, 0, 9, 0, 0, &buf, &a, &b, &c, &d);
+}
+
+// Live channel 0 decoding on `port`.
+int decode_port(orlo_display_t *h, int port) {
+  orlo_decode_cfg_t slots[ORLO_MAX_SLOT] = {};
+  slots[16].port = port;
+  slots[16].enable = 1;
+  return orlo_display_decode_change(h, slots);
+}
+
 // A picture plane of 64 kB for the converters' rows.
 uint8_t *plane() {
   static std::vector<std::vector<uint8_t>> planes;
@@ -115,20 +129,8 @@ const std::vector<row> &rows() {
       GIVES_STATED(orlo_display_push_dec_frame_buffer(display(), 18), 0),
       GIVES_STATED(orlo_display_audio_change(display(), 64, 0), 0),
       GIVES(orlo_display_bind_src_pipe(display(), nullptr, 8), -1),
-      {"orlo_display_get_jpeg_snapshot(channel 99)",
-       [] {
-         void *buf = nullptr;
-         uint32_t a = 0, b = 0, c = 0, d = 0;
-         return orlo_display_get_jpeg_snapshot(display(), 99, 0, 9, 0, 0, &buf, &a, &b, &c, &d) ==
-                -1;
-       }},
-      {"orlo_display_decode_change(port 99)",
-       [] {
-         orlo_decode_cfg_t slots[ORLO_MAX_SLOT] = {};
-         slots[16].port = 99;
-         slots[16].enable = 1;
-         return orlo_display_decode_change(display(), slots) == -1;
-       }},
+      GIVES(snapshot(display(), 99), -1),
+      GIVES(decode_port(display(), 99), -1),
       // The playback pipe: -1, NULL, 0 or nothing.
       GIVES(orlo_sst_pipe_get_src(nullptr), nullptr),
       GIVES(orlo_sst_pipe_get_kelappsink(nullptr), nullptr),
@@ -200,13 +202,7 @@ const char *run_in_child(const row &r) {
 }
 
 TEST(bad_callers, NoExportCrashesAndEachGivesItsFailureAnswerWithOneLine) {
-  int crashes = 0;
-  for (const row &r : rows()) {
-    const std::string wrong = run_in_child(r);
-    crashes += wrong == ": crashed or hung";
-    EXPECT_EQ("", wrong) << r.name;
-  }
-  EXPECT_EQ(crashes, 0) << "of " << rows().size() << " calls";
+  for (const row &r : rows()) EXPECT_STREQ("", run_in_child(r)) << r.name;
 }
 
 }  // namespace

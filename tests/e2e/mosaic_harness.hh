@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "eventually.hh"
 #include "orlo_display.h"
 #include "orlo_lumen_pipe.h"
 #include "ravel_soft.h"
@@ -59,6 +60,7 @@ struct mosaic {
   ravel_t *engine = nullptr;
   orlo_lumen_pipe_t *pipe = nullptr;
   orlo_vr_t vr[ORLO_MAX_VR] = {};
+  std::vector<orlo_decode_cfg_t> table = std::vector<orlo_decode_cfg_t>(ORLO_MAX_SLOT);
 
   mosaic() {
     const int32_t formats[1] = {18};  // 640 x 480
@@ -81,6 +83,15 @@ struct mosaic {
     return orlo_display_change(display, vr, 0, mode);
   }
 
+  // The decode table: live channel j (stream slot 16 + j) goes to port[j].
+  int decode(const std::vector<int> &port) {
+    for (size_t j = 0; j < port.size(); ++j) {
+      table[16 + j].port = port[j];
+      table[16 + j].enable = 1;
+    }
+    return orlo_display_decode_change(display, table.data());
+  }
+
   // The colour of region i of the last layout in `p`: the median of each
   // component over its middle, where the camera number and the ball are
   // small beside the field.
@@ -96,6 +107,23 @@ struct mosaic {
     return {c[0][c[0].size() / 2], c[1][c[1].size() / 2], c[2][c[2].size() / 2]};
   }
   rgb tile(int i) const { return tile(grab(), i); }
+
+  // Waits until region i of the last layout shows want[i]; gives the
+  // mismatches of the last look otherwise.
+  std::string wait_for_tiles(const std::vector<rgb> &want) const {
+    std::string bad;
+    testing_support::eventually(
+        [&] {
+          const picture p = grab();
+          bad.clear();
+          for (size_t i = 0; i < want.size(); ++i)
+            if (!near(tile(p, int(i)), want[i]))
+              bad += "tile " + std::to_string(i) + " saw " + describe(tile(p, int(i))) + "; ";
+          return bad.empty();
+        },
+        60);
+    return bad;
+  }
 
   // Live pipe of 160 x 96 cameras with `cameras` open; `streams` 1 main
   // only, 3 both.  `configure` runs on the source before the cameras open.
@@ -121,17 +149,5 @@ struct mosaic {
     return p;
   }
 };
-
-// Decode table that sends live channel j (stream slot 16 + j) to port[j].
-inline std::vector<orlo_decode_cfg_t> live_table(const std::vector<int> &port) {
-  std::vector<orlo_decode_cfg_t> table(ORLO_MAX_SLOT);
-  for (size_t j = 0; j < port.size(); ++j) {
-    table[16 + j].port = port[j];
-    table[16 + j].enable = 1;
-  }
-  return table;
-}
-
-constexpr auto kDeadline = std::chrono::seconds(60);
 
 }  // namespace e2e

@@ -1,6 +1,8 @@
 #include "fake_engine.hh"
 
+#include <algorithm>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,7 +27,14 @@ state &st() {
 
 int fake_handle_storage;
 
-int64_t word(const void *p) { return static_cast<int64_t>(reinterpret_cast<intptr_t>(p)); }
+// An argument as a word: integers widened, pointers (functions too) by address.
+template <typename T>
+int64_t word(T v) {
+  if constexpr (std::is_pointer_v<T>)
+    return static_cast<int64_t>(reinterpret_cast<intptr_t>(v));
+  else
+    return static_cast<int64_t>(v);
+}
 
 std::vector<uint8_t> bytes(const void *p, size_t n) {
   const auto *b = static_cast<const uint8_t *>(p);
@@ -42,6 +51,12 @@ int64_t record(call c, int64_t fallback = 0) {
     if (it != st().scripts.end()) fn = it->second;
   }
   return fn ? fn(c) : fallback;
+}
+
+// Records a call of `name` with its argument words and a copy of `copy`.
+template <typename... A>
+int32_t rec(const char *name, std::vector<uint8_t> copy, A... a) {
+  return static_cast<int32_t>(record({name, {word(a)...}, std::move(copy)}));
 }
 
 }  // namespace
@@ -63,8 +78,8 @@ std::vector<call> calls() {
 
 std::vector<call> calls(const std::string &name) {
   std::vector<call> out;
-  for (auto &c : calls())
-    if (c.name == name) out.push_back(c);
+  std::ranges::copy_if(calls(), std::back_inserter(out),
+                       [&](const call &c) { return c.name == name; });
   return out;
 }
 
@@ -100,13 +115,11 @@ void hold_frames(bool hold) {
 }
 
 int release_held() {
+  std::unique_lock<std::mutex> g(st().lock);
   std::deque<void *> held;
-  ravel_release_fn rel;
-  {
-    std::lock_guard<std::mutex> g(st().lock);
-    held.swap(st().held);
-    rel = st().release;
-  }
+  held.swap(st().held);
+  const ravel_release_fn rel = st().release;
+  g.unlock();
   for (void *b : held) rel(b);
   return static_cast<int>(held.size());
 }
@@ -116,44 +129,16 @@ ravel_t *handle() { return reinterpret_cast<ravel_t *>(&fake_handle_storage); }
 }  // namespace fake_engine
 
 using fake_engine::bytes;
-using fake_engine::call;
-using fake_engine::record;
+using fake_engine::rec;
+using fake_engine::st;
 using fake_engine::word;
-
-namespace {
-
-// An argument as a word: integers widened, pointers by address.
-template <typename T>
-int64_t as_word(T v) {
-  if constexpr (std::is_pointer_v<T>)
-    return word(reinterpret_cast<const void *>(v));
-  else
-    return static_cast<int64_t>(v);
-}
-
-// Records a call of `name` with its argument words and a copy of `rec`.
-template <typename... A>
-int32_t rec(const char *name, std::vector<uint8_t> rec, A... a) {
-  return static_cast<int32_t>(record({name, {as_word(a)...}, std::move(rec)}));
-}
-template <typename... A>
-int32_t pass(const char *name, A... a) {
-  return rec(name, {}, a...);
-}
-// Records a call whose last argument is a fixed-size record.
-template <typename R>
-int32_t with_record(const char *name, ravel_t *e, const R *r) {
-  return rec(name, bytes(r, sizeof(R)), e, r);
-}
-
-}  // namespace
 
 // Calls recorded with their argument words alone, or also with a copy of the
 // record passed last.
 #define PASS(name, params, ...) \
-  int32_t name params { return pass(#name, __VA_ARGS__); }
+  int32_t name params { return rec(#name, {}, __VA_ARGS__); }
 #define WITH_RECORD(name, type) \
-  int32_t name(ravel_t *e, const type *r) { return with_record(#name, e, r); }
+  int32_t name(ravel_t *e, const type *r) { return rec(#name, bytes(r, sizeof(type)), e, r); }
 
 extern "C" {
 
@@ -162,18 +147,19 @@ ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
                    int32_t r2, int32_t r3, int32_t w24, const int32_t *display_ids,
                    int32_t engine_word, const int32_t *engine_block) {
   {
-    std::lock_guard<std::mutex> g(fake_engine::st().lock);
-    fake_engine::st().release = release;
+    std::lock_guard<std::mutex> g(st().lock);
+    st().release = release;
   }
-  call c{"ravel_new",
-         {word(formats), engine_opt, ch_count, n_display_ids, r0,
-          word(reinterpret_cast<void *>(release)), r1, r2, r3, w24, word(display_ids), engine_word,
-          word(engine_block)},
-         {}};
   // The record holds the display ids, then the block, then the format word.
-  for (const auto &part : {bytes(display_ids, 16), bytes(engine_block, 16), bytes(formats, 4)})
-    c.record.insert(c.record.end(), part.begin(), part.end());
-  int64_t r = record(c, word(fake_engine::handle()));
+  std::vector<uint8_t> copy = bytes(display_ids, 16);
+  for (const auto &part : {bytes(engine_block, 16), bytes(formats, 4)})
+    copy.insert(copy.end(), part.begin(), part.end());
+  const int64_t r =
+      fake_engine::record({"ravel_new",
+                           {word(formats), engine_opt, ch_count, n_display_ids, r0, word(release),
+                            r1, r2, r3, w24, word(display_ids), engine_word, word(engine_block)},
+                           copy},
+                          word(fake_engine::handle()));
   return reinterpret_cast<ravel_t *>(static_cast<intptr_t>(r));
 }
 
@@ -195,52 +181,44 @@ int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t
 int32_t ravel_put_decode_stream(ravel_t *e, int32_t port, void *buffer, const uint8_t *data,
                                 int32_t size, int32_t r0, ravel_jpeg_cb jpeg_cb,
                                 ravel_image_cb image_cb, int32_t r1, int32_t r2) {
-  call c{
+  fake_engine::call c{
       "ravel_put_decode_stream",
-      {word(e), port, word(buffer), word(data), size, r0, word(reinterpret_cast<void *>(jpeg_cb)),
-       word(reinterpret_cast<void *>(image_cb)), r1, r2},
+      {word(e), port, word(buffer), word(data), size, r0, word(jpeg_cb), word(image_cb), r1, r2},
       bytes(data, size > 0 ? static_cast<size_t>(size) : 0)};
   c.buffer = buffer;
   c.jpeg_cb = jpeg_cb;
   c.image_cb = image_cb;
-  int64_t r = record(c);
-  if (r >= 0 && buffer != nullptr) {
-    ravel_release_fn rel;
-    bool hold;
-    {
-      std::lock_guard<std::mutex> g(fake_engine::st().lock);
-      rel = fake_engine::st().release;
-      hold = fake_engine::st().hold;
-      if (hold) fake_engine::st().held.push_back(buffer);
-    }
-    if (!hold && rel != nullptr) rel(buffer);
+  const auto r = static_cast<int32_t>(fake_engine::record(c));
+  if (r < 0 || buffer == nullptr) return r;
+  std::unique_lock<std::mutex> g(st().lock);
+  if (st().hold) {
+    st().held.push_back(buffer);
+    return r;
   }
-  return static_cast<int32_t>(r);
+  const ravel_release_fn rel = st().release;
+  g.unlock();
+  if (rel != nullptr) rel(buffer);
+  return r;
 }
 
 int32_t ravel_jpeg_enc(ravel_t *e, int32_t ch, int32_t flag, ravel_jpeg_cb cb) {
-  call c{"ravel_jpeg_enc", {word(e), ch, flag, word(reinterpret_cast<void *>(cb))}, {}};
+  fake_engine::call c{"ravel_jpeg_enc", {word(e), ch, flag, word(cb)}, {}};
   c.jpeg_cb = cb;
-  return static_cast<int32_t>(record(c));
+  return static_cast<int32_t>(fake_engine::record(c));
 }
-PASS(ravel_set_jpeg_dstntimeimg, (ravel_t * e, int32_t ch, uint32_t dstn, uint32_t timeimg), e, ch,
-     dstn, timeimg)
+PASS(ravel_set_jpeg_dstntimeimg, (ravel_t * e, int32_t ch, uint32_t d, uint32_t t), e, ch, d, t)
 PASS(ravel_set_jpeg_timestamp, (ravel_t * e, int32_t port, uint32_t ts), e, port, ts)
 PASS(ravel_pause_frame, (ravel_t * e, int32_t port), e, port)
 PASS(ravel_capture_drv_start, (ravel_t * e, int32_t ch), e, ch)
 PASS(ravel_capture_drv_stop, (ravel_t * e, int32_t ch), e, ch)
 PASS(ravel_register_get_encode_stream, (ravel_t * e, void *cb, void *user), e, cb, user)
 PASS(ravel_register_captmode_change, (ravel_t * e, void *cb, void *user), e, cb, user)
-PASS(ravel_register_encode_mosaic_stream,
-     (ravel_t * e, void *cb, void *user, int32_t stream, int32_t r), e, cb, user, stream, r)
-PASS(ravel_encode_change, (ravel_t * e, int32_t ch, int32_t stream, void *param), e, ch, stream,
-     param)
-PASS(ravel_set_encode_bitrate, (ravel_t * e, int32_t ch, int32_t stream, int32_t bitrate), e, ch,
-     stream, bitrate)
-PASS(ravel_get_encode_bitrate, (ravel_t * e, int32_t ch, int32_t stream, int32_t *bitrate), e, ch,
-     stream, bitrate)
-PASS(ravel_motion_detect_config_param, (ravel_t * e, int32_t ch, void *param, int32_t size), e, ch,
-     param, size)
+PASS(ravel_register_encode_mosaic_stream, (ravel_t * e, void *cb, void *u, int32_t s, int32_t r), e,
+     cb, u, s, r)
+PASS(ravel_encode_change, (ravel_t * e, int32_t ch, int32_t s, void *param), e, ch, s, param)
+PASS(ravel_set_encode_bitrate, (ravel_t * e, int32_t ch, int32_t s, int32_t rate), e, ch, s, rate)
+PASS(ravel_get_encode_bitrate, (ravel_t * e, int32_t ch, int32_t s, int32_t *rate), e, ch, s, rate)
+PASS(ravel_motion_detect_config_param, (ravel_t * e, int32_t ch, void *p, int32_t n), e, ch, p, n)
 PASS(ravel_set_time, (ravel_t * e, int32_t w, uint64_t time, int32_t w2), e, w, time, w2)
 PASS(ravel_set_sys_time_init, (uint64_t time), time)
 PASS(ravel_set_sys_time_sync, (uint64_t time), time)
@@ -257,7 +235,7 @@ WITH_RECORD(ravel_set_rotate, int32_t)
 WITH_RECORD(ravel_set_datetime_format, ravel_datetime_format_t)
 WITH_RECORD(ravel_set_ip_osd_enable, ravel_ip_osd_t)
 uintptr_t ravel_get_hostcomm_addr(ravel_t *e, int32_t which, int32_t size) {
-  return static_cast<uintptr_t>(record({__func__, {word(e), which, size}, {}}));
+  return static_cast<uintptr_t>(fake_engine::record({__func__, {word(e), which, size}, {}}));
 }
 
 }  // extern "C"

@@ -1,5 +1,7 @@
 #include "log_capture.hh"
 
+#include <algorithm>
+
 namespace testing_support {
 
 log_capture::log_capture()
@@ -29,15 +31,12 @@ std::vector<std::string> log_capture::texts(GLogLevelFlags level) const {
 }
 
 int log_capture::count(const std::string &text) const {
-  int n = 0;
-  for (auto &l : lines()) n += l.text == text ? 1 : 0;
-  return n;
+  return static_cast<int>(std::ranges::count(lines(), text, &log_line::text));
 }
 
 bool log_capture::has(GLogLevelFlags level, const std::string &text) const {
-  for (auto &l : lines())
-    if ((l.level & level) && l.text == text) return true;
-  return false;
+  return std::ranges::any_of(
+      lines(), [&](const log_line &l) { return (l.level & level) && l.text == text; });
 }
 
 void log_capture::clear() {
