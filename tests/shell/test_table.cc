@@ -58,14 +58,15 @@ TEST(parse_args, BlanksSeparateQuotesGroupAndLongTokensAreCut) {
   EXPECT_EQ(0, count);
 }
 
-// Records outside any section, found from one in their middle: the walk
-// takes 127 on either side of it and no more.
+// Records outside any section, between two words that are no records; the
+// walk from one of them takes up to 127 records on either side.
 constexpr std::array<shell_cmd_t, 300> many_records() {
   std::array<shell_cmd_t, 300> block{};
-  for (shell_cmd_t &r : block) r = {SHELL_CMD_MAGIC, "many", "", "", nullptr, nullptr};
+  for (size_t i = 1; i + 1 < block.size(); ++i)
+    block[i] = {SHELL_CMD_MAGIC, "many", "", "", nullptr, nullptr};
   return block;
 }
-std::array<shell_cmd_t, 300> block = many_records();
+std::array<shell_cmd_t, 300> early = many_records(), late = many_records();
 
 int call(std::vector<std::string> words) {
   std::vector<char *> argv;
@@ -78,7 +79,8 @@ TEST(command_table, RecordsOfEveryObjectAreFoundOnceAndChainedInNameOrder) {
   // A section is walked from any record, and a section named twice counts once.
   EXPECT_EQ(0, shell_add_commands(&test_cmd_flood));
   EXPECT_EQ(0, shell_add_commands(&test_cmd_flood));
-  EXPECT_EQ(0, shell_add_commands(&block[150]));
+  EXPECT_EQ(0, shell_add_commands(&early[50]));  // 49 below it, 127 of 248 above
+  EXPECT_EQ(0, shell_add_commands(&late[250]));  // 127 of 249 below it, 48 above
   shell_cmd_t not_a_record{};
   EXPECT_EQ(-1, shell_add_commands(&not_a_record));
   shell_build_table();
@@ -93,7 +95,7 @@ TEST(command_table, RecordsOfEveryObjectAreFoundOnceAndChainedInNameOrder) {
     else
       names.push_back(cmd->name);
   }
-  EXPECT_EQ(255, many);
+  EXPECT_EQ(49 + 1 + 127 + 127 + 1 + 48, many);
   EXPECT_EQ((tokens{"Zeta", "ab", "abc", "echo", "flood", "getch", "help", "quit", "unsupported",
                     "x_command_name_longer_than_24"}),
             names);
