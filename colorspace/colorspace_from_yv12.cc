@@ -110,17 +110,28 @@ void yv12_to_uyvy_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const ui
 }
 
 // Y rows, then height / 2 rows of U and of V, each at dst_stride / 2.
+// Source planes that already lie so go over in one copy.
 void yv12_to_yuv_c(uint8_t *dst, int dst_stride, const uint8_t *y_src, const uint8_t *u_src,
                    const uint8_t *v_src, int y_stride, int uv_stride, int width, int height) {
   if (empty_picture(width, height)) return;
+  const CopyBytes copy = row_kernels().copy;
+  const int w2 = width / 2;
+  if (height > 0 && y_stride == width && dst_stride == width && uv_stride == w2) {
+    const ptrdiff_t y_size = static_cast<ptrdiff_t>(width) * height;
+    const ptrdiff_t chroma_size = static_cast<ptrdiff_t>(w2) * (height / 2);
+    if (planes_back_to_back(y_src, u_src, v_src, y_size, chroma_size)) {
+      copy(dst, y_src, static_cast<size_t>(y_size + 2 * chroma_size));
+      return;
+    }
+  }
   const Yv12Source s = yv12_source(y_src, u_src, v_src, y_stride, uv_stride, height);
   const ptrdiff_t d_pitch = dst_stride, c_pitch = dst_stride / 2;
   const int h2 = s.height / 2;
-  copy_rows(dst, d_pitch, s.y, s.y_pitch, width, s.height);
+  copy_rows(copy, dst, d_pitch, s.y, s.y_pitch, width, s.height);
   uint8_t *u_dst = dst + s.height * d_pitch;
   uint8_t *v_dst = u_dst + h2 * c_pitch;
-  copy_rows(u_dst, c_pitch, s.u, s.uv_pitch, width / 2, h2);
-  copy_rows(v_dst, c_pitch, s.v, s.uv_pitch, width / 2, h2);
+  copy_rows(copy, u_dst, c_pitch, s.u, s.uv_pitch, w2, h2);
+  copy_rows(copy, v_dst, c_pitch, s.v, s.uv_pitch, w2, h2);
 }
 
 }  // extern "C"

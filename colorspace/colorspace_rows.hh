@@ -94,17 +94,23 @@ inline ptrdiff_t pitch(int stride, int bytes_per_unit) {
   return static_cast<ptrdiff_t>(stride) * bytes_per_unit;
 }
 
-// Copies rows of bytes between planes with the kernels' copy; rows that lie
-// back to back on both sides go in one piece.
-inline void copy_rows(uint8_t *dst, ptrdiff_t dst_pitch, const uint8_t *src, ptrdiff_t src_pitch,
-                      int bytes, int rows) {
+// Copies rows of bytes between planes; rows that lie back to back on both
+// sides go in one piece.
+inline void copy_rows(CopyBytes copy, uint8_t *dst, ptrdiff_t dst_pitch, const uint8_t *src,
+                      ptrdiff_t src_pitch, int bytes, int rows) {
   if (rows <= 0 || bytes <= 0) return;
-  const CopyBytes copy = row_kernels().copy;
   if (dst_pitch == bytes && src_pitch == bytes) {
     copy(dst, src, static_cast<size_t>(bytes) * rows);
     return;
   }
   for (int r = 0; r < rows; r++) copy(dst + r * dst_pitch, src + r * src_pitch, bytes);
+}
+
+// Whether a 4:2:0 picture's three planes, packed without row gaps, lie one
+// after the other in the order Y, U, V.
+inline bool planes_back_to_back(const uint8_t *y, const uint8_t *u, const uint8_t *v,
+                                ptrdiff_t y_size, ptrdiff_t chroma_size) {
+  return u == y + y_size && v == u + chroma_size;
 }
 
 }  // namespace orlo::colorspace

@@ -86,16 +86,23 @@ void uyvy_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out, const uint8_
                 height, stride);
 }
 
-// Source planes Y, U, V back to back without row gaps.
+// Source planes Y, U, V back to back without row gaps.  A destination laid
+// out the same way takes the whole picture in one copy.
 void yuv_to_yv12_c(uint8_t *y_out, uint8_t *u_out, uint8_t *v_out, const uint8_t *src, int width,
                    int height, int stride) {
   if (empty_picture(width, height) || height < 0) return;
+  const CopyBytes copy = row_kernels().copy;
   const int w2 = width / 2, h2 = height / 2;
+  const ptrdiff_t y_size = static_cast<ptrdiff_t>(width) * height;
   const ptrdiff_t chroma_size = static_cast<ptrdiff_t>(w2) * h2;
-  const uint8_t *u_src = src + static_cast<ptrdiff_t>(width) * height;
-  copy_rows(y_out, stride, src, width, width, height);
-  copy_rows(u_out, stride / 2, u_src, w2, w2, h2);
-  copy_rows(v_out, stride / 2, u_src + chroma_size, w2, w2, h2);
+  if (stride == width && planes_back_to_back(y_out, u_out, v_out, y_size, chroma_size)) {
+    copy(y_out, src, static_cast<size_t>(y_size + 2 * chroma_size));
+    return;
+  }
+  const uint8_t *u_src = src + y_size;
+  copy_rows(copy, y_out, stride, src, width, width, height);
+  copy_rows(copy, u_out, stride / 2, u_src, w2, w2, h2);
+  copy_rows(copy, v_out, stride / 2, u_src + chroma_size, w2, w2, h2);
 }
 
 }  // extern "C"
