@@ -144,8 +144,8 @@ struct Plane {
 };
 
 // Rows of RGB; 4:2:0 chroma (half_height) serves two luma rows.
-inline void yuv_to_rgb(Fmt f, int (*rule)(int), uint8_t *dst, int ds, Plane y, Plane u, Plane v,
-                       bool half_height, int w, int h) {
+inline void yuv_to_rgb(Fmt f, int (*rule)(int), uint8_t *dst, int ds, const Plane &y,
+                       const Plane &u, const Plane &v, bool half_height, int w, int h) {
   const bool flip = h < 0;
   h = std::abs(h);
   for (int k = 0; k < (half_height ? h / 2 * 2 : h); k++) {
