@@ -1,49 +1,109 @@
 // The graphics plane's alpha through the framebuffer driver, with the
 // driver's stand-in answering or refusing each step.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "fb_stub.h"
 #include "log_capture.hh"
 #include "orlo_display.h"
 
 namespace {
 
-using requests = std::vector<unsigned long>;
 constexpr unsigned long kGet = 0x80304E03UL, kSet = 0x40304E02UL;
+enum behaviour { OK, OPEN_FAILS, GET_FAILS, SET_FAILS };
+
+// What the driver saw.  Its descriptor is a real one on /dev/null, so that
+// no other open in the process is given the same number; TIFB_GET_PARAMS
+// reads the bytes 0x10, 0x11, ...
+struct {
+  behaviour answer;
+  int opens, open_flags, closes;
+  std::atomic<int> fd{-1};
+  std::vector<unsigned long> requests;
+  std::vector<uint8_t> set_params;
+} fb;
+
+template <typename Fn>
+Fn next(const char *name) {
+  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// The stand-in takes the calls for "/dev/fb0" and passes every other on.
+extern "C" __attribute__((visibility("default"))) int open(const char *path, int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(ap, mode_t) : 0;
+  va_end(ap);
+  if (std::strcmp(path, "/dev/fb0") != 0)
+    return next<int (*)(const char *, int, ...)>("open")(path, flags, mode);
+  fb.opens++;
+  fb.open_flags = flags;
+  if (fb.answer == OPEN_FAILS) return errno = ENODEV, -1;
+  fb.fd = next<int (*)(const char *, int, ...)>("open")("/dev/null", O_RDWR | O_CLOEXEC);
+  return fb.fd;
+}
+
+extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
+  va_list ap;
+  va_start(ap, request);
+  auto *arg = static_cast<uint8_t *>(va_arg(ap, void *));
+  va_end(ap);
+  if (fd < 0 || fd != fb.fd)
+    return next<int (*)(int, unsigned long, ...)>("ioctl")(fd, request, arg);
+  fb.requests.push_back(request);
+  if (request == kGet) {
+    for (int i = 0; i < 48; i++) arg[i] = static_cast<uint8_t>(0x10 + i);
+    return fb.answer == GET_FAILS ? (errno = EIO, -1) : 0;
+  }
+  fb.set_params.assign(arg, arg + 48);
+  return fb.answer == SET_FAILS ? (errno = EINVAL, -1) : 0;
+}
+
+extern "C" __attribute__((visibility("default"))) int close(int fd) {
+  if (fd >= 0 && fd == fb.fd) fb.closes++, fb.fd = -1;
+  return next<int (*)(int)>("close")(fd);
+}
+
+namespace {
 
 // Each call opens the device anew and closes it on every way out; two fields
 // change, every other byte goes back as the driver gave it.
 TEST(GraphicsAlpha, StepsResultCloseAndWrittenFields) {
   const struct {
-    fbstub_behaviour behaviour;
+    behaviour answer;
     int alpha, result;
-    requests seen;
+    std::vector<unsigned long> seen;
     std::vector<std::string> warnings;
   } cases[] = {
-      {FBSTUB_OK, 0x5a, 0, {kGet, kSet}, {}},
-      {FBSTUB_OK, 0x1ab, 0, {kGet, kSet}, {}},
-      {FBSTUB_OPEN_FAILS, 0, -1, {}, {"failed to open display\n"}},
-      {FBSTUB_GET_FAILS, 0, -1, {kGet}, {"TIFB_GET_PARAMS fail\n"}},
-      {FBSTUB_SET_FAILS, 0, -1, {kGet, kSet}, {"TIFB_SET_PARAMS fail\n"}},
+      {OK, 0x5a, 0, {kGet, kSet}, {}},
+      {OK, 0x1ab, 0, {kGet, kSet}, {}},
+      {OPEN_FAILS, 0, -1, {}, {"failed to open display\n"}},
+      {GET_FAILS, 0, -1, {kGet}, {"TIFB_GET_PARAMS fail\n"}},
+      {SET_FAILS, 0, -1, {kGet, kSet}, {"TIFB_SET_PARAMS fail\n"}},
   };
   for (const auto &p : cases) {
-    SCOPED_TRACE(p.behaviour);
+    SCOPED_TRACE(p.answer);
     testing_support::log_capture log;
-    fbstub = {};
-    fbstub.fd = -1;
-    fbstub.behaviour = p.behaviour;
+    fb.answer = p.answer;
+    fb.opens = fb.closes = 0;
+    fb.requests.clear();
     EXPECT_EQ(orlo_display_grpx_set_alpha(p.alpha), p.result);
-    EXPECT_EQ(fbstub.opens, 1);
-    EXPECT_EQ(fbstub.open_flags & O_ACCMODE, O_RDWR);
-    EXPECT_EQ(requests(fbstub.requests, fbstub.requests + fbstub.n_requests), p.seen);
-    EXPECT_EQ(fbstub.closes, p.behaviour == FBSTUB_OPEN_FAILS ? 0 : 1);
-    EXPECT_EQ(fbstub.fd, -1);
+    EXPECT_EQ(fb.opens, 1);
+    EXPECT_EQ(fb.open_flags & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(fb.requests, p.seen);
+    EXPECT_EQ(fb.closes, p.answer == OPEN_FAILS ? 0 : 1);
+    EXPECT_EQ(fb.fd, -1);
     EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), p.warnings);
     if (p.result != 0) continue;
     std::vector<uint8_t> expected(48);
@@ -51,7 +111,7 @@ TEST(GraphicsAlpha, StepsResultCloseAndWrittenFields) {
     const int32_t enable = 1;
     std::memcpy(expected.data() + 32, &enable, 4);
     expected[45] = static_cast<uint8_t>(p.alpha);
-    EXPECT_EQ(std::vector<uint8_t>(fbstub.set_params, fbstub.set_params + 48), expected);
+    EXPECT_EQ(fb.set_params, expected);
   }
 }
 
