@@ -3,6 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -41,6 +43,17 @@ inline int64_t engine_word() { return reinterpret_cast<intptr_t>(fake_engine::ha
 inline args_t with_engine(args_t rest) {
   rest.insert(rest.begin(), engine_word());
   return rest;
+}
+
+// Room for a `T` at the very end of a page that an inaccessible page follows:
+// a read past the record faults.  Left mapped to the end of the process.
+template <typename T>
+T *at_page_end() {
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  auto *two = static_cast<uint8_t *>(
+      mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  EXPECT_EQ(mprotect(two + page, page, PROT_NONE), 0);
+  return reinterpret_cast<T *>(two + page - sizeof(T));
 }
 
 // Runs `fn` with standard output captured; gives what it printed.

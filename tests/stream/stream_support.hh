@@ -48,15 +48,13 @@ inline GstBuffer *make_list(const std::vector<GstBuffer *> &members) {
 
 // Counts finalized buffers; one finalized twice shows as a count above `watched`.
 struct free_counter {
-  std::atomic<int> watched{0};
-  std::atomic<int> freed{0};
+  std::atomic<int> watched{0}, freed{0};
   GstBuffer *watch(GstBuffer *b) {
     watched++;
-    gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(b), on_free, this);
+    gst_mini_object_weak_ref(
+        GST_MINI_OBJECT_CAST(b),
+        [](gpointer self, GstMiniObject *) { static_cast<free_counter *>(self)->freed++; }, this);
     return b;
-  }
-  static void on_free(gpointer self, GstMiniObject *) {
-    static_cast<free_counter *>(self)->freed++;
   }
 };
 
