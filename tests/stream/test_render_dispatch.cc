@@ -138,7 +138,7 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
       orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
   EXPECT_EQ(orlo_display_bind_src_pipe(h, b.element(), 1), 0);
   const std::pair<GstElement *, int> refused[] = {
-      {c.element(), 0}, {c.element(), 8}, {c.element(), -1}, {other.get(), 3}};
+      {c.element(), 0}, {c.element(), 8}, {c.element(), -1}, {other.get(), 3}, {nullptr, 3}};
   for (const auto &[element, idx] : refused)
     EXPECT_EQ(orlo_display_bind_src_pipe(h, element, idx), -1) << idx;
   EXPECT_EQ(std::vector<GstElement *>(h->sinks, h->sinks + 3),
@@ -146,9 +146,11 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
             (std::vector<std::string>{"App idx 0 is aleady used.\n", "Invalid kelappsink_idx\n",
                                       "Invalid kelappsink_idx\n"}));
-  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL),
-            std::vector<std::string>{
-                "orlo_display_bind_src_pipe: assertion 'GST_IS_KELAPP_SINK(sink)' failed"});
+  EXPECT_EQ(
+      log.texts(G_LOG_LEVEL_CRITICAL),
+      (std::vector<std::string>{
+          "orlo_display_bind_src_pipe: assertion 'GST_IS_KELAPP_SINK(sink)' failed",
+          "orlo_display_bind_src_pipe: assertion 'h_display != NULL && sink != NULL' failed"}));
 }
 
 TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
