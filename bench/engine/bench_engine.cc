@@ -13,9 +13,13 @@
 //                        pass that first shows them.  R 0 composes on
 //                        arrival, R 25 on the former fixed tick of 25
 //                        whole-display passes a second.
-//   BM_Live1080Largest/K 1920 x 1080 channels of kind K at rising counts, up
-//                        to the first that misses real time; reports the
+//   BM_Live1080Largest/K 1920 x 1080 channels of kind K: counts double until
+//                        one misses real time, then halve the step between
+//                        the last that kept up and that one; reports the
 //                        largest count that kept up (`largest_real_time`).
+//                        Beyond the engine's 18 ports a port carries more
+//                        than one channel's frames (a faster stream): the
+//                        same decoding work.
 //   BM_DecodeFlatOut     16 ports of 640 x 360 fed as fast as the engine takes
 //                        frames; frames per second, and from it the number of
 //                        25 fps channels that fit on the cores in use.
@@ -36,6 +40,7 @@ namespace engine_bench {
 namespace {
 
 constexpr int kSeconds = 6;
+constexpr int kEnginePorts = 18;
 constexpr int kVariants = 4;  // distinct streams; ports share them
 
 struct totals {
@@ -123,17 +128,19 @@ void settle(int n) {
   }
 }
 
-// n channels of `height` lines at 25 fps for kSeconds; each starts at an
-// intra frame and runs in step with the others.
-live_result run_live(int n, int height, int kind, int rate) {
+// n channels of `height` lines at 25 fps for `seconds`; each starts at an
+// intra frame and runs in step with the others.  Channel c goes to port
+// c % 18: a port with k channels is fed k frames of its stream a tick.
+live_result run_live(int n, int height, int kind, int rate, int seconds = kSeconds) {
+  const int ports = std::min(n, kEnginePorts);
   std::vector<const std::vector<ravel_synth::frame> *> chs;
-  for (int p = 0; p < n; p++) chs.push_back(frames_of(kind, height, p % kVariants));
-  mosaic(n);
+  for (int p = 0; p < ports; p++) chs.push_back(frames_of(kind, height, p % kVariants));
+  mosaic(ports);
   ravel_soft_set_compose_rate(engine(), rate);
-  settle(n);
-  constexpr int kTotal = kSeconds * 25;
+  settle(ports);
+  const int kTotal = seconds * 25;
   live_result r;
-  totals before = sum(n);
+  totals before = sum(ports);
   uint64_t passes0 = ravel_soft_compose_passes(engine());
   double cpu0 = process_cpu_seconds();
   auto t0 = std::chrono::steady_clock::now();
@@ -144,8 +151,11 @@ live_result run_live(int n, int height, int kind, int rate) {
     std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * i));
     watch.pushed(i);
     // A live source does not wait: a refused frame is a frame lost.
-    for (int p = 0; p < n; p++)
-      if (put(p, (*chs[p])[static_cast<size_t>(i) % chs[p]->size()]) != 0) r.refused++;
+    for (int c = 0; c < n; c++) {
+      const int p = c % ports;
+      const size_t k = static_cast<size_t>(i) * ((n - 1 - p) / ports + 1) + c / ports;
+      if (put(p, (*chs[p])[k % chs[p]->size()]) != 0) r.refused++;
+    }
   }
   std::this_thread::sleep_until(t0 + std::chrono::milliseconds(40 * kTotal));
   std::vector<double> latency_ms = watch.finish();
@@ -159,7 +169,7 @@ live_result run_live(int n, int height, int kind, int rate) {
     r.latency_ms = std::move(latency_ms);
   r.wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
   double cpu = process_cpu_seconds() - cpu0;
-  totals after = sum(n);
+  totals after = sum(ports);
   uint64_t decoded = after.decoded - before.decoded;
   r.cores = cpu / r.wall;
   r.ms_per_frame = 1000.0 * cpu / static_cast<double>(decoded ? decoded : 1);
@@ -170,7 +180,7 @@ live_result run_live(int n, int height, int kind, int rate) {
   // Frames still queued at the end (up to the queue's depth) do not count
   // against it.
   r.real_time = r.refused == 0 && r.skipped == 0 &&
-                decoded + uint64_t{RAVEL_SOFT_QUEUE_DEPTH} * n >= uint64_t(n) * kTotal;
+                decoded + uint64_t{RAVEL_SOFT_QUEUE_DEPTH} * ports >= uint64_t(n) * kTotal;
   return r;
 }
 
@@ -218,24 +228,29 @@ BENCHMARK(BM_LiveMosaic)
     ->UseManualTime()
     ->Unit(benchmark::kSecond);
 
-// 1920 x 1080 channels at rising counts until the engine no longer keeps up;
-// `largest_real_time` is the last count that did (0: not even the first).
-// `cores_at_<n>` and `real_time_at_<n>` tell each count's run.
+// 1920 x 1080 channels at doubling counts until the engine no longer keeps
+// up, then halving steps between; `largest_real_time` is the largest count
+// that did (0: not even one).  `cores_at_<n>` and `real_time_at_<n>` tell
+// each count's run.
 void BM_Live1080Largest(benchmark::State &state) {
   const int kind = static_cast<int>(state.range(0));
   if (!have_streams(state, kind, 1080)) return;
-  static constexpr int kCounts[] = {1, 2, 3, 4, 6, 8, 10, 12, 14, 16, 18};
+  // A port's queue takes at most its depth of frames in one tick.
+  constexpr int kTop = kEnginePorts * RAVEL_SOFT_QUEUE_DEPTH;
+  constexpr int kRunSeconds = 4;
   for (auto _ : state) {
-    int largest = 0;
+    int largest = 0, missed = kTop + 1;
     double wall = 0;
-    for (int n : kCounts) {
-      live_result r = run_live(n, 1080, kind, 0);
+    auto run = [&](int n) {
+      live_result r = run_live(n, 1080, kind, 0, kRunSeconds);
       wall += r.wall;
       state.counters["cores_at_" + std::to_string(n)] = r.cores;
       state.counters["real_time_at_" + std::to_string(n)] = r.real_time ? 1 : 0;
-      if (!r.real_time) break;
-      largest = n;
-    }
+      (r.real_time ? largest : missed) = n;
+      return r.real_time;
+    };
+    for (int n = 1; n <= kTop && run(n);) n *= 2;
+    while (missed - largest > 1) run((largest + missed) / 2);
     state.counters["largest_real_time"] = largest;
     state.SetIterationTime(wall);
   }

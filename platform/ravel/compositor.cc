@@ -31,8 +31,9 @@ void canvas::fill_black() {
   std::fill(v.begin(), v.end(), uint8_t{128});
 }
 
-compositor::compositor(source_of sources, statistics &stats, int width0, int height0)
-    : sources_(std::move(sources)), stats_(stats) {
+compositor::compositor(source_of sources, shown_hook shown, statistics &stats, int width0,
+                       int height0)
+    : sources_(std::move(sources)), shown_(std::move(shown)), stats_(stats) {
   displays_[0].cv.resize(width0, height0);
   displays_[1].cv.resize(1280, 720);
   thread_ = std::thread([this] {
@@ -55,8 +56,17 @@ void compositor::set_regions(int index, const ravel_region_t *regions, int count
     display &d = displays_[index];
     d.regions.assign(regions, regions + count);
     d.version++;
+    tell_shown();
   }
   picture_arrived();
+}
+
+void compositor::tell_shown() {
+  std::array<bool, kPorts> shown{};
+  for (const display &d : displays_)
+    for (const ravel_region_t &r : d.regions)
+      if (r.ch >= 0 && r.ch < kPorts) shown[r.ch] = true;
+  for (int p = 0; p < kPorts; p++) shown_(p, shown[p]);
 }
 
 void compositor::redraw_all() {
@@ -75,15 +85,20 @@ void compositor::set_running(bool on) {
   state_cond_.notify_all();
 }
 
-void compositor::picture_arrived() {
-  bool first;
+void compositor::picture_arrived(clock::time_point due) {
+  bool sooner;
   {
     std::lock_guard<std::mutex> g(state_lock_);
-    first = !arrived_;
-    arrived_ = true;
+    if (due <= clock::now()) {
+      sooner = !arrived_;
+      arrived_ = true;
+    } else {
+      sooner = !arrived_ && due < due_;
+      due_ = std::min(due_, due);
+    }
   }
   // The pictures that come while a pass is due anyway wake nobody.
-  if (first) state_cond_.notify_all();
+  if (sooner) state_cond_.notify_all();
 }
 
 void compositor::set_fixed_rate(int per_second) {
@@ -135,14 +150,22 @@ void compositor::set_observer(int index, canvas_observer observer) {
   displays_[index].observer = std::move(observer);
 }
 
-// Until there is something to draw: a new picture, a request, or, in the
-// fixed mode, the next tick.  Passes keep at least one refresh period apart;
-// a pass that only looks for lost signals (after a quiet while) does not
-// count as one.
+// Until there is something to draw: a new picture, a picture's time, a
+// request, or, in the fixed mode, the next tick.  Passes keep at least one
+// refresh period apart; a pass that only looks for lost signals (after a
+// quiet while) does not count as one.
 void compositor::wait_for_work(std::unique_lock<std::mutex> &g) {
-  using clock = std::chrono::steady_clock;
-  auto ready = [this] { return quit_ || (running_ && (arrived_ || requested_)); };
-  if (fixed_rate_ == 0 && !state_cond_.wait_for(g, kSignalCheck, ready)) return;
+  auto ready = [this] {
+    return quit_ || (running_ && (arrived_ || requested_ || due_ <= clock::now()));
+  };
+  if (fixed_rate_ == 0) {
+    // The wait is cut short when a picture comes due sooner than before.
+    const clock::time_point check = clock::now() + kSignalCheck;
+    while (!ready()) {
+      state_cond_.wait_until(g, std::min(check, due_));
+      if (!ready() && clock::now() >= check) return;
+    }
+  }
   if (quit_ || !running_) return;
   auto period = std::chrono::microseconds(1000000 / (fixed_rate_ > 0 ? fixed_rate_ : kRefreshRate));
   auto next = last_pass_ + period;
@@ -160,10 +183,13 @@ void compositor::run() {
     bool requested = requested_;
     bool whole = fixed_rate_ > 0;
     arrived_ = requested_ = false;
+    due_ = clock::time_point::max();
     passes_started_++;
     g.unlock();
-    bool drew = pass(whole);
+    bool drew;
+    const clock::time_point due = pass(whole, &drew);
     g.lock();
+    due_ = std::min(due_, due);
     passes_done_++;
     if (drew || requested) stats_.compose_passes++;
     state_cond_.notify_all();
@@ -175,17 +201,23 @@ bool compositor::pass_here() {
     std::lock_guard<std::mutex> g(state_lock_);
     if (running_ || quit_) return false;
   }
-  pass(false);
+  bool drew;
+  pass(false, &drew);
   return true;
 }
 
-bool compositor::pass(bool whole) {
+compositor::clock::time_point compositor::pass(bool whole, bool *drew) {
   // Every port, shown or not, so that the watch for lost signals covers all.
   std::array<tile_source, kPorts> now;
-  for (int p = 0; p < kPorts; p++) now[p] = sources_(p);
-  bool drew = false;
-  for (display &d : displays_) drew = update(d, now, whole) || drew;
-  return drew;
+  const clock::time_point at = clock::now();
+  clock::time_point due = clock::time_point::max();
+  for (int p = 0; p < kPorts; p++) {
+    now[p] = sources_(p, at);
+    due = std::min(due, now[p].next_due);
+  }
+  *drew = false;
+  for (display &d : displays_) *drew = update(d, now, whole) || *drew;
+  return due;
 }
 
 bool compositor::update(display &d, const std::array<tile_source, kPorts> &now, bool whole) {

@@ -27,20 +27,27 @@ struct canvas {
   void fill_black();
 };
 
-// What a port's tiles show: its latest picture, or NO SIGNAL.
+// What a port's tiles show: its latest picture, or NO SIGNAL; and when the
+// port's next picture is due (max(): none waits).
 struct tile_source {
   picture_ptr pic;
   bool no_signal = false;
+  std::chrono::steady_clock::time_point next_due = std::chrono::steady_clock::time_point::max();
 };
 
 class compositor {
  public:
   static constexpr int kDisplays = 2;      // engine displays 0 and 2
   static constexpr int kRefreshRate = 60;  // passes per second at most
-  using source_of = std::function<tile_source(int port)>;
+  using clock = std::chrono::steady_clock;
+  // A port's tiles for a pass at `now`.
+  using source_of = std::function<tile_source(int port, clock::time_point now)>;
+  // Told, under the lock of the region lists, whether any region shows a
+  // port, whenever a region list changes.
+  using shown_hook = std::function<void(int port, bool shown)>;
   using canvas_observer = std::function<void(const canvas &)>;
 
-  compositor(source_of sources, statistics &stats, int width0, int height0);
+  compositor(source_of sources, shown_hook shown, statistics &stats, int width0, int height0);
   ~compositor();
   compositor(const compositor &) = delete;
   compositor &operator=(const compositor &) = delete;
@@ -50,8 +57,9 @@ class compositor {
 
   void set_regions(int index, const ravel_region_t *regions, int count, int playback);
   void set_running(bool on);
-  // A port has a new picture: a pass follows as soon as the rate allows.
-  void picture_arrived();
+  // A port has a new picture: a pass follows as soon as the rate allows, and
+  // not before `due`.
+  void picture_arrived(clock::time_point due = {});
   // `per_second` > 0: a fixed tick that redraws a whole display whenever
   // anything on it changed (for comparisons); 0: on arrival (the default).
   void set_fixed_rate(int per_second);
@@ -90,11 +98,15 @@ class compositor {
 
   void run();
   void wait_for_work(std::unique_lock<std::mutex> &g);
-  bool pass(bool whole);
+  // Draws what changed; the earliest time a port's next picture is due.
+  clock::time_point pass(bool whole, bool *drew);
   bool update(display &d, const std::array<tile_source, kPorts> &now, bool whole);
   void note_shown(int port, uint64_t seq);
+  // Under regions_lock_: tells every port whether a region shows it.
+  void tell_shown();
 
   source_of sources_;
+  shown_hook shown_;
   statistics &stats_;
   std::array<display, kDisplays> displays_;
   std::array<uint64_t, kPorts> last_shown_{};
@@ -107,8 +119,9 @@ class compositor {
   bool quit_ = false;
   bool arrived_ = false;
   bool requested_ = false;
+  clock::time_point due_ = clock::time_point::max();  // a picture waits until then
   int fixed_rate_ = 0;
-  std::chrono::steady_clock::time_point last_pass_{};
+  clock::time_point last_pass_{};
   uint64_t passes_started_ = 0;
   uint64_t passes_done_ = 0;
   std::thread thread_;

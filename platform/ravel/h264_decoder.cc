@@ -69,6 +69,19 @@ bool h264_decoder::decode(const uint8_t *data, int32_t size, int64_t tag,
   return good;
 }
 
+bool h264_decoder::bring_out_one(
+    const std::function<void(std::shared_ptr<picture>, int64_t)> &out) {
+  if (ctx_ == nullptr || packet_ == nullptr) return false;
+  // libavcodec hands out its first held picture for a unit that holds only
+  // this, and keeps its references.
+  static const uint8_t kEndOfSequence[] = {0, 0, 0, 1, 10};
+  packet_->data = const_cast<uint8_t *>(kEndOfSequence);
+  packet_->size = sizeof kEndOfSequence;
+  int ret = avcodec_send_packet(ctx_, packet_);
+  av_packet_unref(packet_);
+  return receive(out) && ret >= 0;
+}
+
 bool h264_decoder::drain(const std::function<void(std::shared_ptr<picture>, int64_t)> &out) {
   if (ctx_ == nullptr) return false;
   avcodec_send_packet(ctx_, nullptr);

@@ -28,6 +28,9 @@ class h264_decoder {
   // handed out.
   bool decode(const uint8_t *data, int32_t size, int64_t tag,
               const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
+  // Hands out the first picture that the decoder holds back for reordering
+  // (an end-of-sequence unit does so), and goes on with the stream.
+  bool bring_out_one(const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
   // Hands out what the decoder still holds (end of a one-shot decode).
   bool drain(const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
   // Forgets the stream, before a fresh start at an intra frame.

@@ -1,5 +1,6 @@
 #include "h264_nal.hh"
 
+#include <algorithm>
 #include <cstddef>
 
 namespace ravel_soft {
@@ -144,7 +145,8 @@ void stream_reader::read_sps(const uint8_t *nal, int32_t size) {
   uint32_t log2_max_frame_num = r.ue() + 4;
   uint32_t poc_type = r.ue();
   if (poc_type == 0) {
-    r.ue();
+    uint32_t log2_max_poc_lsb = r.ue() + 4;
+    if (log2_max_poc_lsb <= 16) s.log2_max_poc_lsb = static_cast<uint8_t>(log2_max_poc_lsb);
   } else if (poc_type == 1) {
     r.bit();
     r.se();
@@ -157,6 +159,11 @@ void stream_reader::read_sps(const uint8_t *nal, int32_t size) {
   if (r.overrun || log2_max_frame_num > 16) return;
   s.log2_max_frame_num = static_cast<uint8_t>(log2_max_frame_num);
   s.valid = true;
+  r.ue();  // width in macroblocks
+  r.ue();  // height in map units
+  s.frame_mbs_only = r.bit() != 0;
+  // Without the rest, frame_num still counts, the presentation order not.
+  if (r.overrun) s.log2_max_poc_lsb = 0;
   sps_[id] = s;
 }
 
@@ -190,11 +197,58 @@ void stream_reader::read_slice(const uint8_t *nal, int32_t size, access_unit &au
     au.cut = true;
     return;
   }
-  if (first) {
-    au.frame_num = frame_num;
-    au.max_frame_num = 1u << s->log2_max_frame_num;
-    au.gaps_allowed = s->gaps_allowed;
+  if (!first) return;
+  au.frame_num = frame_num;
+  au.max_frame_num = 1u << s->log2_max_frame_num;
+  au.gaps_allowed = s->gaps_allowed;
+  if (!s->frame_mbs_only && r.bit() != 0) return;  // a field
+  if (au.idr) r.ue();                              // idr_pic_id
+  if (s->log2_max_poc_lsb == 0) return;
+  au.poc_lsb = r.bits(s->log2_max_poc_lsb);
+  if (!r.overrun) au.max_poc_lsb = 1u << s->log2_max_poc_lsb;
+}
+
+std::optional<int64_t> presentation_order::count(const access_unit &au) {
+  if (au.idr) {
+    prev_msb_ = 0;
+    prev_lsb_ = 0;
+    known_ = au.max_poc_lsb != 0;
+    last_shown_.reset();
+    first_ = au.poc_lsb;
   }
+  if (!known_ || au.max_poc_lsb == 0) {
+    known_ = false;
+    return std::nullopt;
+  }
+  // The most significant part follows the previous reference picture's,
+  // across the wrap of the least significant part.
+  const int64_t lsb = au.poc_lsb, prev = prev_lsb_, half = au.max_poc_lsb / 2;
+  int64_t msb = prev_msb_;
+  if (lsb < prev && prev - lsb >= half) msb += au.max_poc_lsb;
+  if (lsb > prev && lsb - prev > half) msb -= au.max_poc_lsb;
+  if (au.reference) {
+    prev_msb_ = msb;
+    prev_lsb_ = au.poc_lsb;
+  }
+  return msb + lsb;
+}
+
+void presentation_order::shown(std::optional<int64_t> poc) {
+  if (poc && last_shown_ && *poc > *last_shown_) step_ = std::min(step_, *poc - *last_shown_);
+  last_shown_ = poc;
+  first_.reset();
+}
+
+bool presentation_order::next(int64_t poc) const {
+  if (first_) return poc == *first_;
+  return last_shown_ && poc == *last_shown_ + 2 && step_ == 2;
+}
+
+void presentation_order::restart() {
+  known_ = false;
+  last_shown_.reset();
+  first_.reset();
+  step_ = 2;
 }
 
 bool gap_detector::accept(const access_unit &au) {

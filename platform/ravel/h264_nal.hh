@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 
 namespace ravel_soft {
 
@@ -19,6 +20,10 @@ struct access_unit {
   bool gaps_allowed = false;  // its SPS lets frame_num jump
   uint32_t frame_num = 0;
   uint32_t max_frame_num = 0;  // frame_num counts modulo this
+  // pic_order_cnt_lsb of a frame picture whose SPS counts that way (POC
+  // type 0); max_poc_lsb is 0 for any other picture.
+  uint32_t poc_lsb = 0;
+  uint32_t max_poc_lsb = 0;
 };
 
 // Reads the parameter sets and slice headers of a stream, unit by unit, and
@@ -33,7 +38,9 @@ class stream_reader {
     bool valid = false;
     bool separate_colour_planes = false;
     bool gaps_allowed = false;
+    bool frame_mbs_only = true;
     uint8_t log2_max_frame_num = 0;
+    uint8_t log2_max_poc_lsb = 0;  // 0: POC type 1 or 2
   };
   void read_sps(const uint8_t *nal, int32_t size);
   void read_pps(const uint8_t *nal, int32_t size);
@@ -57,6 +64,30 @@ class gap_detector {
  private:
   bool have_prev_ = false;
   uint32_t prev_ref_frame_num_ = 0;
+};
+
+// The presentation order of a stream's frames (picture order counts, from
+// pic_order_cnt_lsb), so that a picture the decoder still holds back can be
+// brought out once it is surely the next one to show.
+class presentation_order {
+ public:
+  // Its count, or nothing for a unit whose count is not known.
+  std::optional<int64_t> count(const access_unit &au);
+  // A picture with count `poc` came out (nothing: one of unknown count).
+  void shown(std::optional<int64_t> poc);
+  // Whether a held-back picture with count `poc`, the lowest held, is the
+  // next to show: the first of an IDR sequence, or two counts (one frame)
+  // after the last shown, with no shown pair ever closer.
+  bool next(int64_t poc) const;
+  void restart();
+
+ private:
+  int64_t prev_msb_ = 0;
+  uint32_t prev_lsb_ = 0;
+  bool known_ = false;  // since the last IDR
+  std::optional<int64_t> last_shown_;
+  std::optional<int64_t> first_;  // the IDR's count, until a picture is shown
+  int64_t step_ = 2;
 };
 
 }  // namespace ravel_soft

@@ -57,17 +57,27 @@ picture_ptr port_decoder::latest() const {
   return latest_;
 }
 
-picture_ptr port_decoder::take_for_display() {
-  bool more;
-  picture_ptr pic;
-  {
-    std::lock_guard<std::mutex> g(lock_);
-    taken_ = true;
-    more = !pending_.empty();
-    pic = latest_;
+picture_ptr port_decoder::take_for_display(clock::time_point now, clock::time_point *next_due) {
+  std::lock_guard<std::mutex> g(lock_);
+  // One picture per pass: the one after it waits for the next pass.
+  if (taken_ && !pending_.empty() && pending_.front().due <= now) {
+    latest_ = std::move(pending_.front().pic);
+    pending_.pop_front();
+    if (pending_.empty()) presented_.notify_all();
   }
-  if (more) wake_.notify_all();
-  return pic;
+  taken_ = true;
+  *next_due = pending_.empty() ? clock::time_point::max() : pending_.front().due;
+  return latest_;
+}
+
+void port_decoder::set_shown(bool shown) {
+  std::lock_guard<std::mutex> g(lock_);
+  shown_ = shown;
+  if (shown || pending_.empty()) return;
+  // Nobody composes what waits: the last of it is the port's picture.
+  latest_ = std::move(pending_.back().pic);
+  pending_.clear();
+  presented_.notify_all();
 }
 
 bool port_decoder::wait_presented(clock::time_point deadline) {
@@ -77,8 +87,6 @@ bool port_decoder::wait_presented(clock::time_point deadline) {
 
 bool port_decoder::present_due(clock::time_point now) {
   bool changed = false;
-  // A picture waits for its time and for a pass to have taken the one
-  // before, unless too many wait behind it.
   while (!pending_.empty() &&
          (pending_.size() >= kPendingDepth || (taken_ && pending_.front().due <= now))) {
     latest_ = std::move(pending_.front().pic);
@@ -88,31 +96,6 @@ bool port_decoder::present_due(clock::time_point now) {
   }
   if (changed && pending_.empty()) presented_.notify_all();
   return changed;
-}
-
-void port_decoder::wait_for_frame(std::unique_lock<std::mutex> &g) {
-  // A stopped port empties its queue even while held, so that no buffer
-  // stays with the engine longer than it runs.
-  auto ready = [this] { return quit_ || (!queue_.empty() && (!held_ || !running_)); };
-  for (;;) {
-    if (present_due(clock::now())) {
-      g.unlock();
-      if (on_picture_) on_picture_(port_);
-      g.lock();
-    }
-    if (ready()) return;
-    if (pending_.empty()) {
-      wake_.wait(g);
-    } else if (taken_) {
-      // A copy: the wait lets go of the lock, and the picture may leave
-      // the queue meanwhile (a held port decodes on its caller's thread).
-      const clock::time_point due = pending_.front().due;
-      wake_.wait_until(g, due);
-    } else {
-      // Until a compose pass takes the latest picture.
-      wake_.wait(g);
-    }
-  }
 }
 
 void port_decoder::set_running(bool on) {
@@ -199,7 +182,9 @@ void port_decoder::count(outcome o) {
 void port_decoder::run() {
   std::unique_lock<std::mutex> g(lock_);
   for (;;) {
-    wait_for_frame(g);
+    // A stopped port empties its queue even while held, so that no buffer
+    // stays with the engine longer than it runs.
+    wake_.wait(g, [this] { return quit_ || (!queue_.empty() && (!held_ || !running_)); });
     if (quit_) break;
     take_one(g);
   }
@@ -267,14 +252,10 @@ port_decoder::outcome port_decoder::handle(const pending_frame &f) {
   }
   // Parameter sets on their own, as some sources send them: the decoder
   // needs them whatever it waits for.
-  if (!au.has_slice) return decode(f);
+  if (!au.has_slice) return decode(f, false);
   if (wait_intra_) {
     if (!au.intra || !au.params_known) return skip(f);
-    // Pictures still held for reordering are gone with the reset.
-    fail_jpeg_waits(next_tag_);
-    decoder_.reset();
-    gaps_.restart();
-    wait_intra_ = false;
+    restart_stream();
   } else if (!au.params_known) {
     g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
           "port %d: a frame names a parameter set never seen; the port waits for an intra frame",
@@ -290,12 +271,25 @@ port_decoder::outcome port_decoder::handle(const pending_frame &f) {
     wait_intra_ = true;
     return skip(f);
   }
-  return decode(f);
+  return decode(f, true, order_.count(au));
 }
 
-port_decoder::outcome port_decoder::decode(const pending_frame &f) {
+void port_decoder::restart_stream() {
+  // Pictures still held for reordering are gone with the reset.
+  fail_jpeg_waits(next_tag_);
+  decoder_.reset();
+  gaps_.restart();
+  order_.restart();
+  reordering_.clear();
+  wait_intra_ = false;
+}
+
+port_decoder::outcome port_decoder::decode(const pending_frame &f, bool has_picture,
+                                           std::optional<int64_t> poc) {
   int64_t tag = next_tag_++;
   if (f.jpeg_cb != nullptr) jpeg_waits_.push_back({tag, f.jpeg_cb, f.jpeg_timestamp});
+  if (has_picture) reordering_.push_back({tag, poc});
+  const uint64_t seq = next_seq_;
   bool good = decoder_.decode(f.data, f.size, tag, [this](std::shared_ptr<picture> pic, int64_t t) {
     publish(std::move(pic), t);
   });
@@ -303,7 +297,13 @@ port_decoder::outcome port_decoder::decode(const pending_frame &f) {
   // A request whose frame never came out of the decoder is not kept forever
   // (pictures come out at most a reorder window late).
   fail_jpeg_waits(tag - 20);
-  if (good) return outcome::decoded;
+  while (!reordering_.empty() && reordering_.front().tag < tag - 20) reordering_.pop_front();
+  if (good) {
+    // One picture a frame, as the decoder gives once its reorder window
+    // is full: a frame that gave none may bring out the next one.
+    if (next_seq_ == seq) bring_out_next();
+    return outcome::decoded;
+  }
   wait_intra_ = true;
   g_log(RAVEL_LOG_DOMAIN, G_LOG_LEVEL_WARNING,
         "port %d: damaged frame of %d bytes dropped; the port waits for an intra frame", port_,
@@ -312,19 +312,44 @@ port_decoder::outcome port_decoder::decode(const pending_frame &f) {
   return outcome::error;
 }
 
+void port_decoder::bring_out_next() {
+  auto by_count = [](const held_frame &a, const held_frame &b) { return a.poc < b.poc; };
+  const auto first = std::min_element(reordering_.begin(), reordering_.end(), by_count);
+  // Unknown counts sort first: then nothing is sure.
+  if (first == reordering_.end() || !first->poc || !order_.next(*first->poc)) return;
+  decoder_.bring_out_one(
+      [this](std::shared_ptr<picture> pic, int64_t t) { publish(std::move(pic), t); });
+}
+
 void port_decoder::publish(std::shared_ptr<picture> pic, int64_t tag) {
   pic->seq = next_seq_++;
+  std::optional<int64_t> poc;
+  for (auto it = reordering_.begin(); it != reordering_.end(); ++it) {
+    if (it->tag != tag) continue;
+    poc = it->poc;
+    reordering_.erase(it);
+    break;
+  }
+  order_.shown(poc);
   picture_ptr done = std::move(pic);
-  bool changed;
+  // When the compositor should come for a picture; max(): no need to.
+  clock::time_point due = clock::time_point::max();
   {
     std::lock_guard<std::mutex> g(lock_);
-    const clock::time_point now = clock::now();
-    last_due_ = std::max(now, last_due_ + frame_gap_ * 3 / 4);
-    pending_.push_back({done, last_due_});
+    if (shown_) {
+      const clock::time_point now = clock::now();
+      last_due_ = std::max(now, last_due_ + frame_gap_ * 3 / 4);
+      pending_.push_back({done, last_due_});
+      if (present_due(now))
+        due = now;
+      else if (taken_ && pending_.size() == 1)
+        due = pending_.front().due;
+    } else {
+      latest_ = done;
+    }
     // A picture decoded now ends a lost signal, even before it is shown.
     lost_ = false;
     counters_.no_signal = false;
-    changed = present_due(now);
   }
   counters_.pictures++;
   // Pictures leave in presentation order, not in the order their frames
@@ -335,7 +360,7 @@ void port_decoder::publish(std::shared_ptr<picture> pic, int64_t tag) {
     jpeg_waits_.erase(it);
     break;
   }
-  if (changed && on_picture_) on_picture_(port_);
+  if (due != clock::time_point::max() && on_picture_) on_picture_(port_, due);
 }
 
 void port_decoder::fail_jpeg_waits(int64_t up_to_tag) {

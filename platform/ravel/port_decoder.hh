@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "h264_decoder.hh"
@@ -38,8 +39,9 @@ class port_decoder {
   // shows them early rather than fall behind.
   static constexpr size_t kPendingDepth = 4;
   using clock = std::chrono::steady_clock;
-  // Told on the port's thread whenever the port has a new picture.
-  using picture_hook = std::function<void(int port)>;
+  // Told on the port's thread when a shown port has a picture for the
+  // display: at once when `due` has come, else to be taken at `due`.
+  using picture_hook = std::function<void(int port, clock::time_point due)>;
 
   port_decoder(int port, ravel_release_fn release, statistics &stats, picture_hook on_picture);
   ~port_decoder();
@@ -50,9 +52,13 @@ class port_decoder {
   // queue is full or the port does not run; the frame stays with the caller.
   int32_t offer(const pending_frame &frame);
   picture_ptr latest() const;
-  // The picture that a compose pass draws; taking it lets the port's next
-  // picture follow (see present_due).
-  picture_ptr take_for_display();
+  // The picture that a compose pass at `now` draws: the next waiting one
+  // when its time has come and a pass took the one before.  `next_due` is
+  // when the one after it is due (time_point::max() when none waits).
+  picture_ptr take_for_display(clock::time_point now, clock::time_point *next_due);
+  // Whether a region shows the port: only then are its pictures paced (a
+  // picture nobody composes is the latest at once).
+  void set_shown(bool shown);
   // Waits until every picture decoded so far has become the latest in its
   // turn; false at `deadline`.
   bool wait_presented(clock::time_point deadline);
@@ -91,15 +97,23 @@ class port_decoder {
   // released meanwhile.
   void take_one(std::unique_lock<std::mutex> &g);
   outcome handle(const pending_frame &f);
-  outcome decode(const pending_frame &f);
+  // `has_picture`: the frame holds a slice, with picture order count `poc`
+  // when known.
+  outcome decode(const pending_frame &f, bool has_picture,
+                 std::optional<int64_t> poc = std::nullopt);
+  // Hands out the picture that the decoder holds back although it is
+  // surely the next to show (as after a playback step), rather than wait
+  // for the frame after it.
+  void bring_out_next();
+  void restart_stream();
   outcome skip(const pending_frame &f);
   outcome drop_undecoded(const pending_frame &f);
   outcome decode_for_image(const pending_frame &f);
   void publish(std::shared_ptr<picture> pic, int64_t tag);
-  // Under lock_: makes the pictures whose time has come the port's latest,
-  // one per compose pass; true when the latest changed.
+  // Under lock_: makes the next picture the latest when its time has come
+  // and a pass took the one before, and any that too many wait behind;
+  // true when the latest changed.
   bool present_due(clock::time_point now);
-  void wait_for_frame(std::unique_lock<std::mutex> &g);
   void fail_jpeg_waits(int64_t up_to_tag);
   void give_back(const pending_frame &f);
   void count(outcome o);
@@ -134,11 +148,18 @@ class port_decoder {
   clock::time_point last_due_{};
   clock::duration frame_gap_ = std::chrono::milliseconds(40);
   bool taken_ = true;  // a compose pass has read the latest picture
+  bool shown_ = false;
 
   // Owned by the decoder thread.
   h264_decoder decoder_;
   stream_reader reader_;
   gap_detector gaps_;
+  presentation_order order_;
+  struct held_frame {
+    int64_t tag;
+    std::optional<int64_t> poc;
+  };
+  std::deque<held_frame> reordering_;  // decoded frames whose pictures are not out
   bool wait_intra_ = true;
   uint64_t decoder_generation_ = 0;
   int64_t next_tag_ = 1;

@@ -39,15 +39,17 @@ ravel::ravel(ravel_release_fn release_fn, int32_t channels, int width0, int heig
   // before the compositor exists.
   for (int i = 0; i < ravel_soft::kPorts; i++)
     ports[i] = std::make_unique<ravel_soft::port_decoder>(
-        i, release, stats, [this](int) { compositor->picture_arrived(); });
+        i, release, stats, [this](int, auto due) { compositor->picture_arrived(due); });
   compositor = std::make_unique<ravel_soft::compositor>(
-      [this](int port) {
+      [this](int port, auto now) {
         auto timeout = std::chrono::milliseconds(signal_timeout_ms.load());
         ravel_soft::port_decoder &p = *ports[port];
-        return ravel_soft::tile_source{p.take_for_display(),
-                                       p.no_signal(std::chrono::steady_clock::now(), timeout)};
+        ravel_soft::tile_source t;
+        t.pic = p.take_for_display(now, &t.next_due);
+        t.no_signal = p.no_signal(now, timeout);
+        return t;
       },
-      stats, width0, height0);
+      [this](int port, bool shown) { ports[port]->set_shown(shown); }, stats, width0, height0);
   stills = std::make_unique<ravel_soft::still_requests>(
       [this](int port) { return ports[port]->latest(); },
       [this](int port) { return jpeg[port].timestamp.load(); }, stats);

@@ -29,12 +29,14 @@
  *   undecoded (flushed) and the port starts again at an intra frame.
  * - Pictures leave the decoder in presentation order (streams with B
  *   frames are reordered), each as soon as the frames it waits for are in,
- *   and are shown at the source's pace: a picture becomes the port's latest
- *   no sooner than 3/4 of the mean gap between the port's incoming frames
- *   after the one before, and only once a compose pass has taken that one.
- *   A picture that comes later than that is shown at once (no delay on a
- *   steady live stream), a burst is spread out, and a frame step shows its
- *   picture at once.  Up to 4 pictures wait; more are shown early.
+ *   and, on a port that a region shows, at the source's pace: a picture
+ *   becomes the port's latest no sooner than 3/4 of the mean gap between
+ *   the port's incoming frames after the one before, and only once a
+ *   compose pass has taken that one.  A picture that comes later than that
+ *   is shown at once (no delay on a steady live stream), a burst is spread
+ *   out, and a frame step shows its picture at once.  Up to 4 pictures
+ *   wait; more are shown early.  A port that no region shows makes each
+ *   picture its latest at once.
  * - Regions.  ravel_change_geometry takes up to 37 regions for display 0 (the
  *   size of the display format given to ravel_new) or display 2 (1280 x 720).
  *   A region's `ch` is read as an engine port number; a region whose port
