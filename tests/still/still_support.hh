@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -15,7 +14,6 @@
 
 namespace still {
 
-using namespace std::chrono_literals;
 using testing_support::log_capture;
 
 inline orlo_display_t *make_display() {
@@ -56,14 +54,12 @@ inline bool logged(const log_capture &log, const std::string &piece) {
   return false;
 }
 
-// Runs `fn` on a thread of its own after `delay`, as an engine answers: while
-// the caller waits.
+// Runs `fn` on a thread of its own, as the engine answers: before the caller
+// starts to wait or while it waits, whichever the scheduler makes of it; the
+// caller must take the answer either way.
 template <typename Fn>
-void later(std::chrono::milliseconds delay, Fn fn) {
-  std::thread([delay, fn] {
-    std::this_thread::sleep_for(delay);
-    fn();
-  }).detach();
+void on_engine_thread(Fn fn) {
+  std::thread(fn).detach();
 }
 
 }  // namespace still

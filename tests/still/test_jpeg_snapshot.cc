@@ -19,13 +19,26 @@ void answer(ravel_jpeg_cb cb, uint32_t w) {
   cb(&word, w + 1, w + 2, w + 3, w + 4, w + 5);
 }
 
-// The engine answers `delay` after the request, on a thread of its own.
-void answer_after(std::chrono::milliseconds delay, uint32_t w = 0) {
-  fake_engine::script("ravel_jpeg_enc", [delay, w](const fake_engine::call &c) -> int64_t {
-    ravel_jpeg_cb cb = c.jpeg_cb;
-    later(delay, [cb, w] { answer(cb, w); });
+// The engine takes each encode request and answers it on a thread of its own.
+void engine_answers(uint32_t w = 0) {
+  fake_engine::script("ravel_jpeg_enc", [w](const fake_engine::call &c) -> int64_t {
+    on_engine_thread([cb = c.jpeg_cb, w] { answer(cb, w); });
     return 0;
   });
+}
+
+// The engine calls after ravel_new, each with its words after the handle
+// (the encode request's callback left out).
+names trace() {
+  names out;
+  for (const auto &c : fake_engine::calls()) {
+    if (c.name == "ravel_new") continue;
+    std::string line = c.name;
+    const size_t n = c.args.size() - (c.name == "ravel_jpeg_enc" ? 1 : 0);
+    for (size_t i = 1; i < n; i++) line += " " + std::to_string(c.args[i]);
+    out.push_back(line);
+  }
+  return out;
 }
 
 struct outs {
@@ -45,90 +58,60 @@ int snapshot(orlo_display_t *h, int ch, unsigned mode, int dispmode, outs &o) {
 TEST(JpegSnapshot, EachModeRequestsThenHandsOverTheAnswer) {
   orlo_display_t *h = make_display();
   orlo_set_pb_timestamp(2, 777);
-  answer_after(50ms, 10);
+  engine_answers(10);
   for (unsigned mode : {0u, 1u, 3u}) {
     outs o;
     ASSERT_EQ(snapshot(h, 6, mode, 13, o), 0);
     EXPECT_EQ(std::vector<uint32_t>(o.w, o.w + 4), (std::vector<uint32_t>{12, 13, 14, 15}));
   }
-  EXPECT_EQ(fake_engine::names(),
-            (names{"ravel_new", "ravel_set_jpeg_dstntimeimg", "ravel_jpeg_enc",
-                   "ravel_set_jpeg_dstntimeimg", "ravel_jpeg_enc", "ravel_jpeg_enc",
-                   "ravel_set_jpeg_dstntimeimg", "ravel_set_jpeg_timestamp", "ravel_pause_frame"}));
-  // Modes 0 and 1: the channel as given, flag 0 or 1; mode 3: the paused
-  // frame's port, with its last time stamp.
-  const auto enc = fake_engine::calls("ravel_jpeg_enc");
-  EXPECT_EQ((std::vector<int64_t>{enc[0].args[1], enc[0].args[2], enc[1].args[1], enc[1].args[2],
-                                  enc[2].args[1], enc[2].args[2]}),
-            (std::vector<int64_t>{6, 0, 6, 1, 2, 0}));
-  EXPECT_EQ(fake_engine::calls("ravel_set_jpeg_timestamp")[0].args[2], 777);
-  EXPECT_EQ(fake_engine::calls("ravel_pause_frame")[0].args[1], 2);
-
-  auto dstn_args = [] {
-    std::vector<int64_t> v;
-    for (const auto &c : fake_engine::calls("ravel_set_jpeg_dstntimeimg"))
-      v.insert(v.end(), c.args.begin() + 1, c.args.end());
-    return v;
-  };
-  EXPECT_EQ(dstn_args(), (std::vector<int64_t>{6, 11, 22, 6, 11, 22, 2, 11, 22}));
-
   // Mode 2 arms port 0 for the next playback frame, which brings the answer.
-  const ravel_jpeg_cb cb = enc[0].jpeg_cb;
-  fake_engine::reset();
+  const ravel_jpeg_cb cb = fake_engine::calls("ravel_jpeg_enc")[0].jpeg_cb;
   fake_engine::script("ravel_set_jpeg_dstntimeimg", [cb](const fake_engine::call &) -> int64_t {
-    later(50ms, [cb] { answer(cb, 20); });
+    on_engine_thread([cb] { answer(cb, 20); });
     return 0;
   });
   outs o;
   ASSERT_EQ(snapshot(h, 5, 2, 12, o), 0);
   EXPECT_EQ(o.w[3], 25u);
-  EXPECT_EQ(fake_engine::names(), (names{"ravel_set_jpeg_dstntimeimg"}));
-  EXPECT_EQ(dstn_args(), (std::vector<int64_t>{0, 11, 22}));
+  // Modes 0 and 1: the channel as given, flag 0 or 1; mode 3: the paused
+  // frame's port (6 in mode 13: 2) with its last time stamp, encode first.
+  EXPECT_EQ(trace(),
+            (names{"ravel_set_jpeg_dstntimeimg 6 11 22", "ravel_jpeg_enc 6 0",
+                   "ravel_set_jpeg_dstntimeimg 6 11 22", "ravel_jpeg_enc 6 1", "ravel_jpeg_enc 2 0",
+                   "ravel_set_jpeg_dstntimeimg 2 11 22", "ravel_set_jpeg_timestamp 2 777",
+                   "ravel_pause_frame 2", "ravel_set_jpeg_dstntimeimg 0 11 22"}));
 }
 
-TEST(JpegSnapshot, LateAnswerIsFreedByTheCallbackAndTheNextSnapshotWorks) {
+// One snapshot at a time: a second caller is refused at once while the
+// first waits; an answer after the wait is freed by the callback.
+TEST(JpegSnapshot, SecondCallerIsRefusedAndALateAnswerIsFreedByTheCallback) {
   log_capture log;
   orlo_display_t *h = make_display();
-  std::atomic<ravel_jpeg_cb> pending{nullptr};
-  fake_engine::script("ravel_jpeg_enc", [&](const fake_engine::call &c) -> int64_t {
-    pending = c.jpeg_cb;  // no answer in time
-    return 0;
-  });
-  outs o;
-  o.buf = &o;  // untouched on failure
-  EXPECT_EQ(snapshot(h, 2, 0, 0, o), -1);
-  EXPECT_EQ(o.buf, &o);
-  EXPECT_TRUE(logged(log, ": get jpeg image failed\n"));
-  // The late answer: freed by the callback (LeakSanitizer watches).
-  answer(pending.load(), 0);
-  EXPECT_TRUE(std::regex_match(
-      log.texts(G_LOG_LEVEL_WARNING).back(),
-      std::regex(
-          "\n###### _cb_get_jpeg_image : [0-9]+ : late !!! get_jpeg.cancel, so free buf ###\n")));
-  answer_after(20ms, 100);
-  ASSERT_EQ(snapshot(h, 2, 0, 0, o), 0);
-  EXPECT_EQ(o.w[1], 103u);
-}
-
-TEST(JpegSnapshot, SecondCallerIsRefusedAtOnce) {
-  log_capture log;
-  orlo_display_t *h = make_display();
-  // The engine holds the first request until the second caller was refused.
   std::promise<ravel_jpeg_cb> requested;
   fake_engine::script("ravel_jpeg_enc", [&](const fake_engine::call &c) -> int64_t {
-    requested.set_value(c.jpeg_cb);
+    requested.set_value(c.jpeg_cb);  // no answer in time
     return 0;
   });
   int first = 99;
   outs o1, o2;
+  o1.buf = &o1;  // untouched on failure
   std::thread t([&] { first = snapshot(h, 0, 0, 0, o1); });
-  const ravel_jpeg_cb cb = requested.get_future().get();
+  const ravel_jpeg_cb late = requested.get_future().get();
   EXPECT_EQ(snapshot(h, 1, 0, 0, o2), -2);
   EXPECT_EQ(o2.buf, nullptr);
-  answer(cb, 0);
   t.join();
-  EXPECT_EQ(first, 0);
+  EXPECT_EQ(first, -1);
+  EXPECT_EQ(o1.buf, &o1);
   EXPECT_TRUE(logged(log, ": g_mutex_trylock fail!\n"));
+  EXPECT_TRUE(logged(log, ": get jpeg image failed\n"));
+  answer(late, 0);  // LeakSanitizer watches the free
+  EXPECT_TRUE(std::regex_match(
+      log.texts(G_LOG_LEVEL_WARNING).back(),
+      std::regex(
+          "\n###### _cb_get_jpeg_image : [0-9]+ : late !!! get_jpeg.cancel, so free buf ###\n")));
+  engine_answers(100);
+  ASSERT_EQ(snapshot(h, 2, 0, 0, o1), 0);
+  EXPECT_EQ(o1.w[1], 103u);
 }
 
 TEST(JpegSnapshot, RefusalsLeaveTheNextSnapshotWorking) {
@@ -140,7 +123,7 @@ TEST(JpegSnapshot, RefusalsLeaveTheNextSnapshotWorking) {
   EXPECT_EQ(snapshot(h, 0, 4, 0, o), -1);
   // A playback port beyond the snapshot table: nothing is armed.
   EXPECT_EQ(snapshot(h, 32, 2, 19, o), -1);
-  EXPECT_EQ(fake_engine::calls().size(), 1u);  // ravel_new only
+  EXPECT_EQ(trace(), names{});
   fake_engine::script_result("ravel_jpeg_enc", -1);
   EXPECT_EQ(snapshot(h, 0, 0, 0, o), -1);
   fake_engine::script_result("ravel_jpeg_enc", 0);
@@ -168,24 +151,19 @@ TEST(JpegSnapshot, PausedFrameFollowsThePortRuleOfEveryDisplayMode) {
   } rules[] = {{12, 7, 0},  {21, 9, 0},  {13, 6, 2},  {14, 7, 1}, {15, 13, 1},
                {16, 10, 2}, {17, 17, 1}, {18, 10, 1}, {19, 5, 5}, {20, 3, 3}};
   outs o;
-  std::vector<int64_t> want, got;
+  names want;
   for (const auto &r : rules) {
     EXPECT_EQ(snapshot(h, r.ch, 3, r.dispmode, o), -1);
-    want.push_back(r.port);
+    want.push_back("ravel_jpeg_enc " + std::to_string(r.port) + " 0");
   }
-  for (const auto &c : fake_engine::calls("ravel_jpeg_enc")) got.push_back(c.args[1]);
-  EXPECT_EQ(got, want);
-  const auto messages = log.texts(G_LOG_LEVEL_MESSAGE);
-  const std::regex ruled("_get_snapshot_port : [0-9]+ : dispmode : 19, snapshot ch : 5\n");
-  const std::regex unsupported(
-      "_get_snapshot_port : [0-9]+ : not supprot dispmode : 19, snapshot ch : 5\n");
-  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                          [&](const std::string &m) { return std::regex_match(m, unsupported); }),
-            1);
-  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                          [&](const std::string &m) { return std::regex_match(m, ruled); }),
-            1);
-  EXPECT_EQ(messages.size(), 12u);  // one for each rule, and one more for 19 and 20
+  EXPECT_EQ(trace(), want);
+  // One line for each rule, and one more before it for 19 and 20.
+  auto messages = log.texts(G_LOG_LEVEL_MESSAGE);
+  ASSERT_EQ(messages.size(), 12u);
+  const std::regex line_no(" : [0-9]+ : ");
+  for (auto &m : messages) m = std::regex_replace(m, line_no, " : N : ");
+  EXPECT_EQ(messages[8], "_get_snapshot_port : N : not supprot dispmode : 19, snapshot ch : 5\n");
+  EXPECT_EQ(messages[9], "_get_snapshot_port : N : dispmode : 19, snapshot ch : 5\n");
 }
 
 }  // namespace
