@@ -17,9 +17,7 @@ temp_folder::~temp_folder() {
   if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
-bool run_to_eos(const std::string &launch) {
-  GstElement *p = gst_parse_launch(launch.c_str(), nullptr);
-  if (p == nullptr) return false;
+bool run_to_eos(GstElement *p) {
   gst_element_set_state(p, GST_STATE_PLAYING);
   GstBus *bus = gst_element_get_bus(p);
   GstMessage *msg = gst_bus_timed_pop_filtered(
@@ -28,17 +26,25 @@ bool run_to_eos(const std::string &launch) {
   if (msg != nullptr) gst_message_unref(msg);
   gst_object_unref(bus);
   gst_element_set_state(p, GST_STATE_NULL);
+  return ok;
+}
+
+bool run_to_eos(const std::string &launch) {
+  GstElement *p = gst_parse_launch(launch.c_str(), nullptr);
+  if (p == nullptr) return false;
+  const bool ok = run_to_eos(p);
   gst_object_unref(p);
   return ok;
 }
 
-bool record_channel(const std::string &folder, int ch, int frames, int64_t start) {
+bool record_channel(const std::string &folder, int ch, int frames, int64_t start,
+                    const char *limit) {
   gchar *launch = g_strdup_printf(
       "videotestsrc num-buffers=%d pattern=ball ! video/x-raw,width=64,height=48,framerate=%d/1 "
       "! x264enc tune=zerolatency speed-preset=ultrafast bframes=0 key-int-max=%d "
       "! video/x-h264,stream-format=byte-stream,alignment=au "
-      "! kelsstrec location=\"%s\" ch=%d start-time=%" G_GINT64_FORMAT,
-      frames, kFps, kIntraEvery, folder.c_str(), ch, start);
+      "! kelsstrec location=\"%s\" ch=%d start-time=%" G_GINT64_FORMAT " %s",
+      frames, kFps, kIntraEvery, folder.c_str(), ch, start, limit);
   const bool ok = run_to_eos(launch);
   g_free(launch);
   return ok;
@@ -80,6 +86,11 @@ gint collector::render(GstKelAppSink *sink, gpointer data) {
 std::vector<collector::list_seen> collector::lists() const {
   std::lock_guard<std::mutex> g(lock_);
   return lists_;
+}
+
+void collector::clear() {
+  std::lock_guard<std::mutex> g(lock_);
+  lists_.clear();
 }
 
 std::vector<frame_seen> collector::frames() const {

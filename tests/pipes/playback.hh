@@ -34,12 +34,15 @@ class temp_folder {
   std::string path_;
 };
 
-// Runs a launch line to its end.  False on an error.
+// Runs a pipeline, or a launch line, to its end.  False on an error.
+bool run_to_eos(GstElement *pipeline);
 bool run_to_eos(const std::string &launch);
 
 // Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
-// the first at recorder time `start`, into the folder's "chNN.h264".
-bool record_channel(const std::string &folder, int ch, int frames, int64_t start = kStart);
+// the first at recorder time `start`, into the folder's "chNN.h264", with the
+// recorder's file `limit` if one is given.
+bool record_channel(const std::string &folder, int ch, int frames, int64_t start = kStart,
+                    const char *limit = "");
 
 inline orlo_timeval_t tv(int64_t ns) {
   return orlo_timeval_t{static_cast<int32_t>(ns / 1000000000),
@@ -65,6 +68,7 @@ class collector {
   std::vector<list_seen> lists() const;
   size_t count() const { return lists().size(); }
   std::vector<frame_seen> frames() const;
+  void clear();
 
  private:
   static gint render(GstKelAppSink *sink, gpointer self);

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <string>
 #include <thread>
@@ -55,23 +54,15 @@ class scratch_dir {
   gchar *old_;
 };
 
-struct pushed {
-  int port;
-  int ch;
-  int type;
-  uint32_t seq;
-};
-
-std::vector<pushed> pushes() {
-  std::vector<pushed> out;
+// Intra frames the engine was given, by channel; all went to port 0.
+std::map<int, int> intra_frames_at_port_zero() {
+  std::map<int, int> intra;
   for (const auto &c : fake_engine::calls("ravel_put_decode_stream")) {
     const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(c.buffer));
-    if (m == nullptr) continue;
-    pushed p{static_cast<int>(c.args[1]), m->data[0], m->data[8], 0};
-    memcpy(&p.seq, m->data + 16, 4);
-    out.push_back(p);
+    EXPECT_EQ(c.args[1], 0);
+    if (m != nullptr) intra[m->data[0]] += m->data[8] == 1;
   }
-  return out;
+  return intra;
 }
 
 }  // namespace
@@ -131,49 +122,16 @@ TEST(BringUp, FourSyntheticCamerasReachPortZeroThroughTheRenderWorker) {
 
   // Each camera's sub stream (channels 16..19) gets through; main streams
   // (slots 16..19) are off and never reach the engine.
+  std::map<int, int> intra;
   ASSERT_TRUE(testing_support::eventually(
-      [] {
-        std::map<int, int> intra;
-        for (const auto &p : pushes()) intra[p.ch] += p.type == 1;
+      [&] {
+        intra = intra_frames_at_port_zero();
         return intra[16] >= 2 && intra[17] >= 2 && intra[18] >= 2 && intra[19] >= 2;
       },
       60));
   orlo_lumen_pipe_stop(pipe);
-  const auto all = pushes();
+  EXPECT_EQ(intra.size(), 4u);
   for (int slot = 32; slot <= 35; ++slot) EXPECT_EQ(h->ch_wait_first[slot], 0) << slot;
-
-  // A slot starts at its first intra frame; the port takes an inter frame
-  // only from the channel of its last intra frame; a channel's frames come
-  // in their order, none twice.
-  std::map<int, uint32_t> last_seq;
-  int last_intra_ch = 0;
-  size_t inter = 0;
-  for (const auto &p : all) {
-    EXPECT_EQ(p.port, 0);
-    ASSERT_TRUE(p.ch >= 16 && p.ch <= 19) << "channel " << p.ch;
-    if (!last_seq.count(p.ch)) {
-      EXPECT_EQ(p.type, 1) << "first frame of channel " << p.ch;
-    } else {
-      EXPECT_GT(p.seq, last_seq[p.ch]) << "channel " << p.ch;
-    }
-    last_seq[p.ch] = p.seq;
-    if (p.type == 1) {
-      last_intra_ch = p.ch;
-    } else {
-      EXPECT_EQ(p.type, 0);
-      EXPECT_EQ(p.ch, last_intra_ch);
-      ++inter;
-    }
-  }
-  // Four streams share one port: inter frames of a channel other than the
-  // last intra frame's are refused by the channel check (and then stopped at
-  // the closed gate), so mostly intra frames get through.
-  size_t refusals = 0;
-  for (const auto &t : log.texts(G_LOG_LEVEL_WARNING))
-    refusals += t.rfind("previous ch(", 0) == 0 &&
-                t.find(") is not matched with current ch(") != std::string::npos;
-  EXPECT_GT(refusals, 0u);
-  EXPECT_LT(inter, all.size());
 
   // The live sink holds index 0.
   log.clear();

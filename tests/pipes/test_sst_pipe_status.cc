@@ -1,14 +1,16 @@
 // The playback pipe's record: creation, the play-info status from the sink's
-// event callback with its printed line, and the parameters it writes.
+// event callback with its printed line, the render report, and the
+// parameters it writes.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <string>
 #include <thread>
 
-#include "kelapp_sink.h"
 #include "log_capture.hh"
+#include "orlo_lumen_pipe.h"
 #include "orlo_sst_pipe.h"
+#include "pipe_spies.hh"
 #include "shared_word.hh"
 
 namespace {
@@ -35,12 +37,6 @@ int64_t prop(GstElement *e, const char *name) {
   return out;
 }
 
-GstState state_of(GstElement *e) {
-  GstState state = GST_STATE_VOID_PENDING;
-  gst_element_get_state(e, &state, nullptr, 0);
-  return state;
-}
-
 // Checks "name=value name=value ..." against the element's properties.
 void expect_props(GstElement *e, const char *want) {
   gchar **pairs = g_strsplit(want, " ", -1);
@@ -52,78 +48,86 @@ void expect_props(GstElement *e, const char *want) {
   g_strfreev(pairs);
 }
 
+GstState state_of(GstElement *e) {
+  GstState state = GST_STATE_VOID_PENDING;
+  gst_element_get_state(e, &state, nullptr, 0);
+  return state;
+}
+
+std::string address_of(const void *p) {
+  char text[20];
+  snprintf(text, sizeof text, "%08x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)));
+  return text;
+}
+
 class SstPipe : public ::testing::Test {
  protected:
   void SetUp() override {
     gst_init(nullptr, nullptr);
+    testing::internal::CaptureStdout();
     h = orlo_sst_pipe_new();
+    created_out = testing::internal::GetCapturedStdout();
     ASSERT_NE(h, nullptr);
+    gpointer user_data = nullptr;
+    cbs = pipe_spies::last_callbacks(&user_data);
+    ASSERT_EQ(user_data, h);
   }
-  void TearDown() override {
-    if (h == nullptr) return;
-    orlo_sst_pipe_stop(h);
-    gst_element_set_locked_state(h->src, FALSE);
-    orlo_sst_pipe_delete(h);
+  void TearDown() override { orlo_sst_pipe_delete(h); }
+  // Hands the sink's event callback a play-info event (or one of another
+  // name); what it printed.
+  std::string play_info(const char *name, guint64 eos, guint64 overlapped, guint64 norecord,
+                        guint64 base, int dir) {
+    GstEvent *ev = gst_event_new_custom(
+        GST_EVENT_CUSTOM_DOWNSTREAM,
+        gst_structure_new(name, "eos-status", G_TYPE_UINT64, eos, "overlapped-status",
+                          G_TYPE_UINT64, overlapped, "norecord-status", G_TYPE_UINT64, norecord,
+                          "base-time", G_TYPE_UINT64, base, "direction", G_TYPE_INT, dir, nullptr));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(cbs.event(GST_KELAPP_SINK(h->kelappsink), ev, h), 0);
+    gst_event_unref(ev);
+    return testing::internal::GetCapturedStdout();
   }
-  // The sink up with the source held back, so that the test hands it events;
-  // the caller unrefs the pad.
-  GstPad *sink_pad_up() {
-    gst_element_set_locked_state(h->src, TRUE);
-    gst_element_set_state(h->pipeline, GST_STATE_PAUSED);
-    GstPad *pad = gst_element_get_static_pad(h->kelappsink, "sink");
-    gst_pad_send_event(pad, gst_event_new_stream_start("test"));
-    GstSegment seg;
-    gst_segment_init(&seg, GST_FORMAT_TIME);
-    gst_pad_send_event(pad, gst_event_new_segment(&seg));
-    return pad;
-  }
+  log_capture log;
   orlo_sst_pipe_t *h = nullptr;
+  std::string created_out;
+  GstKelAppSinkCallbacks cbs{};
 };
 
-TEST(SstPipeNew, StandsWithItsElementsPropertiesAndLogLines) {
-  gst_init(nullptr, nullptr);
-  log_capture logs;
-  testing::internal::CaptureStdout();
-  orlo_sst_pipe_t *h = orlo_sst_pipe_new();
-  const std::string out = testing::internal::GetCapturedStdout();
-  ASSERT_NE(h, nullptr);
-  EXPECT_NE(out.find("------------------------------ g_object set !!!!!!!!!!!!!!\n"),
+TEST_F(SstPipe, StandsWithItsElementsPropertiesCallbacksAndLines) {
+  EXPECT_NE(created_out.find("------------------------------ g_object set !!!!!!!!!!!!!!\n"),
             std::string::npos);
-  gchar *line = g_strdup_printf("h_sst_pipe= !!!!!!!!!!!!!! %08x\n",
-                                static_cast<unsigned>(reinterpret_cast<uintptr_t>(h)));
-  EXPECT_TRUE(logs.has(G_LOG_LEVEL_MESSAGE, line));
-  g_free(line);
-
-  GstElement *src = orlo_sst_pipe_get_src(h);
-  GstElement *sink = orlo_sst_pipe_get_kelappsink(h);
-  ASSERT_NE(src, nullptr);
-  ASSERT_TRUE(GST_IS_KELAPP_SINK(sink));
-  EXPECT_STREQ(GST_OBJECT_NAME(src), "playsstsrc");
-  EXPECT_STREQ(GST_OBJECT_NAME(sink), "sst_app_sink");
-  EXPECT_STREQ(G_OBJECT_TYPE_NAME(src), "GstKelSstSrc");
+  EXPECT_TRUE(log.has(G_LOG_LEVEL_MESSAGE, "h_sst_pipe= !!!!!!!!!!!!!! " + address_of(h) + "\n"));
+  const auto launch = pipe_spies::last_launch();
+  EXPECT_EQ(launch.text,
+            "kelsstsrc name=playsstsrc ! kelappsink caps=\"video/x-h264\" name=sst_app_sink");
+  EXPECT_TRUE(launch.freed);
+  EXPECT_STREQ(GST_OBJECT_NAME(orlo_sst_pipe_get_src(h)), "playsstsrc");
+  EXPECT_STREQ(GST_OBJECT_NAME(orlo_sst_pipe_get_kelappsink(h)), "sst_app_sink");
+  EXPECT_STREQ(G_OBJECT_TYPE_NAME(h->src), "GstKelSstSrc");
+  ASSERT_TRUE(GST_IS_KELAPP_SINK(h->kelappsink));
   EXPECT_EQ(h->thread_ready, 1);
   EXPECT_NE(h->h_thread, nullptr);
   EXPECT_NE(state_of(h->pipeline), GST_STATE_PLAYING);
-  expect_props(src,
+  expect_props(h->src,
                "vtick-interval-usec=1000000 open-rate=1 hide=1 ch-num=4 audio-ch=-1 "
                "ch-mask=15 search-time=0");
-  expect_props(sink, "sync=1 drop=1 max-buffers=3 priority=97");
-  orlo_sst_pipe_delete(h);
+  expect_props(h->kelappsink, "sync=1 drop=1 max-buffers=3 priority=97");
 
-  logs.clear();
-  orlo_sst_pipe_delete(nullptr);
-  bool found = false;
-  for (const auto &l : logs.lines())
-    found |= l.text.find("orlo_sst_pipe_delete") != std::string::npos &&
-             l.text.find("h_sst_pipe != NULL") != std::string::npos;
-  EXPECT_TRUE(found);
+  EXPECT_EQ(cbs.new_preroll(GST_KELAPP_SINK(h->kelappsink), h), 0);
+  // The render report keeps and prints the stream time at code 35 alone; a
+  // pipe that does not play knows no position: 0.
+  h->last_timestamp = 77;
+  EXPECT_EQ(cbs.render_report(GST_KELAPP_SINK(h->kelappsink), 34, h), 0);
+  EXPECT_EQ(orlo_sst_pipe_get_last_timestamp(h), 77u);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(cbs.render_report(GST_KELAPP_SINK(h->kelappsink), 35, h), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "last render time 0:00:00.000000000\r\n");
+  EXPECT_EQ(orlo_sst_pipe_get_last_timestamp(h), 0u);
 }
 
 // Each KELPlayInfo event replaces the masks and the direction; a non-zero
 // base time is kept and printed, hours unbounded, all bits set as nines.
 TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
-  GstPad *pad = sink_pad_up();
-
   const guint64 s = GST_SECOND;
   struct {
     const char *name;
@@ -138,27 +142,18 @@ TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
       {"KELPlayInfo", 0, 0, 0, 3600 * s, 1, "1:00:00.000000000"},
       {"KELPlayInfo", 0, 0, 0, 25 * 3600 * s + 61 * s + 7, 0, "25:01:01.000000007"},
   };
-  const unsigned addr = static_cast<unsigned>(reinterpret_cast<uintptr_t>(h));
   guint64 eos = 0, overlapped = 0, norecord = 0, base = 0;
   int dir = 0;
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message() << c.name << " base " << c.base);
-    testing::internal::CaptureStdout();
-    gst_pad_send_event(
-        pad, gst_event_new_custom(
-                 GST_EVENT_CUSTOM_DOWNSTREAM,
-                 gst_structure_new(c.name, "eos-status", G_TYPE_UINT64, c.eos, "overlapped-status",
-                                   G_TYPE_UINT64, c.overlapped, "norecord-status", G_TYPE_UINT64,
-                                   c.norecord, "base-time", G_TYPE_UINT64, c.base, "direction",
-                                   G_TYPE_INT, c.dir, nullptr)));
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = play_info(c.name, c.eos, c.overlapped, c.norecord, c.base, c.dir);
     if (std::string(c.name) == "KELPlayInfo") {
       eos = c.eos, overlapped = c.overlapped, norecord = c.norecord, dir = c.dir;
       base = c.base != 0 ? c.base : base;
     }
-    gchar *line = g_strdup_printf("==========================%s, %08x\r\n", c.printed, addr);
-    EXPECT_EQ(out, c.printed != nullptr ? line : "");
-    g_free(line);
+    EXPECT_EQ(out, c.printed != nullptr ? "==========================" + std::string(c.printed) +
+                                              ", " + address_of(h) + "\r\n"
+                                        : "");
     EXPECT_EQ(orlo_sst_pipe_get_eos_mask(h), eos);
     EXPECT_EQ(orlo_sst_pipe_get_overlapped_mask(h), overlapped);
     EXPECT_EQ(orlo_sst_pipe_get_norecord_mask(h), norecord);
@@ -174,7 +169,6 @@ TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
             0u);
   EXPECT_EQ(orlo_sst_pipe_get_last_timestamp(h), 77u);
   EXPECT_EQ(h->base_time, base);
-  gst_object_unref(pad);
 }
 
 // The sink's thread writes the 64-bit status while the application reads it:
@@ -182,27 +176,25 @@ TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
 // 32-bit target needs an atomic for that).  Each value written has equal
 // halves, so a torn read shows as unequal ones.
 TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
-  GstPad *pad = sink_pad_up();
-
   constexpr guint64 kEvents = 3000, kBoth = 0x0000000100000001ull;
   std::atomic<bool> done{false};
-  testing::internal::CaptureStdout();  // each base time prints a line
   std::thread writer([&] {
     for (guint64 k = 1; k <= kEvents; k++) {
       // Alternating values flip every bit of both halves.
       const guint64 v = (k % 2 ? 0xA5A5A5A5ull : 0x5A5A5A5Aull) * kBoth;
-      gst_pad_send_event(
-          pad,
-          gst_event_new_custom(
-              GST_EVENT_CUSTOM_DOWNSTREAM,
-              gst_structure_new("KELPlayInfo", "eos-status", G_TYPE_UINT64, v, "overlapped-status",
-                                G_TYPE_UINT64, ~v, "norecord-status", G_TYPE_UINT64, v, "base-time",
-                                G_TYPE_UINT64, ~v, "direction", G_TYPE_INT, 0, nullptr)));
+      GstEvent *ev = gst_event_new_custom(
+          GST_EVENT_CUSTOM_DOWNSTREAM,
+          gst_structure_new("KELPlayInfo", "eos-status", G_TYPE_UINT64, v, "overlapped-status",
+                            G_TYPE_UINT64, ~v, "norecord-status", G_TYPE_UINT64, v, "base-time",
+                            G_TYPE_UINT64, ~v, "direction", G_TYPE_INT, 0, nullptr));
+      cbs.event(GST_KELAPP_SINK(h->kelappsink), ev, h);
+      gst_event_unref(ev);
     }
     done.store(true);
   });
   auto whole = [](guint64 v) { return (v >> 32) == (v & 0xFFFFFFFFu); };
   unsigned long reads = 0, torn = 0;
+  testing::internal::CaptureStdout();  // each base time prints a line
   while (!done.load()) {
     torn += !whole(orlo_sst_pipe_get_eos_mask(h)) + !whole(orlo_sst_pipe_get_overlapped_mask(h)) +
             !whole(orlo_sst_pipe_get_norecord_mask(h)) + !whole(orlo::load_word(h->base_time));
@@ -212,7 +204,6 @@ TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(torn, 0u) << "in " << reads << " rounds of reads";
   EXPECT_EQ(orlo_sst_pipe_get_eos_mask(h), 0x5A5A5A5Aull * kBoth);
-  gst_object_unref(pad);
 }
 
 TEST_F(SstPipe, SetParamWritesTimesInNanosecondsAndFixedValues) {
@@ -226,6 +217,23 @@ TEST_F(SstPipe, SetParamWritesTimesInNanosecondsAndFixedValues) {
                "vtick-interval-usec=33366 audio-ch=-1 mode=0 rate=2 dir=1 rate-control=1 hide=0 "
                "ch-num=8 open-rate=1 ch-mask=0x80000001");
   EXPECT_EQ(state_of(h->pipeline), GST_STATE_NULL);
+}
+
+// No record, no pipe: the caller gets NULL and the line; delete of NULL
+// logs and returns.
+TEST(PipeRecords, AMissingRecordIsRefusedWithItsLine) {
+  log_capture log;
+  pipe_spies::fail_allocation_of(sizeof(orlo_sst_pipe_t));
+  EXPECT_EQ(orlo_sst_pipe_new(), nullptr);
+  pipe_spies::fail_allocation_of(sizeof(orlo_lumen_pipe_t));
+  EXPECT_EQ(orlo_lumen_pipe_new(4), nullptr);
+  orlo_sst_pipe_delete(nullptr);
+  orlo_lumen_pipe_delete(nullptr);
+  for (const char *line : {"orlo_sst_pipe_new: assertion 'h_sst_pipe != NULL' failed",
+                           "orlo_lumen_pipe_new: assertion 'h_lumen_pipe != NULL' failed",
+                           "orlo_sst_pipe_delete: assertion 'h_sst_pipe != NULL' failed",
+                           "orlo_lumen_pipe_delete: assertion 'h_lumen_pipe != NULL' failed"})
+    EXPECT_EQ(log.count(line), 1) << line;
 }
 
 }  // namespace

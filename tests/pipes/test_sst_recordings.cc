@@ -4,9 +4,7 @@
 // in its EOS bit.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <fstream>
-#include <iterator>
+#include <algorithm>
 #include <random>
 
 #include "playback.hh"
@@ -18,17 +16,6 @@ namespace {
 constexpr int kFrames = 50;
 constexpr guint64 kBothChannels = 3;
 
-std::vector<uint8_t> read_file(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void write_file(const std::string &path, const std::vector<uint8_t> &bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc)
-      .write(reinterpret_cast<const char *>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-}
-
 struct play_result {
   bool eos = false;
   guint64 eos_status = 0;
@@ -39,7 +26,7 @@ struct play_result {
 // the end; what the sink saw.
 play_result play(const std::string &folder) {
   gchar *launch = g_strdup_printf(
-      "kelsstsrc name=src location=\"%s\" ch-num=2 ch-mask=3 open-rate=0 rate=8 "
+      "kelsstsrc location=\"%s\" ch-num=2 ch-mask=3 open-rate=0 rate=8 "
       "! kelappsink name=sink sync=true",
       folder.c_str());
   GstElement *p = gst_parse_launch(launch, nullptr);
@@ -57,16 +44,9 @@ play_result play(const std::string &folder) {
         return GST_PAD_PROBE_OK;
       },
       &r.eos_status, nullptr);
-  gst_element_set_state(p, GST_STATE_PLAYING);
-  GstBus *bus = gst_element_get_bus(p);
-  GstMessage *msg = gst_bus_timed_pop_filtered(
-      bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  r.eos = msg != nullptr && GST_MESSAGE_TYPE(msg) == GST_MESSAGE_EOS;
-  if (msg != nullptr) gst_message_unref(msg);
-  gst_element_set_state(p, GST_STATE_NULL);
+  r.eos = run_to_eos(p);
   for (const frame_seen &f : seen.frames())
     if (f.ch == 0 || f.ch == 1) r.frames[f.ch]++;
-  gst_object_unref(bus);
   gst_object_unref(pad);
   gst_object_unref(sink);
   gst_object_unref(p);
@@ -79,30 +59,33 @@ class SstRecordings : public ::testing::Test {
     gst_init(nullptr, nullptr);
     for (int ch = 0; ch < 2; ch++) {
       ASSERT_TRUE(record_channel(clean_.path(), ch, kFrames));
-      original_[ch] = read_file(path(clean_, ch));
+      gchar *bytes = nullptr;
+      gsize size = 0;
+      ASSERT_TRUE(g_file_get_contents(path(clean_, ch).c_str(), &bytes, &size, nullptr));
+      original_[ch].assign(bytes, size);
+      g_free(bytes);
     }
   }
   static std::string path(const temp_folder &f, int ch) {
     return f.path() + (ch == 0 ? "/ch00.h264" : "/ch01.h264");
   }
+  // Channel `ch` of the damaged folder gets these bytes.
+  void write(int ch, const std::string &bytes) {
+    ASSERT_TRUE(g_file_set_contents(path(damaged_, ch).c_str(), bytes.data(),
+                                    static_cast<gssize>(bytes.size()), nullptr));
+  }
   temp_folder clean_, damaged_;
-  std::vector<uint8_t> original_[2];
+  std::string original_[2];
 };
 
 TEST_F(SstRecordings, ALimitCutsTheRecordingIntoFilesThatPlayAsOne) {
   for (const char *limit : {"max-size=6000", "max-duration=400000000"}) {
     temp_folder folder;
-    gchar *launch = g_strdup_printf(
-        "videotestsrc num-buffers=%d pattern=ball ! video/x-raw,width=64,height=48,framerate=%d/1 "
-        "! x264enc tune=zerolatency speed-preset=ultrafast bframes=0 key-int-max=%d "
-        "! video/x-h264,stream-format=byte-stream,alignment=au "
-        "! kelsstrec location=\"%s\" ch=0 start-time=%" G_GINT64_FORMAT " %s",
-        kFrames, kFps, kIntraEvery, folder.path().c_str(), kStart, limit);
-    ASSERT_TRUE(run_to_eos(launch)) << limit;
-    g_free(launch);
+    ASSERT_TRUE(record_channel(folder.path(), 0, kFrames, kStart, limit)) << limit;
     ASSERT_TRUE(g_file_test((folder.path() + "/ch00-0001.h264").c_str(), G_FILE_TEST_EXISTS))
         << limit << " cut nothing";
-    write_file(path(folder, 1), original_[1]);
+    ASSERT_TRUE(g_file_set_contents(path(folder, 1).c_str(), original_[1].data(),
+                                    static_cast<gssize>(original_[1].size()), nullptr));
     const play_result r = play(folder.path());
     EXPECT_TRUE(r.eos) << limit;
     EXPECT_EQ(r.eos_status, kBothChannels) << limit;
@@ -113,15 +96,14 @@ TEST_F(SstRecordings, ALimitCutsTheRecordingIntoFilesThatPlayAsOne) {
 // A power loss cuts the file anywhere: what was whole before the cut plays.
 TEST_F(SstRecordings, ARecordingCutAnywherePlaysItsWholeFrames) {
   size_t before = 0;
-  for (int k = 1; k <= 20; k++) {
-    std::vector<uint8_t> bytes = original_[0];
-    bytes.resize(bytes.size() * k / 20);
-    write_file(path(damaged_, 0), bytes);
-    write_file(path(damaged_, 1), original_[1]);
+  write(1, original_[1]);
+  for (size_t k = 1; k <= 20; k++) {
+    const size_t cut = original_[0].size() * k / 20;
+    write(0, original_[0].substr(0, cut));
     const play_result r = play(damaged_.path());
-    ASSERT_TRUE(r.eos) << "cut at " << bytes.size();
-    EXPECT_EQ(r.eos_status, kBothChannels) << "cut at " << bytes.size();
-    EXPECT_GE(r.frames[0], before) << "cut at " << bytes.size();
+    ASSERT_TRUE(r.eos) << "cut at " << cut;
+    EXPECT_EQ(r.eos_status, kBothChannels) << "cut at " << cut;
+    EXPECT_GE(r.frames[0], before) << "cut at " << cut;
     before = r.frames[0];
   }
   EXPECT_EQ(before, static_cast<size_t>(kFrames));
@@ -130,15 +112,15 @@ TEST_F(SstRecordings, ARecordingCutAnywherePlaysItsWholeFrames) {
 TEST_F(SstRecordings, AForwardJumpOfTheRecorderTimeIsPlayedThroughToTheEosBit) {
   // Frame 10's time as the recorder wrote it; one byte more in bit 40 moves
   // it about 18 minutes on.
-  const int64_t t = kStart + 10 * kFrameNs;
-  uint8_t le[8];
-  for (int i = 0; i < 8; i++) le[i] = static_cast<uint8_t>(static_cast<uint64_t>(t) >> (8 * i));
-  std::vector<uint8_t> bytes = original_[0];
-  auto at = std::search(bytes.begin(), bytes.end(), le, le + 8);
-  ASSERT_NE(at, bytes.end());
-  at[5]++;
-  write_file(path(damaged_, 0), bytes);
-  write_file(path(damaged_, 1), original_[1]);
+  const uint64_t t = kStart + 10 * kFrameNs;
+  std::string le(8, '\0');
+  for (int i = 0; i < 8; i++) le[i] = static_cast<char>(t >> (8 * i));
+  std::string bytes = original_[0];
+  const size_t at = bytes.find(le);
+  ASSERT_NE(at, std::string::npos);
+  bytes[at + 5]++;
+  write(0, bytes);
+  write(1, original_[1]);
   const play_result r = play(damaged_.path());
   EXPECT_TRUE(r.eos);
   EXPECT_EQ(r.eos_status, kBothChannels);
@@ -150,10 +132,10 @@ TEST_F(SstRecordings, RandomBytesChangedAnywhereNeverStallPlay) {
   std::mt19937 random(20261124);
   for (int run = 0; run < 40; run++) {
     for (int ch = 0; ch < 2; ch++) {
-      std::vector<uint8_t> bytes = original_[ch];
+      std::string bytes = original_[ch];
       const int flips = 1 + static_cast<int>(random() % 8);
       for (int i = 0; i < flips; i++) bytes[random() % bytes.size()] ^= 1 + random() % 255;
-      write_file(path(damaged_, ch), bytes);
+      write(ch, bytes);
     }
     const play_result r = play(damaged_.path());
     ASSERT_TRUE(r.eos) << "run " << run;
