@@ -18,11 +18,14 @@
 #include "log_capture.hh"
 #include "orlo_display.h"
 #include "orlo_lumen_pipe.h"
+#include "playback.hh"
 #include "plug_and_detect.h"
 
 using namespace std::chrono_literals;
 
 namespace {
+
+using playback_test::temp_folder;
 
 // What the routine keeps to itself, caught on the way.
 std::atomic<orlo_display_t *> seen_display{nullptr};
@@ -31,28 +34,10 @@ std::atomic<int> seen_count{-1};
 std::vector<int64_t> seen_new_args;  // engine_opt .. h_audio, then cfg
 std::atomic<bool> open_cameras{false};
 
-// Runs the test in a directory of its own, with or without the hardware's
-// signal file.
-class scratch_dir {
- public:
-  scratch_dir() {
-    path_ = g_dir_make_tmp("orlo-bringup-XXXXXX", nullptr);
-    old_ = g_get_current_dir();
-    EXPECT_EQ(chdir(path_), 0);
-  }
-  ~scratch_dir() {
-    unlink("zebstart");
-    EXPECT_EQ(chdir(old_), 0);
-    rmdir(path_);
-    g_free(path_);
-    g_free(old_);
-  }
-  void signal_ready() { g_file_set_contents("zebstart", "", 0, nullptr); }
-
- private:
-  gchar *path_;
-  gchar *old_;
-};
+// Runs the test in a folder of its own, where the hardware's signal file
+// may come.
+void enter(const temp_folder &dir) { ASSERT_EQ(chdir(dir.path().c_str()), 0); }
+void signal_ready() { g_file_set_contents("zebstart", "", 0, nullptr); }
 
 // Intra frames the engine was given, by channel; all went to port 0.
 std::map<int, int> intra_frames_at_port_zero() {
@@ -95,8 +80,9 @@ extern "C" int plug_and_detect_init(void *pipe, int count) {
 }
 
 TEST(BringUp, FourSyntheticCamerasReachPortZeroThroughTheRenderWorker) {
-  scratch_dir dir;
-  dir.signal_ready();
+  temp_folder dir;
+  enter(dir);
+  signal_ready();
   testing_support::log_capture log;
   fake_engine::hold_frames(true);  // keeps every pushed frame readable
   open_cameras = true;
@@ -145,11 +131,13 @@ TEST(BringUp, WaitsForTheHardwareSignalFileOncePerSecond) {
   if (getenv("ORLO_TEST_EMULATED") != nullptr)
     GTEST_SKIP() << "left out under the emulator: counts one-second waits against a 2.5 s "
                     "timer; under qemu-arm it saw no wait line (not yet explained)";
-  scratch_dir dir;
+  temp_folder dir;
+  enter(dir);
   open_cameras = false;
+  // The hardware comes up 2.5 s after the routine starts.
   std::thread signal([&] {
     std::this_thread::sleep_for(2500ms);
-    dir.signal_ready();
+    signal_ready();
   });
   testing::internal::CaptureStdout();
   const auto begin = std::chrono::steady_clock::now();

