@@ -178,7 +178,9 @@ gint64 player::find_base(const play_settings &s) const {
     }
   } else if ((s.begin != 0 && base < s.begin) || (s.end != 0 && base > s.end)) {
     g_warning("kelsstsrc: search-time %" G_GINT64_FORMAT " lies outside the span; clamped", base);
-    base = std::clamp(base, s.begin != 0 ? s.begin : base, s.end != 0 ? s.end : base);
+    // To the nearer bound; a span may have only one.
+    if (s.begin != 0) base = std::max(base, s.begin);
+    if (s.end != 0) base = std::min(base, s.end);
   }
   return base;
 }

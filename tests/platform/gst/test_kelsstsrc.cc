@@ -1,0 +1,233 @@
+// The playback source and the recorder beside it: recordings written here
+// byte by byte in their on-disk form, played into an appsink; the lists,
+// positions, segment, status event and warnings of each kind of play.
+#include <gst/app/gstappsink.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "element_checks.hh"
+#include "kel_buffers.h"
+#include "kelsstsrc.h"
+#include "log_capture.hh"
+#include "ref_ptr.hh"
+
+namespace {
+
+constexpr gint64 kT0 = 1700000000LL * GST_SECOND;  // recorder time of frame 0
+constexpr gint64 kFrame = 40 * GST_MSECOND;
+
+// One channel's file: six frames 40 ms apart, intra at 0 and 3; from frame
+// `jump` on the recorder's clock is 20 s ahead.
+struct channel_file {
+  int ch;
+  int jump = 6;
+  bool three_byte_start = false;  // start codes 00 00 01, which a recorder may write
+};
+
+// A frame's SEI (version, channel, type, size, time; emulation prevention)
+// under the UUID "kelsst-frame-v1.", then its access unit.
+void append_frame(std::string &out, int ch, bool intra, gint64 time, bool three_byte) {
+  const std::string au = std::string("\0\0\1", 3) + (intra ? "\x65idr" : "\x41p");
+  guint8 d[17] = {1, static_cast<guint8>(ch), intra, 0};
+  for (int i = 0; i < 4; i++) d[4 + i] = static_cast<guint8>(au.size() >> 8 * i);
+  for (int i = 0; i < 8; i++) d[8 + i] = static_cast<guint8>(static_cast<guint64>(time) >> 8 * i);
+  d[16] = 0x80;
+  out += std::string("\0\0\0\1", 4).substr(three_byte ? 1 : 0) + "\x06\x05\x20kelsst-frame-v1.";
+  int zeros = 0;
+  for (guint8 b : d) {
+    if (zeros >= 2 && b <= 3) out += '\3', zeros = 0;
+    out += static_cast<char>(b);
+    zeros = b == 0 ? zeros + 1 : 0;
+  }
+  out += au;
+}
+
+class folder {
+ public:
+  explicit folder(const std::vector<channel_file> &files) {
+    gchar *p = g_dir_make_tmp("kelsstsrc-XXXXXX", nullptr);
+    path_ = p;
+    g_free(p);
+    for (const channel_file &c : files) {
+      std::string bytes;
+      for (int i = 0; i < 6; i++)
+        append_frame(bytes, c.ch, i % 3 == 0,
+                     kT0 + i * kFrame + (i >= c.jump ? 20 * GST_SECOND : 0), c.three_byte_start);
+      gchar *name = g_strdup_printf("%s/ch%02d.h264", path_.c_str(), c.ch);
+      g_file_set_contents(name, bytes.data(), static_cast<gssize>(bytes.size()), nullptr);
+      g_free(name);
+    }
+  }
+  ~folder() { std::filesystem::remove_all(path_); }
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// One list as "position:channel@time[*]..." (ms from kT0, * intra, ? when the
+// header's size or millisecond field disagrees), lists apart by spaces.
+std::string describe(GstBuffer *list) {
+  std::string s = std::to_string(GST_BUFFER_PTS(list) / GST_MSECOND) + ":";
+  for (GList *l = gst_kel_list_buffer_get_meta(list)->list; l != nullptr; l = l->next) {
+    const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
+    guint32 size, ms;
+    gint64 t;
+    memcpy(&size, m->data + 4, 4), memcpy(&ms, m->data + 12, 4), memcpy(&t, m->data + 16, 8);
+    const bool ok = size + 24 == m->size && ms == static_cast<guint32>(t / GST_MSECOND);
+    s += (l == gst_kel_list_buffer_get_meta(list)->list ? "" : ",") + std::to_string(m->data[0]) +
+         "@" + std::to_string((t - kT0) / GST_MSECOND) + (m->data[8] ? "*" : "") + (ok ? "" : "?");
+  }
+  return s;
+}
+
+struct outcome {
+  std::string lists, info;  // info: the last KELPlayInfo's eos, norecord, base (ms), direction
+  double rate = 0;          // of the segment of the first list
+  std::vector<std::string> warnings;
+};
+
+GstPadProbeReturn on_event(GstPad *, GstPadProbeInfo *info, gpointer data) {
+  const GstStructure *s = gst_event_get_structure(GST_PAD_PROBE_INFO_EVENT(info));
+  guint64 eos, norecord, base;
+  gint dir;
+  if (s != nullptr && gst_structure_get(s, "eos-status", G_TYPE_UINT64, &eos, "norecord-status",
+                                        G_TYPE_UINT64, &norecord, "base-time", G_TYPE_UINT64, &base,
+                                        "direction", G_TYPE_INT, &dir, nullptr))
+    static_cast<outcome *>(data)->info =
+        std::to_string(eos) + " " + std::to_string(norecord) + " " +
+        std::to_string((static_cast<gint64>(base) - kT0) / GST_MSECOND) + " " + std::to_string(dir);
+  return GST_PAD_PROBE_OK;
+}
+
+outcome play(const folder &f, const std::string &props) {
+  testing_support::log_capture log;
+  outcome o;
+  {
+    auto pipe =
+        orlo::adopt_floating(gst_parse_launch(("kelsstsrc open-rate=0 location=" + f.path() + " " +
+                                               props + " ! appsink name=out sync=false")
+                                                  .c_str(),
+                                              nullptr));
+    auto out = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "out"));
+    auto pad = orlo::adopt(gst_element_get_static_pad(out.get(), "sink"));
+    gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, on_event, &o, nullptr);
+    gst_element_set_state(pipe.get(), GST_STATE_PLAYING);
+    // NULL at the end of the stream; the deadline only bounds a hang.
+    while (GstSample *s = gst_app_sink_try_pull_sample(GST_APP_SINK(out.get()), 20 * GST_SECOND)) {
+      if (o.lists.empty()) o.rate = gst_sample_get_segment(s)->rate;
+      o.lists += (o.lists.empty() ? "" : " ") + describe(gst_sample_get_buffer(s));
+      gst_sample_unref(s);
+    }
+    EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(out.get())));
+    gst_element_set_state(pipe.get(), GST_STATE_NULL);
+  }
+  for (std::string w : log.texts(G_LOG_LEVEL_WARNING)) {
+    if (size_t at = w.find(f.path()); at != std::string::npos) w.replace(at, f.path().size(), "F");
+    o.warnings.push_back(w);
+  }
+  return o;
+}
+
+std::string ns(gint64 ms) { return std::to_string(kT0 + ms * GST_MSECOND); }
+
+TEST(KelSstSrc, PlaysEachKindOfRecordingAndRequest) {
+  gst_init(nullptr, nullptr);
+  const std::string kJump =
+      "kelsstsrc: channel 1: the recorder's time jumps by 20040 ms at frame 3 of F/ch01.h264; "
+      "playing on from there";
+  struct row {
+    const char *name;
+    std::vector<channel_file> files;
+    std::string props, lists, info;
+    double rate;
+    std::vector<std::string> warnings;
+  } rows[] = {
+      {"a clock jump plays on in step with the other channel",
+       {{0}, {1, 3}},
+       "ch-mask=3",
+       "0:0@0*,1@0* 40:0@40,1@40 80:0@80,1@80 120:0@120*,1@20120* 160:0@160,1@20160 "
+       "200:0@200,1@20200",
+       "3 0 0 0",
+       1,
+       {kJump}},
+      {"a search before the span is clamped; channels missing or beyond ch-num",
+       {{0}},
+       "ch-mask=37 begin-time=" + ns(120) + " search-time=" + ns(-1000),
+       "0:0@120* 40:0@160 80:0@200",
+       "5 4 120 0",
+       1,
+       {"kelsstsrc: channel 2 has no readable recording at F/ch02.h264",
+        "kelsstsrc: ch-mask names channel 5, beyond ch-num 4",
+        "kelsstsrc: search-time " + ns(-1000) + " lies outside the span; clamped"}},
+      {"backward by intra frames from the last frame",
+       {{0}},
+       "ch-mask=1 dir=1",
+       "80:0@120* 200:0@0*",
+       "1 0 200 1",
+       1,
+       {}},
+      {"twice the speed with intra frames only",
+       {{0}},
+       "ch-mask=1 rate=2 rate-control=1",
+       "0:0@0* 120:0@120*",
+       "1 0 0 0",
+       2,
+       {}},
+      {"hide=0 starts at the intra frame before the search time, at position 0",
+       {{0, 6, true}},
+       "ch-mask=1 hide=0 search-time=" + ns(160),
+       "0:0@120* 0:0@160 40:0@200",
+       "1 0 160 0",
+       1,
+       {}},
+  };
+  for (const row &r : rows) {
+    const folder f(r.files);
+    const outcome o = play(f, r.props);
+    EXPECT_EQ(o.lists, r.lists) << r.name;
+    EXPECT_EQ(o.info, r.info) << r.name;
+    EXPECT_EQ(o.rate, r.rate) << r.name;
+    EXPECT_EQ(o.warnings, r.warnings) << r.name;
+  }
+}
+
+TEST(KelSstSrc, FirstIntraFrameOfASpan) {
+  gst_init(nullptr, nullptr);
+  const folder f(std::vector<channel_file>{{0}});
+  testing_support::log_capture log;
+  struct {
+    int ch;
+    gint64 begin, end;
+    const char *found;
+  } rows[] = {{0, kT0 + 1, 0, "0:0@120*"},
+              {0, kT0 + 1, kT0 + 100 * GST_MSECOND, nullptr},
+              {3, 0, 0, nullptr},
+              {64, 0, 0, nullptr}};
+  for (const auto &r : rows) {
+    GstBuffer *b = gst_kelsstsrc_get_first_iframe(f.path().c_str(), r.ch, 0, r.begin, r.end);
+    if (r.found == nullptr) {
+      EXPECT_EQ(b, nullptr) << r.ch;
+      continue;
+    }
+    auto list = orlo::adopt(gst_kel_list_buffer_new());
+    GST_BUFFER_PTS(list.get()) = 0;
+    gst_kel_list_buffer_append(list.get(), b);
+    EXPECT_EQ(describe(list.get()), r.found);
+  }
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
+            (std::vector<std::string>{
+                "kelsstsrc: channel 3 has no readable recording at " + f.path() + "/ch03.h264",
+                "kelsstsrc: no channel 64"}));
+}
+
+TEST(KelSstSrc, PropertiesAndFinalize) {
+  expect_element_basics("kelsstsrc");
+  expect_element_basics("kelsstrec");
+}
+
+}  // namespace
