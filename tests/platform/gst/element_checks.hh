@@ -8,29 +8,26 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "ref_ptr.hh"
 
 // A value of `p` other than its default; false for a type not handled here.
 inline bool off_default(GParamSpec *p, GValue *v) {
   g_value_init(v, p->value_type);
-  if (G_IS_PARAM_SPEC_INT(p)) {
-    const auto *s = G_PARAM_SPEC_INT(p);
-    g_value_set_int(v, s->minimum != s->default_value ? s->minimum : s->maximum);
-  } else if (G_IS_PARAM_SPEC_UINT(p)) {
+  if (const auto *i = G_IS_PARAM_SPEC_INT(p) ? G_PARAM_SPEC_INT(p) : nullptr)
+    g_value_set_int(v, i->minimum != i->default_value ? i->minimum : i->maximum);
+  else if (G_IS_PARAM_SPEC_UINT(p))
     g_value_set_uint(v, G_PARAM_SPEC_UINT(p)->default_value + 1);
-  } else if (G_IS_PARAM_SPEC_INT64(p)) {
+  else if (G_IS_PARAM_SPEC_INT64(p))
     g_value_set_int64(v, G_PARAM_SPEC_INT64(p)->default_value + 1);
-  } else if (G_IS_PARAM_SPEC_UINT64(p)) {
+  else if (G_IS_PARAM_SPEC_UINT64(p))
     g_value_set_uint64(v, G_PARAM_SPEC_UINT64(p)->default_value + 1);
-  } else if (G_IS_PARAM_SPEC_BOOLEAN(p)) {
+  else if (G_IS_PARAM_SPEC_BOOLEAN(p))
     g_value_set_boolean(v, !G_PARAM_SPEC_BOOLEAN(p)->default_value);
-  } else if (G_IS_PARAM_SPEC_STRING(p)) {
+  else if (G_IS_PARAM_SPEC_STRING(p))
     g_value_set_string(v, "elsewhere");
-  } else {
-    return false;
-  }
-  return true;
+  return G_VALUE_HOLDS(v, p->value_type) && !g_param_value_defaults(p, v);
 }
 
 // `skip`: request words that act rather than hold a value.
@@ -40,18 +37,17 @@ inline void expect_element_basics(const char *factory, const std::set<std::strin
   ASSERT_TRUE(e) << factory;
   guint n = 0;
   GParamSpec **specs = g_object_class_list_properties(G_OBJECT_GET_CLASS(e.get()), &n);
-  for (guint i = 0; i < n; i++) {
-    GParamSpec *p = specs[i];
+  for (GParamSpec *p : std::vector<GParamSpec *>(specs, specs + n)) {
     GValue v = G_VALUE_INIT, back = G_VALUE_INIT;
     if (p->owner_type != G_OBJECT_TYPE(e.get()) || skip.count(p->name) != 0 ||
-        (p->flags & G_PARAM_READWRITE) != G_PARAM_READWRITE || !off_default(p, &v))
+        (p->flags & G_PARAM_READWRITE) != G_PARAM_READWRITE || !off_default(p, &v)) {
+      if (G_IS_VALUE(&v)) g_value_unset(&v);
       continue;
-    g_value_init(&back, p->value_type);
+    }
     g_object_set_property(G_OBJECT(e.get()), p->name, &v);
-    g_object_get_property(G_OBJECT(e.get()), p->name, &back);
+    g_object_get_property(G_OBJECT(e.get()), p->name, g_value_init(&back, p->value_type));
     EXPECT_EQ(g_param_values_cmp(p, &v, &back), 0) << factory << " " << p->name;
-    g_value_unset(&v);
-    g_value_unset(&back);
+    g_value_unset(&v), g_value_unset(&back);
   }
   g_free(specs);
   static bool released;
