@@ -536,7 +536,6 @@ static void gst_kelsstsrc_class_init(GstKelSstSrcClass *klass) {
 static void gst_kelsstsrc_init(GstKelSstSrc *self) {
   self->st = std::construct_at(static_cast<src_state *>(gst_kelsstsrc_get_instance_private(self)));
   gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
-  gst_base_src_set_live(GST_BASE_SRC(self), FALSE);
 }
 
 extern "C" GstBuffer *gst_kelsstsrc_get_first_iframe(const gchar *location, gint ch, gint /*flags*/,

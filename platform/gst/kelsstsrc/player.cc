@@ -52,11 +52,6 @@ bool player::in_span(gint64 t) const {
   return (s.begin == 0 || t >= s.begin) && (s.end == 0 || t <= s.end);
 }
 
-gint64 player::position_of(gint64 t) const {
-  gint64 p = backward_ ? base_ - t : t - base_;
-  return std::max<gint64>(p, 0);
-}
-
 gint64 player::position_of(const play_channel &c) const {
   return std::max<gint64>(raw_position(c, c.next), 0);
 }

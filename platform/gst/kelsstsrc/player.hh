@@ -62,7 +62,6 @@ class player {
  private:
   gint64 frame_time(const frame_entry &f) const { return f.time + plan_->time_offset; }
   bool in_span(gint64 t) const;
-  gint64 position_of(gint64 t) const;
   gint64 position_of(const play_channel &c) const;
   // Frame i's position with the channel's shift, before clamping.
   gint64 raw_position(const play_channel &c, long i) const;

@@ -205,7 +205,8 @@ TEST(KelSstSrc, FirstIntraFrameOfASpan) {
                 "kelsstsrc: no channel 64"}));
 }
 
-// The recorder drops access unit delimiters and puts its SEI in front.
+// The recorder drops access unit delimiters, puts its SEI in front, and
+// cuts the file past its size limit at the next intra frame.
 TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSei) {
   gst_init(nullptr, nullptr);
   const folder f(std::vector<channel_file>{});
@@ -213,19 +214,19 @@ TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSei) {
       p("\0\0\0\1\x41p", 6);
   const std::string launch =
       "appsrc name=in format=time caps=video/x-h264,stream-format=byte-"
-      "stream,alignment=au ! kelsstrec ch=9 location=" +
+      "stream,alignment=au ! kelsstrec ch=9 max-size=60 location=" +
       f.path() + " start-time=" + ns(0);
   auto pipe = orlo::adopt_floating(gst_parse_launch(launch.c_str(), nullptr));
   auto in = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "in"));
   gst_element_set_state(pipe.get(), GST_STATE_PLAYING);
-  for (const std::string &au : {aud + sps + idr, aud + p}) {
-    GstBuffer *b = gst_buffer_new_memdup(au.data(), au.size());
-    GST_BUFFER_PTS(b) = au.size() > 12 ? 0 : kFrame;
-    GstFlowReturn ret;
+  GstFlowReturn ret;
+  const std::string aus[] = {aud + sps + idr, aud + p, idr};
+  for (int i = 0; i < 3; i++) {
+    GstBuffer *b = gst_buffer_new_memdup(aus[i].data(), aus[i].size());
+    GST_BUFFER_PTS(b) = i * kFrame;
     g_signal_emit_by_name(in.get(), "push-buffer", b, &ret);
     gst_buffer_unref(b);
   }
-  GstFlowReturn ret;
   g_signal_emit_by_name(in.get(), "end-of-stream", &ret);
   auto bus = orlo::adopt(gst_element_get_bus(pipe.get()));
   auto msg = orlo::adopt(
@@ -233,14 +234,18 @@ TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSei) {
                                  static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
   ASSERT_TRUE(msg && GST_MESSAGE_TYPE(msg.get()) == GST_MESSAGE_EOS);
   gst_element_set_state(pipe.get(), GST_STATE_NULL);
-  std::string expected, written;
-  append_frame(expected, 9, true, kT0, false, sps + idr);
-  append_frame(expected, 9, false, kT0 + kFrame, false, p);
-  gchar *bytes = nullptr;
-  gsize n = 0;
-  ASSERT_TRUE(g_file_get_contents((f.path() + "/ch09.h264").c_str(), &bytes, &n, nullptr));
-  EXPECT_EQ(std::string(bytes, n), expected);
-  g_free(bytes);
+  std::string first, second;
+  append_frame(first, 9, true, kT0, false, sps + idr);
+  append_frame(first, 9, false, kT0 + kFrame, false, p);
+  append_frame(second, 9, true, kT0 + 2 * kFrame, false, idr);
+  for (const auto &[name, expected] :
+       {std::pair{"/ch09.h264", first}, {"/ch09-0001.h264", second}}) {
+    gchar *bytes = nullptr;
+    gsize n = 0;
+    ASSERT_TRUE(g_file_get_contents((f.path() + name).c_str(), &bytes, &n, nullptr)) << name;
+    EXPECT_EQ(std::string(bytes, n), expected) << name;
+    g_free(bytes);
+  }
 }
 
 TEST(KelSstSrc, PropertiesAndFinalize) {
