@@ -119,10 +119,13 @@ struct heard {
   static void record(gint ch, gpointer data, gint size, gpointer self) {
     static_cast<heard *>(self)->add(ch, std::string(static_cast<const char *>(data), size));
   }
-  // A line of the channel that starts with `text`.
-  bool has(int ch, const std::string &text) {
+  // A line of the channel that starts with `text` and holds `part`.
+  bool has(int ch, const std::string &text, const std::string &part = "") {
     std::lock_guard<std::mutex> g(lock);
-    return ("\n" + lines).find("\n" + std::to_string(ch) + ":" + text) != std::string::npos;
+    const std::string all = "\n" + lines, head = "\n" + std::to_string(ch) + ":" + text;
+    for (size_t at = all.find(head); at != std::string::npos; at = all.find(head, at + 1))
+      if (all.substr(at, all.find('\n', at + 1) - at).find(part) != std::string::npos) return true;
+    return false;
   }
 };
 
@@ -163,7 +166,8 @@ TEST(LumenSrc, DeliversTheStreamsAskedForFromAnIntraFrameWithAudioAndCallbacks) 
       EXPECT_TRUE(mine[i].header_ok && mine[i].size > 0);
       EXPECT_EQ(mine[i].seq, mine[0].seq + i);
     }
-    EXPECT_TRUE(s.caps.has(ch, "video/x-h264"));
+    // The sub stream at half the size.
+    EXPECT_TRUE(s.caps.has(ch, "video/x-h264", ch == 2 ? "width=(int)160" : "width=(int)80"));
   }
   EXPECT_GE(count_of(frames, 1, 10), 5u);
   for (const auto &f : frames) {
@@ -289,7 +293,7 @@ TEST(LumenSrc, ASourceFailingMidStreamStopsOnlyItsCamera) {
   g_object_set(h.src(), "channel", 4, "stream", 0, "uri", "rtsp://127.0.0.1:1/none", nullptr);
   ASSERT_EQ(gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN), 0);
   h.collect([&](const frames_t &) { return ev.has(4, "lost: "); });
-  EXPECT_TRUE(ev.has(4, "lost: "));
+  EXPECT_TRUE(ev.has(4, "lost: ", " (")) << "with the reason from the error's details";
   EXPECT_EQ(gst_lumen_src_close_ch(h.src(), 4, 0), 0);
   g_object_set(h.src(), "channel", 4, "stream", 0, "uri", nullptr, nullptr);
   EXPECT_EQ(gst_lumen_src_open_ch(h.src(), 4, LUMEN_SRC_OPEN_MAIN), 0);
