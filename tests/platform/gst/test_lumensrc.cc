@@ -231,9 +231,10 @@ TEST(LumenSrc, BadRequestsAreRefusedWithAWarningAndOthersGoOn) {
   for (size_t i = 0; i < std::size(answers); i++) EXPECT_EQ(answers[i][0], answers[i][1]) << i;
   g_object_set(src, "channel", 9, "stream", 0, "pause", 1, nullptr);
   g_object_set(src, "ionlych", 30, nullptr);
+  g_object_set(src, "channel", 20, "stream", 1, "uri", "file:///x", nullptr);
   for (const char *w : {"open: camera 5 is already open", "open: no camera 16 (cameras are 0..15)",
                         "close: camera 6 is not open", "pause: channel 9 is not open",
-                        "ionlych: channel 30 is not open"})
+                        "ionlych: channel 30 is not open", "uri: no channel 36"})
     EXPECT_TRUE(said.has(-1, std::string(w) + "\n")) << w;
 
   // Addresses that can never be opened: the camera stays closed.  A file
