@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "element_checks.hh"
+#include "eventually.hh"
 #include "kel_buffers.h"
 #include "lumen_src.h"
 #include "ref_ptr.hh"
@@ -60,10 +61,10 @@ std::string make_file(const std::string &path, const std::string &options) {
 class lumen_harness {
  public:
   // Small pictures and a short intra interval keep the tests quick.
-  explicit lumen_harness(const std::string &extra = "") {
+  explicit lumen_harness(const std::string &extra = "", const std::string &sink = "") {
     gst_init(nullptr, nullptr);
     const std::string d = "lumensrc name=src width=160 height=96 key-interval=5 " + extra +
-                          " ! appsink name=out sync=false caps=video/x-h264";
+                          " ! appsink name=out sync=false caps=video/x-h264 " + sink;
     pipeline_ = orlo::adopt_floating(gst_parse_launch(d.c_str(), nullptr));
     src_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "src"));
     out_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "out"));
@@ -261,6 +262,37 @@ TEST(LumenSrc, BadRequestsAreRefusedWithAWarningAndOthersGoOn) {
   EXPECT_GE(count_of(frames, 7, 1), 2u);
   EXPECT_EQ(gst_lumen_src_close_ch(src, 5, 0), 0);
   EXPECT_TRUE(said.has(5, "closed"));
+}
+
+// A consumer that stops taking frames costs a channel its oldest inter
+// frames up to its next intra frame: no frame goes out whose reference was
+// dropped, and it is said once.
+TEST(LumenSrc, ASlowConsumerLosesRunsOfInterFramesUpToAnIntraFrame) {
+  heard said;
+  std::atomic<int> made{0};  // frames the cameras gave, taken or not
+  lumen_harness h("framerate=120 key-interval=20", "max-buffers=1");
+  gst_lumen_src_set_handoff_callback(
+      h.src(), [](gint, gpointer, gint, gpointer n) { ++*static_cast<std::atomic<int> *>(n); },
+      &made);
+  ASSERT_EQ(gst_lumen_src_open_ch(h.src(), 0, 0), 0);
+  ASSERT_EQ(gst_lumen_src_open_ch(h.src(), 1, 0), 0);
+  ASSERT_TRUE(testing_support::eventually([&] { return said.has(-1, "frames are not taken; "); }));
+  // Many more drops before anything is taken.
+  const int at_first_drop = made;
+  ASSERT_TRUE(testing_support::eventually([&] { return made >= at_first_drop + 200; }));
+  const auto frames = h.collect([](const frames_t &f) { return f.size() >= 400; });
+  size_t gaps = 0;
+  for (int ch : {0, 1, 16, 17}) {
+    const auto mine = of_channel(frames, ch);
+    for (size_t i = 1; i < mine.size(); i++) {
+      if (mine[i].seq == mine[i - 1].seq + 1) continue;
+      gaps++;
+      EXPECT_EQ(mine[i].type, 1) << "channel " << ch << " frame " << mine[i].seq;
+    }
+  }
+  EXPECT_GT(gaps, 0u);
+  std::lock_guard<std::mutex> g(said.lock);
+  EXPECT_EQ(said.lines.find("frames are not taken"), said.lines.rfind("frames are not taken"));
 }
 
 // A file that ends with looping off (a camera that drops off for good), and a
