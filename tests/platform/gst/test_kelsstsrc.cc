@@ -188,7 +188,7 @@ TEST(KelSstSrc, FirstIntraFrameOfASpan) {
     int ch;
     gint64 begin, end;
     const char *found;
-  } rows[] = {{0, kT0 + 1, 0, "0:0@120*"},
+  } rows[] = {{0, kT0 + 3 * kFrame, 0, "0:0@120*"},
               {0, kT0 + 1, kT0 + 100 * GST_MSECOND, "0:"},
               {3, 0, 0, "0:"},
               {64, 0, 0, "0:"}};
