@@ -153,8 +153,19 @@ bool recording::scan_segment(size_t k) {
     return false;
   }
   opened_ = true;
-  const auto *base = reinterpret_cast<const uint8_t *>(g_mapped_file_get_contents(file));
-  const size_t length = g_mapped_file_get_length(file);
+  scan_image(k, reinterpret_cast<const uint8_t *>(g_mapped_file_get_contents(file)),
+             g_mapped_file_get_length(file));
+  g_mapped_file_unref(file);
+  return true;
+}
+
+void recording::scan_bytes(const uint8_t *base, size_t length) {
+  if (segments_.empty()) segments_.push_back(segment{path_});
+  opened_ = true;
+  scan_image(0, base, length);
+}
+
+void recording::scan_image(size_t k, const uint8_t *base, size_t length) {
   truncated_ = false;
   uint64_t pos = segments_[k].scanned;
   while (pos < length && !truncated_) {
@@ -191,8 +202,6 @@ bool recording::scan_segment(size_t k) {
     frames_.push_back(f);
     pos = segments_[k].scanned = f.offset + f.size;
   }
-  g_mapped_file_unref(file);
-  return true;
 }
 
 void recording::note_damage(uint64_t at) {

@@ -56,6 +56,10 @@ class recording {
   // Scans what the file holds beyond what was scanned before.  False when
   // the file can't be opened or read (the frames found earlier stay).
   bool scan();
+  // The same scan over bytes in memory that stand for the whole of the
+  // first file as it is now (`length` bytes, growing from call to call):
+  // for callers that hold the file's bytes, which spares mapping a file.
+  void scan_bytes(const uint8_t *base, size_t length);
   bool opened() const { return opened_; }
   // The file ends inside a frame (a write cut short).
   bool truncated() const { return truncated_; }
@@ -79,6 +83,7 @@ class recording {
     mutable int fd = -1;   // for reading frames, opened on first use
   };
   bool scan_segment(size_t k);
+  void scan_image(size_t k, const uint8_t *base, size_t length);
   void close_files();
   std::vector<segment> segments_;
   bool opened_ = false;
