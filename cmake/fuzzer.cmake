@@ -4,8 +4,9 @@
 # A libFuzzer target built with clang beside the g++ build: each source is
 # compiled with AddressSanitizer, UndefinedBehaviorSanitizer and the fuzzer's
 # coverage (through ccache when the build uses it), and the objects are linked
-# into one program.  LINK takes libraries (paths or generator expressions),
-# DEPENDS the targets they come from.  ctest runs the program for 30 s from
+# into one program, with the sanitizer defaults of fuzz programs.  LINK takes
+# libraries (paths or generator expressions), DEPENDS the targets they come
+# from.  ctest runs the program for 30 s from
 # the checked-in seeds; new inputs go to the build's corpus folder of the
 # target.  The sanitizer build leaves it out: the fuzzer carries its own.  A
 # cross build leaves it out too: it is a program of the build machine.
@@ -22,7 +23,7 @@ function(orlo_fuzzer name)
   list(TRANSFORM F_INCLUDES PREPEND -I OUTPUT_VARIABLE includes)
   list(TRANSFORM F_DEFINES PREPEND -D OUTPUT_VARIABLE defines)
   set(objects)
-  foreach(source ${F_SOURCES})
+  foreach(source ${F_SOURCES} ${PROJECT_SOURCE_DIR}/tests/support/fuzz_defaults.cc)
     string(MAKE_C_IDENTIFIER ${source} id)
     set(object ${CMAKE_CURRENT_BINARY_DIR}/${name}.dir/${id}.o)
     add_custom_command(
