@@ -58,7 +58,9 @@ class session {
       // 0 is an ignored key, unless the transport has closed the connection.
       if (byte == 0 && !zeb_link_alive()) return;
       bool go_on = key(static_cast<unsigned char>(byte));
-      send();
+      // What the keys of one received piece show goes out in one send, and
+      // always before the wait for more.
+      if (!go_on || !zeb_key_waiting()) send();
       fflush(stdout);
       if (!go_on) return;
     }

@@ -37,6 +37,8 @@ void shell_term_capture();
 // False once the transport has closed the client's connection (time-out,
 // peer gone, receive error) or before any client was set.
 bool zeb_link_alive();
+// A key that zeb_getchar gives without reading from the connection.
+bool zeb_key_waiting();
 // Makes `fd` the current client.
 void zeb_set_socket(int fd);
 // Closes the current client, if any, once.

@@ -79,6 +79,12 @@ bool zeb_link_alive() { return zeb_socket >= 0; }
 
 void zeb_set_socket(int fd) { zeb_socket = fd; }
 
+bool zeb_key_waiting() {
+  for (unsigned i = 0; i < zeb_rx_count; ++i)
+    if (zeb_rx_buffer[zeb_rx_index + i] != '\n') return true;
+  return false;
+}
+
 void zeb_close_socket() {
   if (zeb_socket >= 0) close(zeb_socket);
   zeb_socket = -1;
