@@ -47,10 +47,14 @@ h264_decoder::~h264_decoder() {
 }
 
 void h264_decoder::reset() {
-  // A new context rather than a flush: a flushed one keeps the old stream's
-  // reorder depth and would hold back the new stream's pictures.
-  avcodec_free_context(&ctx_);
-  open();
+  if (ctx_ == nullptr) return open();
+  // The flush drops every picture of the old stream.  Its reorder depth
+  // would stay and hold back the new stream's pictures: it goes by hand, and
+  // the new stream's own parameter sets raise it again as far as they say.
+  // The parameter sets stay known to the decoder, as they do to the port's
+  // reader, and no new context (a megabyte zeroed) is made for each reset.
+  avcodec_flush_buffers(ctx_);
+  ctx_->has_b_frames = 0;
 }
 
 bool h264_decoder::decode(const uint8_t *data, int32_t size, int64_t tag,
