@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -131,7 +133,9 @@ TEST(console, KbhitPeeksTheKeyThatReadchReturns) {
   EXPECT_EQ(-1, readch());  // end of input
 
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+  // User-mode emulators of another processor offer no pseudo-terminals.
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
+    GTEST_SKIP() << "no pseudo-terminal: " << std::strerror(errno);
   ASSERT_LE(0, dup2(open(ptsname(master), O_RDWR | O_NOCTTY), STDIN_FILENO));
   termios before{}, after{};
   tcgetattr(STDIN_FILENO, &before);
