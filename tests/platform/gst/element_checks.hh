@@ -36,8 +36,8 @@ inline void expect_element_basics(const char *factory, const std::set<std::strin
   auto e = orlo::adopt_floating(gst_element_factory_make(factory, nullptr));
   ASSERT_TRUE(e) << factory;
   guint n = 0;
-  GParamSpec **specs = g_object_class_list_properties(G_OBJECT_GET_CLASS(e.get()), &n);
-  for (GParamSpec *p : std::vector<GParamSpec *>(specs, specs + n)) {
+  GParamSpec **props = g_object_class_list_properties(G_OBJECT_GET_CLASS(e.get()), &n);
+  for (GParamSpec *p : std::vector<GParamSpec *>(props, props + n)) {
     GValue v = G_VALUE_INIT, back = G_VALUE_INIT;
     if (p->owner_type != G_OBJECT_TYPE(e.get()) || skip.count(p->name) != 0 ||
         (p->flags & G_PARAM_READWRITE) != G_PARAM_READWRITE || !off_default(p, &v)) {
@@ -49,7 +49,7 @@ inline void expect_element_basics(const char *factory, const std::set<std::strin
     EXPECT_EQ(g_param_values_cmp(p, &v, &back), 0) << factory << " " << p->name;
     g_value_unset(&v), g_value_unset(&back);
   }
-  g_free(specs);
+  g_free(props);
   static bool released;
   released = false;
   g_object_set_data_full(G_OBJECT(e.get()), "attached", &released,
