@@ -26,6 +26,7 @@ void h264_decoder::open() {
   if (ctx == nullptr) return;
   // One thread: the engine already runs one decoder thread per port.
   ctx->thread_count = 1;
+  ctx->max_pixels = max_pixels_;
   // No low-delay flag: with it, libavcodec hands pictures out in decoding
   // order and drops those of B frames that come out of order.  Streams
   // without B frames state a reorder depth of 0 and still leave at once.
@@ -55,6 +56,11 @@ void h264_decoder::reset() {
   // reader, and no new context (a megabyte zeroed) is made for each reset.
   avcodec_flush_buffers(ctx_);
   ctx_->has_b_frames = 0;
+}
+
+void h264_decoder::limit(int64_t pixels) {
+  max_pixels_ = pixels;
+  if (ctx_ != nullptr) ctx_->max_pixels = pixels;
 }
 
 bool h264_decoder::decode(const uint8_t *data, int32_t size, int64_t tag,

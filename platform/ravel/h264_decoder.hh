@@ -35,6 +35,10 @@ class h264_decoder {
   bool drain(const std::function<void(std::shared_ptr<picture>, int64_t)> &out);
   // Forgets the stream, before a fresh start at an intra frame.
   void reset();
+  // Pictures above `pixels` are damage (an SPS that claims them would make
+  // libavcodec allocate for them); kMaxPixels unless lowered.
+  void limit(int64_t pixels);
+  static constexpr int64_t kMaxPixels = 4096 * 2304;
 
  private:
   void open();
@@ -44,6 +48,7 @@ class h264_decoder {
   AVCodecContext *ctx_ = nullptr;
   AVPacket *packet_ = nullptr;
   SwsContext *sws_ = nullptr;
+  int64_t max_pixels_ = kMaxPixels;
 };
 
 }  // namespace ravel_soft

@@ -67,7 +67,14 @@ class bit_reader {
 void skip_scaling_list(bit_reader &r, int size) {
   int last = 8, next = 8;
   for (int j = 0; j < size && !r.overrun; j++) {
-    if (next != 0) next = (last + r.se() + 256) % 256;
+    if (next == 0) continue;
+    // A delta_scale outside -128..127 is damage (and would overflow here).
+    const int32_t delta = r.se();
+    if (delta < -128 || delta > 127) {
+      r.overrun = true;
+      return;
+    }
+    next = (last + delta + 256) % 256;
     last = next == 0 ? last : next;
   }
 }

@@ -73,6 +73,9 @@ class port_decoder {
   // Test hook: handles what a held port has queued on the calling thread,
   // as its own thread would, so that a fuzzer runs without hand-offs.
   void run_queued_here();
+  // Test hook: lowers the largest picture the port decodes; before its
+  // first frame.
+  void limit_picture(int64_t pixels) { decoder_.limit(pixels); }
   // Ends the thread; queued frames are released without their callbacks.
   void shutdown();
   // Runs `read` under the lock that the frame counters are written under.

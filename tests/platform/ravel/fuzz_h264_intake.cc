@@ -46,7 +46,12 @@ ravel_t *engine() {
     ravel_t *e = ravel_new(formats, 0, 16, 1, 0, release, 0, 0, 0, 24, ids, 6, block);
     if (e == nullptr || ravel_start(e) != 0) abort();
     e->compositor->set_running(false);
-    for (auto &p : e->ports) p->hold(true);
+    // Pictures no larger than the display keep libavcodec's buffers small:
+    // a large buffer costs the sanitizer a mapping and fresh pages each time.
+    for (auto &p : e->ports) {
+      p->hold(true);
+      p->limit_picture(640 * 480);
+    }
     for (int32_t p = 0; p < RAVEL_SOFT_PORTS; ++p)
       tiles[p] = ravel_region_t{p,
                                 (p % 6) * kTileWidth,
