@@ -133,7 +133,7 @@ class engine_harness : public ::testing::Test {
     const bool black = colour.r == 0 && colour.g == 0 && colour.b == 0;
     const rgb want = black ? colour : ravel_synth::through_yuv(colour);
     const rgb got = mean_colour(pic, width, x, y, w < 0 ? width - x : w, h < 0 ? height - y : h);
-    if (near(got, want, black ? 4 : 12)) return ::testing::AssertionSuccess();
+    if (near(got, want, black ? 0 : 12)) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure()
            << "display " << d << " at (" << x << ", " << y << ") shows " << got << ", not " << want;
   }
