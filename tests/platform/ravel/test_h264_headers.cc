@@ -22,10 +22,10 @@ TEST(h264_headers, HighProfileParameterSetsGiveTheSlicesFrameNum) {
                             0x40, 0x15, 0xa4, 0,    0,    1, 0x68, 0xe0};
   r.inspect(scaled, sizeof scaled);
   EXPECT_EQ(r.inspect(slice, sizeof slice).max_frame_num, 256u) << "with a scaling list";
-  // Two scaling lists that end at their first entry, by a delta to 0 from
-  // below (-8) and from above (+248), to a reader that knows nothing yet.
-  const uint8_t ended[] = {0, 0,    1,    0x67, 0x64, 0, 0x1e, 0xad, 0x84, 0x60, 0x1f,
-                           0, 0x0a, 0xd0, 0x51, 0xb2, 0, 0,    1,    0x68, 0xe0};
+  // Two scaling lists that end early, by a delta to 0 from below (-8) and
+  // from above (+100, +127, +21), to a reader that knows nothing yet.
+  const uint8_t ended[] = {0,    0,    1,    0x67, 0x64, 0,    0x1e, 0xad, 0x84, 0x60, 0x32, 0,
+                           0x7f, 0x02, 0xa0, 0x0a, 0xd0, 0x51, 0xb2, 0,    0,    1,    0x68, 0xe0};
   ravel_soft::stream_reader fresh;
   fresh.inspect(ended, sizeof ended);
   EXPECT_EQ(fresh.inspect(slice, sizeof slice).max_frame_num, 256u) << "lists that end early";

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 // clang-format off
 #include <jpeglib.h>  // after <cstdio>: it uses FILE without including it
@@ -67,9 +68,18 @@ class still_images : public engine_harness {
 
 TEST_F(still_images, JpegOfThePortsLatestPictureOrOfAFrameGivenWithTheCallback) {
   start(0);
+  // Refused, and the caller's mistakes are told in the log.
+  std::vector<std::string> warned;
+  auto keep = [](const gchar *, GLogLevelFlags, const gchar *text, gpointer to) {
+    static_cast<std::vector<std::string> *>(to)->push_back(text);
+  };
+  const guint handler = g_log_set_handler("ravel", G_LOG_LEVEL_WARNING, keep, &warned);
   EXPECT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), -1) << "no picture yet";
   EXPECT_EQ(ravel_jpeg_enc(engine_, 18, 0, on_jpeg), -1);
   EXPECT_EQ(ravel_jpeg_enc(engine_, 2, 0, nullptr), -1);
+  g_log_remove_handler("ravel", handler);
+  EXPECT_EQ(warned, (std::vector<std::string>{"ravel_jpeg_enc: port 2 has no picture yet",
+                                              "ravel_jpeg_enc: 18 is no engine port"}));
   push_all(2, stream(kGreen, 3));
   ASSERT_TRUE(handled(2, 3));
   ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 2, 1234), 0);
