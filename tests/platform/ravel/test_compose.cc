@@ -170,7 +170,8 @@ TEST_F(compose, TilesOfBothDisplaysShowTheirPortsThroughTheWindowPathAndInPngFil
   std::remove(raw.c_str());
   EXPECT_EQ(file.width * 10000 + file.height, 1280u * 10000 + 720);
   EXPECT_TRUE(back == pic) << "the PNG differs from the display";
-  EXPECT_EQ(ravel_soft_write_display(engine_, 0, "/nonexistent-dir/x.png"), -1);
+  for (const char *bad : {"/nonexistent-dir/x.png", "/dev/full"})
+    EXPECT_EQ(ravel_soft_write_display(engine_, 0, bad), -1) << bad;
   // Headless here: no window unless a graphical display is named.
   if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
     EXPECT_EQ(ravel_soft_show_window(engine_, 0), -1);
