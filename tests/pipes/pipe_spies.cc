@@ -1,9 +1,9 @@
-#include "pipe_spies.hh"
-
 #include <dlfcn.h>
 
 #include <atomic>
 #include <mutex>
+
+#include "pipes_fixture.hh"
 
 // The test programs are built with hidden symbols; the spies must be seen.
 #define SPY __attribute__((visibility("default")))

@@ -5,27 +5,22 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <map>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "eventually.hh"
 #include "fake_engine.hh"
 #include "kel_buffers.h"
 #include "log_capture.hh"
 #include "orlo_display.h"
 #include "orlo_lumen_pipe.h"
-#include "playback.hh"
+#include "pipes_fixture.hh"
 #include "plug_and_detect.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-using playback_test::temp_folder;
+using namespace pipes_test;
 
 // What the routine keeps to itself, caught on the way.
 std::atomic<orlo_display_t *> seen_display{nullptr};
@@ -109,7 +104,7 @@ TEST(BringUp, FourSyntheticCamerasReachPortZeroThroughTheRenderWorker) {
   // Each camera's sub stream (channels 16..19) gets through; main streams
   // (slots 16..19) are off and never reach the engine.
   std::map<int, int> intra;
-  ASSERT_TRUE(testing_support::eventually(
+  ASSERT_TRUE(eventually(
       [&] {
         intra = intra_frames_at_port_zero();
         return intra[16] >= 2 && intra[17] >= 2 && intra[18] >= 2 && intra[19] >= 2;

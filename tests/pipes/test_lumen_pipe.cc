@@ -8,18 +8,11 @@
 
 #include "lumen_src.h"
 #include "orlo_lumen_pipe.h"
-#include "pipe_spies.hh"
-#include "playback.hh"
+#include "pipes_fixture.hh"
 
 namespace {
 
-using namespace playback_test;
-
-GstState state_of(GstElement *e) {
-  GstState s = GST_STATE_VOID_PENDING;
-  gst_element_get_state(e, &s, nullptr, 0);
-  return s;
-}
+using namespace pipes_test;
 
 // Threads of this process that carry the pipeline thread's name.
 int pipe_threads() {
@@ -33,13 +26,6 @@ int pipe_threads() {
   }
   closedir(d);
   return n;
-}
-
-template <typename T>
-T get(GstElement *e, const char *name) {
-  T v{};
-  g_object_get(e, name, &v, nullptr);
-  return v;
 }
 
 // How many frames of (ch, type) the sink rendered, in all or at the end.
@@ -57,10 +43,16 @@ size_t trailing(const collector &c, int ch, int type) {
 
 }  // namespace
 
-TEST(LumenPipe, NewGivesTheBuiltPipelineWithTheSinkSettingsAndNotPlaying) {
+// One pipe through its life: start, stop and start again without a new
+// build, the requests forwarded on the way, then a delete that leaves the
+// pipeline thread parked in its loop.
+TEST(LumenPipe, BuildStartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) {
   gst_init(nullptr, nullptr);
-  for (int arg : {4, 0, -7}) {
-    orlo_lumen_pipe_t *p = orlo_lumen_pipe_new(arg);
+  orlo_lumen_pipe_t *p = nullptr;
+  // The built pipeline, whatever the argument, with its sink's settings, not playing.
+  for (int arg : {0, -7, 4}) {
+    if (p != nullptr) orlo_lumen_pipe_delete(p);
+    p = orlo_lumen_pipe_new(arg);
     ASSERT_NE(p, nullptr);
     const auto launch = pipe_spies::last_launch();
     EXPECT_EQ(launch.text,
@@ -71,23 +63,10 @@ TEST(LumenPipe, NewGivesTheBuiltPipelineWithTheSinkSettingsAndNotPlaying) {
     EXPECT_STREQ(GST_OBJECT_NAME(p->src), "livelumensrc");
     EXPECT_STREQ(GST_OBJECT_NAME(p->kelappsink), "lumen_app_sink");
     EXPECT_EQ(GST_OBJECT_PARENT(p->src), GST_OBJECT(p->pipeline));
-    EXPECT_FALSE(get<gboolean>(p->kelappsink, "sync"));
-    EXPECT_TRUE(get<gboolean>(p->kelappsink, "drop"));
-    EXPECT_EQ(get<guint>(p->kelappsink, "max-buffers"), 3u);
-    EXPECT_EQ(get<gint>(p->kelappsink, "priority"), 99);
+    expect_props(p->kelappsink, "sync=0 drop=1 max-buffers=3 priority=99");
     EXPECT_EQ(state_of(p->pipeline), GST_STATE_NULL);
     EXPECT_EQ(orlo_lumen_pipe_stop(p), 0) << "stop before any start";
-    orlo_lumen_pipe_delete(p);
   }
-}
-
-// One pipe through its life: start, stop and start again without a new
-// build, the requests forwarded on the way, then a delete that leaves the
-// pipeline thread parked in its loop.
-TEST(LumenPipe, StartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) {
-  gst_init(nullptr, nullptr);
-  orlo_lumen_pipe_t *p = orlo_lumen_pipe_new(4);
-  ASSERT_NE(p, nullptr);
   GstElement *pipeline = p->pipeline;
   collector rc(p->kelappsink);
   g_object_set(p->src, "width", 160, "height", 96, "key-interval", 5, nullptr);
@@ -138,7 +117,7 @@ TEST(LumenPipe, StartStopStartForwardsRequestsAndDeleteLeavesTheThreadParked) {
                       GST_OBJECT_REFCOUNT_VALUE(elements[1])};
   orlo_lumen_pipe_delete(p);
   for (int i = 0; i < 2; i++) EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(elements[i]), refs[i] - 1) << i;
-  EXPECT_EQ(pipe_threads(), 1);
+  EXPECT_EQ(pipe_threads(), 3);  // one for each pipe built
   EXPECT_TRUE(GST_IS_PIPELINE(pipeline));
   EXPECT_EQ(state_of(pipeline), GST_STATE_NULL);
 }

@@ -10,48 +10,27 @@
 #include "log_capture.hh"
 #include "orlo_lumen_pipe.h"
 #include "orlo_sst_pipe.h"
-#include "pipe_spies.hh"
+#include "pipes_fixture.hh"
 #include "shared_word.hh"
 
 namespace {
 
+using namespace pipes_test;
 using testing_support::log_capture;
-
-// Any integer or boolean property, widened.
-int64_t prop(GstElement *e, const char *name) {
-  GValue v = G_VALUE_INIT, wide = G_VALUE_INIT;
-  g_value_init(&v, g_object_class_find_property(G_OBJECT_GET_CLASS(e), name)->value_type);
-  g_object_get_property(G_OBJECT(e), name, &v);
-  g_value_init(&wide, G_TYPE_INT64);
-  if (G_VALUE_HOLDS_BOOLEAN(&v))
-    g_value_set_int64(&wide, g_value_get_boolean(&v));
-  else
-    EXPECT_TRUE(g_value_transform(&v, &wide)) << name;
-  g_value_unset(&v);
-  return g_value_get_int64(&wide);
-}
-
-// Checks "name=value name=value ..." against the element's properties.
-void expect_props(GstElement *e, const char *want) {
-  gchar **pairs = g_strsplit(want, " ", -1);
-  for (gchar **p = pairs; *p != nullptr; p++) {
-    gchar **kv = g_strsplit(*p, "=", 2);
-    EXPECT_EQ(prop(e, kv[0]), g_ascii_strtoll(kv[1], nullptr, 0)) << kv[0];
-    g_strfreev(kv);
-  }
-  g_strfreev(pairs);
-}
-
-GstState state_of(GstElement *e) {
-  GstState state = GST_STATE_VOID_PENDING;
-  gst_element_get_state(e, &state, nullptr, 0);
-  return state;
-}
 
 std::string address_of(const void *p) {
   char text[20];
   snprintf(text, sizeof text, "%08x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)));
   return text;
+}
+
+GstEvent *play_info_event(const char *name, guint64 eos, guint64 overlapped, guint64 norecord,
+                          guint64 base, int dir) {
+  return gst_event_new_custom(
+      GST_EVENT_CUSTOM_DOWNSTREAM,
+      gst_structure_new(name, "eos-status", G_TYPE_UINT64, eos, "overlapped-status", G_TYPE_UINT64,
+                        overlapped, "norecord-status", G_TYPE_UINT64, norecord, "base-time",
+                        G_TYPE_UINT64, base, "direction", G_TYPE_INT, dir, nullptr));
 }
 
 class SstPipe : public ::testing::Test {
@@ -67,15 +46,8 @@ class SstPipe : public ::testing::Test {
     ASSERT_EQ(user_data, h);
   }
   void TearDown() override { orlo_sst_pipe_delete(h); }
-  // Hands the sink's event callback a play-info event (or one of another
-  // name); what it printed.
-  std::string play_info(const char *name, guint64 eos, guint64 overlapped, guint64 norecord,
-                        guint64 base, int dir) {
-    GstEvent *ev = gst_event_new_custom(
-        GST_EVENT_CUSTOM_DOWNSTREAM,
-        gst_structure_new(name, "eos-status", G_TYPE_UINT64, eos, "overlapped-status",
-                          G_TYPE_UINT64, overlapped, "norecord-status", G_TYPE_UINT64, norecord,
-                          "base-time", G_TYPE_UINT64, base, "direction", G_TYPE_INT, dir, nullptr));
+  // Hands the sink's event callback an event; what it printed.
+  std::string deliver(GstEvent *ev) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(cbs.event(GST_KELAPP_SINK(h->kelappsink), ev, h), 0);
     gst_event_unref(ev);
@@ -137,7 +109,8 @@ TEST_F(SstPipe, PlayInfoEventsSetTheStatusAndPrintTheBaseTime) {
   int dir = 0;
   for (const auto &c : cases) {
     SCOPED_TRACE(testing::Message() << c.name << " base " << c.base);
-    const std::string out = play_info(c.name, c.eos, c.overlapped, c.norecord, c.base, c.dir);
+    const std::string out =
+        deliver(play_info_event(c.name, c.eos, c.overlapped, c.norecord, c.base, c.dir));
     if (std::string(c.name) == "KELPlayInfo") {
       eos = c.eos, overlapped = c.overlapped, norecord = c.norecord, dir = c.dir;
       base = c.base != 0 ? c.base : base;
@@ -173,11 +146,7 @@ TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
     for (guint64 k = 1; k <= kEvents; k++) {
       // Alternating values flip every bit of both halves.
       const guint64 v = (k % 2 ? 0xA5A5A5A5ull : 0x5A5A5A5Aull) * kBoth;
-      GstEvent *ev = gst_event_new_custom(
-          GST_EVENT_CUSTOM_DOWNSTREAM,
-          gst_structure_new("KELPlayInfo", "eos-status", G_TYPE_UINT64, v, "overlapped-status",
-                            G_TYPE_UINT64, ~v, "norecord-status", G_TYPE_UINT64, v, "base-time",
-                            G_TYPE_UINT64, ~v, "direction", G_TYPE_INT, 0, nullptr));
+      GstEvent *ev = play_info_event("KELPlayInfo", v, ~v, v, ~v, 0);
       cbs.event(GST_KELAPP_SINK(h->kelappsink), ev, h);
       gst_event_unref(ev);
     }
