@@ -32,6 +32,9 @@ inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
   return h;
 }
 
+// A record without a region.
+inline constexpr orlo_vr_t kUnset = {-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0};
+
 // A region: layer 1, crop unset, flag 0 unless said otherwise.
 inline orlo_vr_t R(int ch, int x, int y, int w, int h, int layer = 1) {
   return orlo_vr_t{ch, x, y, w, h, layer, -1, -1, -1, -1, 0};

@@ -12,7 +12,7 @@ using vr_list = std::array<orlo_vr_t, ORLO_MAX_VR>;
 
 vr_list list_of(std::vector<orlo_vr_t> used) {
   vr_list v;
-  v.fill(orlo_vr_t{-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0});
+  v.fill(kUnset);
   std::copy(used.begin(), used.end(), v.begin());
   return v;
 }

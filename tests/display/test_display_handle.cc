@@ -13,13 +13,15 @@ std::vector<int32_t> ids_and_block(const fake_engine::call &c) {
   return v;
 }
 
-TEST(DisplayNew, NoConfigGivesZeroIdsWordSixAndZeroBlock) {
-  const int32_t formats[] = {17};
-  orlo_display_t *h = orlo_display_new(formats, 123, 16, 99, 1, -1, nullptr);
+// Without a configuration: zero ids, word six and a zero block.  With one: a
+// wrong display id becomes HDMI and the words go to the engine.
+TEST(DisplayNew, EngineArgumentsWithAndWithoutConfig) {
+  const int32_t formats17[] = {17};
+  orlo_display_t *h = orlo_display_new(formats17, 123, 16, 99, 1, -1, nullptr);
   ASSERT_NE(h, nullptr);
   auto c = fake_engine::calls("ravel_new").at(0);
-  EXPECT_EQ(c.args[0], reinterpret_cast<intptr_t>(formats));  // the pointer goes on as given
-  EXPECT_NE(c.args[5], 0);                                    // the release function
+  EXPECT_EQ(c.args[0], reinterpret_cast<intptr_t>(formats17));  // the pointer goes on as given
+  EXPECT_NE(c.args[5], 0);                                      // the release function
   c.args[5] = 0;
   EXPECT_EQ(args_t(c.args.begin() + 1, c.args.begin() + 12),
             (args_t{123, 16, 1, 0, 0, 0, 0, 0, 24, c.args[10], 6}));
@@ -27,21 +29,20 @@ TEST(DisplayNew, NoConfigGivesZeroIdsWordSixAndZeroBlock) {
   EXPECT_EQ((std::vector<int>{h->disp_width, h->disp_height, h->main_port, h->h_audio, h->audio_ch,
                               h->audio_all, h->config_mode, h->engine_started, h->ch_count}),
             (std::vector<int>{800, 600, -1, 0, -1, 0, 0, 0, 16}));
-}
 
-TEST(DisplayNew, WrongDisplayIdBecomesHdmiAndConfigWordsGoToEngine) {
+  fake_engine::reset();
   log_capture log;
   const int32_t formats[] = {0};
   // The fourth id lies beyond n_display_ids and is never read.
   // The record ends a page: nothing past it may be read.
   orlo_display_cfg_t &cfg = *at_page_end<orlo_display_cfg_t>();
   cfg = orlo_display_cfg_t{{2, 7, -1, 3}, 41, {1, 0, 0, 4}};
-  orlo_display_t *h = orlo_display_new(formats, 0, 4, 0, 3, 5, &cfg);
+  h = orlo_display_new(formats, 0, 4, 0, 3, 5, &cfg);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(log.texts(G_LOG_LEVEL_MESSAGE),
             (names{"display id:2.", "wrong display id:7! default to HDMI.", "display id:0.",
                    "wrong display id:-1! default to HDMI.", "display id:0."}));
-  const auto c = fake_engine::calls("ravel_new").at(0);
+  c = fake_engine::calls("ravel_new").at(0);
   EXPECT_EQ(ids_and_block(c), (std::vector<int32_t>{2, 0, 0, 0, 1, 0, 0, 4}));
   EXPECT_EQ(c.args[11], 41);
   // The block goes by address as a private copy, never the caller's record.

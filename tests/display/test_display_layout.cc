@@ -11,8 +11,6 @@ namespace {
 using namespace display_test;
 using list = std::vector<orlo_vr_t>;
 
-const orlo_vr_t kUnset = {-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0};
-
 // The display's size as the layout reads it (16:9), set on the one handle.
 void set_display_width(orlo_display_t *h, int D) { h->disp_width = D, h->disp_height = D * 9 / 16; }
 
@@ -161,7 +159,7 @@ TEST(Layout, RegionsOfEveryModeAndCorrection) {
 
 // Modes 12 and 22 put the port that receives the copies on their second
 // layer; mode 21 shows it large, and nothing before any of them.
-TEST(Layout, MainPortOfTheTwoLayerModes) {
+TEST(Layout, MainPortUnsetChannelsFlagsAndFixedNinthTile) {
   orlo_display_t *h = make_display();
   int c[ORLO_MAX_VR] = {7};
   orlo_vr_t vr[ORLO_MAX_VR];
@@ -190,23 +188,21 @@ TEST(Layout, MainPortOfTheTwoLayerModes) {
     expected[1].ch = 33;
     EXPECT_EQ(list(vr, vr + 2), expected);
   }
-}
 
-TEST(Layout, UnsetChannelFlagsAndFixedNinthTile) {
-  orlo_display_t *h = make_display(0, 8);
-  auto c = channel_list();
-  c[2] = -1;
-  orlo_vr_t vr[ORLO_MAX_VR];
-  ASSERT_EQ(orlo_display_get_user_vr(h, 2, 100, 100, 960, 540, c.data(), nullptr, vr), 0);
+  // An 8-channel device: an unset channel, flags and the fixed ninth tile.
+  h->ch_count = 8;
+  auto cl = channel_list();
+  cl[2] = -1;
+  ASSERT_EQ(orlo_display_get_user_vr(h, 2, 100, 100, 960, 540, cl.data(), nullptr, vr), 0);
   // An unset channel keeps its place without the origin.
   EXPECT_EQ(list(vr + 1, vr + 4),
             (list{R(21, 580, 100, 480, 270), R(-1, 0, 270, 480, 270), R(23, 580, 370, 480, 270)}));
 
   // Flags go into every record but the fixed ninth tile of an 8-channel device.
-  c[8] = -1;
+  cl[8] = -1;
   std::array<int, ORLO_MAX_VR> flags{};
   for (int i = 0; i < ORLO_MAX_VR; i++) flags[i] = 100 + i;
-  ASSERT_EQ(orlo_display_get_user_vr(h, 7, 0, 0, 1920, 1080, c.data(), flags.data(), vr), 0);
+  ASSERT_EQ(orlo_display_get_user_vr(h, 7, 0, 0, 1920, 1080, cl.data(), flags.data(), vr), 0);
   for (int i = 0; i < ORLO_MAX_VR; i++) EXPECT_EQ(vr[i].flag, i == 8 ? 1 : 100 + i) << i;
   EXPECT_EQ(vr[8].ch, 8);
 }

@@ -122,7 +122,7 @@ std::vector<uint8_t> bytes_of(const T &v) {
   return std::vector<uint8_t>(b, b + sizeof v);
 }
 
-TEST(RecordCopy, MaskCountEntriesAndFixedSizeRecords) {
+TEST(RecordCopy, MaskCountEntriesFixedSizeRecordsAndIpOsdText) {
   log_capture log;
   orlo_display_t *h = make_display();
   struct {
@@ -170,11 +170,9 @@ TEST(RecordCopy, MaskCountEntriesAndFixedSizeRecords) {
     EXPECT_EQ(p.op(h, rec.data()), 2) << p.engine_call;
     EXPECT_EQ(seen_copy(p.engine_call, rec.data()), rec) << p.engine_call;
   }
-}
 
-TEST(RecordCopy, IpOsdWordAndTextUpToFortyThreeCharacters) {
-  log_capture log;
-  orlo_display_t *h = make_display();
+  // The ip osd record: a word and a text of up to 43 characters.
+  log.clear();
   for (size_t len : {0u, 15u, 43u}) {
     std::vector<char> rec(4 + len + 1, 0);
     rec[0] = 4, rec[1] = 3, rec[2] = 2, rec[3] = 1;

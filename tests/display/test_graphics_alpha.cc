@@ -2,19 +2,12 @@
 // driver's stand-in answering or refusing each step.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "log_capture.hh"
-#include "orlo_display.h"
+#include "display_fixture.hh"
 
 namespace {
 
@@ -84,7 +77,7 @@ TEST(GraphicsAlpha, StepsResultCloseAndWrittenFields) {
     behaviour answer;
     int alpha, result;
     std::vector<unsigned long> seen;
-    std::vector<std::string> warnings;
+    display_test::names warnings;
   } cases[] = {
       {OK, 0x5a, 0, {kGet, kSet}, {}},
       {OK, 0x1ab, 0, {kGet, kSet}, {}},
@@ -94,7 +87,7 @@ TEST(GraphicsAlpha, StepsResultCloseAndWrittenFields) {
   };
   for (const auto &p : cases) {
     SCOPED_TRACE(p.answer);
-    testing_support::log_capture log;
+    display_test::log_capture log;
     fb.answer = p.answer;
     fb.opens = fb.closes = 0;
     fb.requests.clear();
