@@ -67,6 +67,7 @@ TEST(LumenPipe, BuildStartStopStartForwardsRequestsAndDeleteLeavesTheThreadParke
     EXPECT_EQ(state_of(p->pipeline), GST_STATE_NULL);
     EXPECT_EQ(orlo_lumen_pipe_stop(p), 0) << "stop before any start";
   }
+  ASSERT_NE(p, nullptr);
   GstElement *pipeline = p->pipeline;
   collector rc(p->kelappsink);
   g_object_set(p->src, "width", 160, "height", 96, "key-interval", 5, nullptr);
