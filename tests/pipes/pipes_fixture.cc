@@ -19,6 +19,18 @@ temp_folder::~temp_folder() {
   if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
+bool run_to_eos(GstElement *p) {
+  gst_element_set_state(p, GST_STATE_PLAYING);
+  GstBus *bus = gst_element_get_bus(p);
+  GstMessage *msg = gst_bus_timed_pop_filtered(
+      bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  const bool ok = msg != nullptr && GST_MESSAGE_TYPE(msg) == GST_MESSAGE_EOS;
+  if (msg != nullptr) gst_message_unref(msg);
+  gst_object_unref(bus);
+  gst_element_set_state(p, GST_STATE_NULL);
+  return ok;
+}
+
 bool record_channel(const std::string &folder, int ch, int frames, int64_t start,
                     const char *limit) {
   gchar *launch = g_strdup_printf(
@@ -30,14 +42,7 @@ bool record_channel(const std::string &folder, int ch, int frames, int64_t start
   GstElement *p = gst_parse_launch(launch, nullptr);
   g_free(launch);
   if (p == nullptr) return false;
-  gst_element_set_state(p, GST_STATE_PLAYING);
-  GstBus *bus = gst_element_get_bus(p);
-  GstMessage *msg = gst_bus_timed_pop_filtered(
-      bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  const bool ok = msg != nullptr && GST_MESSAGE_TYPE(msg) == GST_MESSAGE_EOS;
-  if (msg != nullptr) gst_message_unref(msg);
-  gst_object_unref(bus);
-  gst_element_set_state(p, GST_STATE_NULL);
+  const bool ok = run_to_eos(p);
   gst_object_unref(p);
   return ok;
 }

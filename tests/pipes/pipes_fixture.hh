@@ -34,6 +34,9 @@ class temp_folder {
   std::string path_;
 };
 
+// Runs a pipeline to its end: false on an error or after 30 s.
+bool run_to_eos(GstElement *pipeline);
+
 // Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
 // the first at recorder time `start`, into the folder's "chNN.h264", with the
 // recorder's file `limit` if one is given.

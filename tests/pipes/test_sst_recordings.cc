@@ -1,0 +1,146 @@
+// Recordings as a recorder leaves them: cut into files at a limit, cut short
+// by a power loss anywhere, damaged by a recorder time that jumps or by
+// random bytes.  Play never stalls or crashes, and every channel's data ends
+// in its EOS bit.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "pipes_fixture.hh"
+
+using namespace pipes_test;
+
+namespace {
+
+constexpr int kFrames = 50;
+constexpr guint64 kBothChannels = 3;
+
+struct play_result {
+  bool eos = false;
+  guint64 eos_status = 0;
+  size_t frames[2] = {};
+};
+
+// Plays channels 0 and 1 of `folder` paced at eight times their speed, to
+// the end; what the sink saw.
+play_result play(const std::string &folder) {
+  gchar *launch = g_strdup_printf(
+      "kelsstsrc location=\"%s\" ch-num=2 ch-mask=3 open-rate=0 rate=8 "
+      "! kelappsink name=sink sync=true",
+      folder.c_str());
+  GstElement *p = gst_parse_launch(launch, nullptr);
+  g_free(launch);
+  play_result r;
+  GstElement *sink = gst_bin_get_by_name(GST_BIN(p), "sink");
+  collector seen(sink);
+  GstPad *pad = gst_element_get_static_pad(sink, "sink");
+  gst_pad_add_probe(
+      pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+      [](GstPad *, GstPadProbeInfo *info, gpointer out) {
+        const GstStructure *s = gst_event_get_structure(GST_PAD_PROBE_INFO_EVENT(info));
+        if (s != nullptr && gst_structure_has_name(s, "KELPlayInfo"))
+          gst_structure_get_uint64(s, "eos-status", static_cast<guint64 *>(out));
+        return GST_PAD_PROBE_OK;
+      },
+      &r.eos_status, nullptr);
+  r.eos = run_to_eos(p);
+  for (const frame_seen &f : seen.frames())
+    if (f.ch == 0 || f.ch == 1) r.frames[f.ch]++;
+  gst_object_unref(pad);
+  gst_object_unref(sink);
+  gst_object_unref(p);
+  return r;
+}
+
+class SstRecordings : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gst_init(nullptr, nullptr);
+    for (int ch = 0; ch < 2; ch++) {
+      ASSERT_TRUE(record_channel(clean_.path(), ch, kFrames));
+      gchar *bytes = nullptr;
+      gsize size = 0;
+      ASSERT_TRUE(g_file_get_contents(path(clean_, ch).c_str(), &bytes, &size, nullptr));
+      original_[ch].assign(bytes, size);
+      g_free(bytes);
+    }
+  }
+  static std::string path(const temp_folder &f, int ch) {
+    return f.path() + (ch == 0 ? "/ch00.h264" : "/ch01.h264");
+  }
+  // Channel `ch` of the damaged folder gets these bytes.
+  void write(int ch, const std::string &bytes) {
+    ASSERT_TRUE(g_file_set_contents(path(damaged_, ch).c_str(), bytes.data(),
+                                    static_cast<gssize>(bytes.size()), nullptr));
+  }
+  temp_folder clean_, damaged_;
+  std::string original_[2];
+};
+
+TEST_F(SstRecordings, ALimitCutsTheRecordingIntoFilesThatPlayAsOne) {
+  for (const char *limit : {"max-size=6000", "max-duration=400000000"}) {
+    temp_folder folder;
+    ASSERT_TRUE(record_channel(folder.path(), 0, kFrames, kStart, limit)) << limit;
+    ASSERT_TRUE(g_file_test((folder.path() + "/ch00-0001.h264").c_str(), G_FILE_TEST_EXISTS))
+        << limit << " cut nothing";
+    ASSERT_TRUE(g_file_set_contents(path(folder, 1).c_str(), original_[1].data(),
+                                    static_cast<gssize>(original_[1].size()), nullptr));
+    const play_result r = play(folder.path());
+    EXPECT_TRUE(r.eos) << limit;
+    EXPECT_EQ(r.eos_status, kBothChannels) << limit;
+    EXPECT_EQ(r.frames[0], static_cast<size_t>(kFrames)) << limit;
+  }
+}
+
+// A power loss cuts the file anywhere: what was whole before the cut plays.
+TEST_F(SstRecordings, ARecordingCutAnywherePlaysItsWholeFrames) {
+  size_t before = 0;
+  write(1, original_[1]);
+  for (size_t k = 1; k <= 20; k++) {
+    const size_t cut = original_[0].size() * k / 20;
+    write(0, original_[0].substr(0, cut));
+    const play_result r = play(damaged_.path());
+    ASSERT_TRUE(r.eos) << "cut at " << cut;
+    EXPECT_EQ(r.eos_status, kBothChannels) << "cut at " << cut;
+    EXPECT_GE(r.frames[0], before) << "cut at " << cut;
+    before = r.frames[0];
+  }
+  EXPECT_EQ(before, static_cast<size_t>(kFrames));
+}
+
+TEST_F(SstRecordings, AForwardJumpOfTheRecorderTimeIsPlayedThroughToTheEosBit) {
+  // Frame 10's time as the recorder wrote it; one byte more in bit 40 moves
+  // it about 18 minutes on.
+  const uint64_t t = kStart + 10 * kFrameNs;
+  std::string le(8, '\0');
+  for (int i = 0; i < 8; i++) le[i] = static_cast<char>(t >> (8 * i));
+  std::string bytes = original_[0];
+  const size_t at = bytes.find(le);
+  ASSERT_NE(at, std::string::npos);
+  bytes[at + 5]++;
+  write(0, bytes);
+  write(1, original_[1]);
+  const play_result r = play(damaged_.path());
+  EXPECT_TRUE(r.eos);
+  EXPECT_EQ(r.eos_status, kBothChannels);
+  EXPECT_EQ(r.frames[0], static_cast<size_t>(kFrames));
+  EXPECT_EQ(r.frames[1], static_cast<size_t>(kFrames));
+}
+
+TEST_F(SstRecordings, RandomBytesChangedAnywhereNeverStallPlay) {
+  std::mt19937 random(20261124);
+  for (int run = 0; run < 40; run++) {
+    for (int ch = 0; ch < 2; ch++) {
+      std::string bytes = original_[ch];
+      const int flips = 1 + static_cast<int>(random() % 8);
+      for (int i = 0; i < flips; i++) bytes[random() % bytes.size()] ^= 1 + random() % 255;
+      write(ch, bytes);
+    }
+    const play_result r = play(damaged_.path());
+    ASSERT_TRUE(r.eos) << "run " << run;
+    ASSERT_EQ(r.eos_status, kBothChannels) << "run " << run;
+  }
+}
+
+}  // namespace
