@@ -59,21 +59,21 @@ int offer(int port, GstBuffer *buffer, const orlo::frame &f, push_kind kind) {
   return _put_decode_stream(port, buffer, f.payload, f.size, jpeg_cb, nullptr, f.channel, f.type);
 }
 
-int push(orlo_display_t *h, target to, const orlo::frame &f, push_kind kind) {
+void push(orlo_display_t *h, target to, const orlo::frame &f, push_kind kind) {
   if (!is_video_type(f.type)) {
     g_warning("Invalid Frame Type = %d\n", f.type);
-    return -1;
+    return;
   }
   int port = to.current(h);
-  if (port == -1) return -1;  // no port: nothing is pushed
+  if (port == -1) return;  // no port: nothing is pushed
   if (!is_engine_port(port)) {
     g_warning("%s:%d: port %d is no engine port, frame of channel %d dropped\n", __func__, __LINE__,
               port, f.channel);
-    return -1;
+    return;
   }
   // The gate: a port that has lost step takes intra frames only.
   const int32_t state = h->port_state[port];
-  if (state != PORT_IN_STEP && !(state == PORT_LOST_STEP && f.type != orlo::FRAME_INTER)) return -1;
+  if (state != PORT_IN_STEP && !(state == PORT_LOST_STEP && f.type != orlo::FRAME_INTER)) return;
 
   orlo::ref_ptr<GstBuffer> ref = orlo::ref(f.buffer);
   const int r = orlo::offer_with_retries(
@@ -87,22 +87,17 @@ int push(orlo_display_t *h, target to, const orlo::frame &f, push_kind kind) {
   if (r == 0) {
     h->port_state[port] = PORT_IN_STEP;
     (void)ref.release();  // the engine gives it back through release
-    return 0;
+    return;
   }
   if (r == -1) g_warning("ravel push failed at port %d\n", port);
   ref.reset();
   h->port_state[port] = PORT_LOST_STEP;
-  return r;
 }
 
 }  // namespace
 
 int _put_decode_stream(int port, GstBuffer *buffer, const uint8_t *data, int size,
                        ravel_jpeg_cb jpeg_cb, ravel_image_cb image_cb, int channel, int type) {
-  if (!is_engine_port(port)) {
-    g_warning("%s:%d: port %d is no engine port\n", __func__, __LINE__, port);
-    return -2;
-  }
   if (type == orlo::FRAME_INTRA || type == orlo::FRAME_INTRA_B) {
     last_intra_ch[port] = channel;
   } else if (channel != last_intra_ch[port]) {
@@ -114,13 +109,9 @@ int _put_decode_stream(int port, GstBuffer *buffer, const uint8_t *data, int siz
   return r < 0 ? -1 : 0;
 }
 
-void _enable_pb_snapshot_port(unsigned ch, int value) {
-  g_return_if_fail(ch < ORLO_MAX_PLAYBACK_CHANNEL);
-  pb_snapshot_port[ch].store(value);
-}
+void _enable_pb_snapshot_port(unsigned ch, int value) { pb_snapshot_port[ch].store(value); }
 
 bool _check_pb_snapshot_port(unsigned ch) {
-  g_return_val_if_fail(ch < ORLO_MAX_PLAYBACK_CHANNEL, false);
   int32_t expected = 1;
   return pb_snapshot_port[ch].compare_exchange_strong(expected, 0);
 }
@@ -139,16 +130,16 @@ extern "C" ORLO_API void orlo_set_pb_timestamp(int port, uint32_t timestamp) {
 
 namespace orlo {
 
-int push_frame(orlo_display_t *h, int port, const frame &f) {
-  return push(h, {port, false}, f, push_kind::ordinary);
+void push_frame(orlo_display_t *h, int port, const frame &f) {
+  push(h, {port, false}, f, push_kind::ordinary);
 }
 
-int push_frame_to_main_port(orlo_display_t *h, const frame &f) {
-  return push(h, {-1, true}, f, push_kind::ordinary);
+void push_frame_to_main_port(orlo_display_t *h, const frame &f) {
+  push(h, {-1, true}, f, push_kind::ordinary);
 }
 
-int push_playback_frame(orlo_display_t *h, int port, const frame &f) {
-  return push(h, {port, false}, f, push_kind::playback);
+void push_playback_frame(orlo_display_t *h, int port, const frame &f) {
+  push(h, {port, false}, f, push_kind::playback);
 }
 
 }  // namespace orlo

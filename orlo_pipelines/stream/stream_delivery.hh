@@ -35,9 +35,10 @@ void _cb_get_jpeg_image(void **pbuf, uint32_t word1, uint32_t word2, uint32_t wo
 
 // ---- engine push ----
 
-// The one gate to ravel_put_decode_stream.  0 accepted, -1 refused by the
-// engine (worth a retry), -2 a foreign channel or no engine port (not worth
-// one).  Called with the handle's `mutex` held.
+// The one gate to ravel_put_decode_stream, for an engine port (0 to
+// ORLO_MAX_PORT - 1; the callers check).  0 accepted, -1 refused by the
+// engine (worth a retry), -2 a foreign channel (not worth one).  Called with
+// the handle's `mutex` held.
 int _put_decode_stream(int port, GstBuffer *buffer, const uint8_t *data, int size,
                        ravel_jpeg_cb jpeg_cb, ravel_image_cb image_cb, int channel, int type);
 
@@ -102,15 +103,15 @@ bool read_frame(GstBuffer *member, frame &out);
 
 // The ordinary push of a frame to `port`: the port's gate, up to 21 attempts
 // with a 1000-microsecond sleep after each refusal, the port's state.  The
-// push takes its own reference on the frame.  Result as _put_decode_stream;
-// also -1 when the gate or a bad type keeps the frame back.
-int push_frame(orlo_display_t *h, int port, const frame &f);
+// push takes its own reference on the frame; a frame the gate, a bad type or
+// the engine keeps back is given up (the render pass has no use for why).
+void push_frame(orlo_display_t *h, int port, const frame &f);
 // The same to the handle's `main_port`, read afresh for every attempt; a
 // `main_port` of -1 pushes nothing.
-int push_frame_to_main_port(orlo_display_t *h, const frame &f);
+void push_frame_to_main_port(orlo_display_t *h, const frame &f);
 // The playback push: keeps the port's timestamp and serves a waiting
 // snapshot with the first attempt.
-int push_playback_frame(orlo_display_t *h, int port, const frame &f);
+void push_playback_frame(orlo_display_t *h, int port, const frame &f);
 
 // Plays an audio frame if the handle's audio choice selects it.
 void play_audio_frame(orlo_display_t *h, const frame &f);

@@ -3,8 +3,6 @@
 // library, and so the model it is compared with, to the same numbers.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <random>
 #include <vector>
 
 #include "colorspace.h"
@@ -12,22 +10,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-// Each case runs in a process of its own, so here the tables are still zero:
-// every pixel comes out alike, whatever the input and the kernels.
-TEST(BeforeInit, EveryPixelConvertsAlike) {
-  const int w = 70, h = 4;
-  std::mt19937 rng(1);
-  Bytes in(w * h * 2), rgb24(w * h * 3, 0x77), rgb565(w * h * 2, 0x77), no_zero(w * h * 3);
-  std::generate(in.begin(), in.end(), [&] { return static_cast<uint8_t>(rng()); });
-  yv12_to_rgb24_c(rgb24.data(), w, in.data(), in.data(), in.data(), w, w / 2, w, h);
-  yv12_to_rgb565_c(rgb565.data(), w, in.data(), in.data(), in.data(), w, w / 2, w, h);
-  yvyu_to_rgb24_c(no_zero.data(), w, in.data(), w, w, h);
-  EXPECT_EQ(RGB_Y_tab[200], 0);
-  EXPECT_EQ(rgb24, Bytes(rgb24.size(), 0));
-  EXPECT_EQ(rgb565, Bytes(rgb565.size(), 0));
-  EXPECT_EQ(no_zero, Bytes(no_zero.size(), 1));
-}
 
 TEST(Quoted, WhitesBlacksAndPrimariesIntoYv12) {
   // Solid 4 x 4 pictures of `pixel`; 24-bit bytes are B G R.

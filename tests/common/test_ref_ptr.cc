@@ -1,9 +1,7 @@
-// The owning pointer and the lock holder: floating references are sunk by
-// the call meant for them and caught anywhere else; a tried lock is held
-// only when it was got.
+// The owning pointer: floating references are sunk by the call meant for
+// them and caught anywhere else.
 #include <gtest/gtest.h>
 
-#include "glib_lock.hh"
 #include "ref_ptr.hh"
 
 namespace {
@@ -34,18 +32,5 @@ TEST(RefPtrDeathTest, AdoptingAFloatingObjectStops) {
       "floating");
 }
 #endif
-
-TEST(MutexGuard, ATriedLockIsHeldOnlyWhenGot) {
-  GMutex m;
-  g_mutex_init(&m);
-  {
-    orlo::mutex_guard first(&m, orlo::mutex_guard::try_lock);
-    EXPECT_TRUE(first.owns());
-    orlo::mutex_guard second(&m, orlo::mutex_guard::try_lock);
-    EXPECT_FALSE(second.owns());
-  }
-  orlo::mutex_guard again(&m, orlo::mutex_guard::try_lock);
-  EXPECT_TRUE(again.owns());
-}
 
 }  // namespace

@@ -3,12 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <thread>
 
 #include "fake_engine.hh"
-#include "kel_buffers.h"
+#include "frames.hh"
 #include "log_capture.hh"
 #include "orlo_display.h"
 
@@ -23,29 +22,14 @@ inline orlo_display_t *make_display() {
   return h;
 }
 
-// A frame buffer with the 24-byte header and `size` payload bytes 0, 1, ...
-inline GstBuffer *make_frame(int channel, int type, int size) {
-  GstBuffer *b = gst_kel_buddy_buffer_new(24 + static_cast<gsize>(size));
-  uint8_t *d = gst_kel_buddy_buffer_get_meta(b)->data;
-  d[0] = static_cast<uint8_t>(channel);
-  const uint32_t s = static_cast<uint32_t>(size);
-  std::memcpy(d + 4, &s, 4);
-  d[8] = static_cast<uint8_t>(type);
-  for (int i = 0; i < size; i++) d[24 + i] = static_cast<uint8_t>(i);
-  return b;
-}
+using testing_support::free_counter;
 
-// Counts the finalisations of the buffers it watches.
-struct finalize_counter {
-  int finalized = 0;
-  GstBuffer *watch(GstBuffer *b) {
-    gst_mini_object_weak_ref(
-        GST_MINI_OBJECT_CAST(b),
-        [](gpointer self, GstMiniObject *) { ++static_cast<finalize_counter *>(self)->finalized; },
-        this);
-    return b;
-  }
-};
+// A frame whose `size` payload bytes are 0, 1, ...
+inline GstBuffer *make_frame(int channel, int type, int size) {
+  std::string payload(static_cast<size_t>(size), '\0');
+  for (int i = 0; i < size; i++) payload[static_cast<size_t>(i)] = static_cast<char>(i);
+  return testing_support::make_frame(uint8_t(channel), uint8_t(type), payload);
+}
 
 // Whether a warning contains `piece` (the lines carry a line number).
 inline bool logged(const log_capture &log, const std::string &piece) {

@@ -33,14 +33,23 @@ void engine_answers(int refusals, uint8_t y) {
   });
 }
 
-TEST(ThumbnailDecode, TwentyRefusalsThenAPictureInRgb) {
+// A display, a destination of W x H filled with 0x55, and the frames' count.
+struct ThumbnailDecode : ::testing::Test {
+  log_capture log;
   orlo_display_t *h = make_display();
+  free_counter frames;
+  std::vector<uint8_t> dst = std::vector<uint8_t>(W * H * 3, 0x55);
+  // Decodes `b` (watched unless null) into dst.
+  int decode(GstBuffer *b, int width = W) {
+    return orlo_display_decode_image(h, b != nullptr ? frames.watch(b) : b, width, H, 0,
+                                     dst.data());
+  }
+};
+
+TEST_F(ThumbnailDecode, TwentyRefusalsThenAPictureInRgb) {
   fake_engine::hold_frames(true);
   engine_answers(20, 235);
-  finalize_counter freed;
-  std::vector<uint8_t> dst(W * H * 3, 0x55);
-  ASSERT_EQ(orlo_display_decode_image(h, freed.watch(make_frame(3, 1, 40)), W, H, 0, dst.data()),
-            0);
+  ASSERT_EQ(decode(make_frame(3, 1, 40)), 0);
   auto pushes = fake_engine::calls("ravel_put_decode_stream");
   ASSERT_EQ(pushes.size(), 21u);
   // Port 0, the payload behind the header and its size, no JPEG callback.
@@ -51,20 +60,13 @@ TEST(ThumbnailDecode, TwentyRefusalsThenAPictureInRgb) {
   // Luma 235 with neutral chroma floors to 254 in every channel.
   EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 254));
   // The engine holds the frame until it releases it.
-  EXPECT_EQ(freed.finalized, 0);
+  EXPECT_EQ(frames.freed.load(), 0);
   EXPECT_EQ(fake_engine::release_held(), 1);
-  EXPECT_EQ(freed.finalized, 1);
+  EXPECT_EQ(frames.freed.load(), 1);
 }
 
 // Each refusal releases the frame, answers -1 without waiting and leaves dst.
-TEST(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
-  log_capture log;
-  orlo_display_t *h = make_display();
-  finalize_counter freed;
-  std::vector<uint8_t> dst(W * H * 3, 0x55);
-  auto decode = [&](GstBuffer *b, int width = W) {
-    return orlo_display_decode_image(h, b != nullptr ? freed.watch(b) : b, width, H, 0, dst.data());
-  };
+TEST_F(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
   // An inter frame of a channel that port 0 did not last see (channel 0).
   EXPECT_EQ(decode(make_frame(5, 0, 16)), -1);
   EXPECT_TRUE(log.has(G_LOG_LEVEL_WARNING, "previous ch(0) is not matched with current ch(5)\n"));
@@ -79,32 +81,27 @@ TEST(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
   fake_engine::script_result("ravel_put_decode_stream", -1);
   EXPECT_EQ(decode(make_frame(0, 1, 16)), -1);
   EXPECT_EQ(fake_engine::calls("ravel_put_decode_stream").size(), 21u);
-  EXPECT_EQ(freed.finalized, 4);
+  EXPECT_EQ(frames.freed.load(), 4);
   EXPECT_TRUE(log.has(G_LOG_LEVEL_WARNING, "ravel push failed at port 0\n"));
   EXPECT_EQ(log.count(kCannotDecode), 3);
   EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 0x55));
 }
 
-TEST(ThumbnailDecode, NoPictureWithinASecondThenLatePictureIsFreedAndTheNextDecodeWorks) {
-  log_capture log;
-  orlo_display_t *h = make_display();
+TEST_F(ThumbnailDecode, NoPictureWithinASecondThenLatePictureIsFreedAndTheNextDecodeWorks) {
   std::atomic<ravel_image_cb> late{nullptr};
   fake_engine::hold_frames(true);
   fake_engine::script("ravel_put_decode_stream", [&](const fake_engine::call &c) -> int64_t {
     late = c.image_cb;
     return 0;
   });
-  finalize_counter freed;
-  std::vector<uint8_t> dst(W * H * 3, 0x55);
-  EXPECT_EQ(orlo_display_decode_image(h, freed.watch(make_frame(0, 1, 8)), W, H, 0, dst.data()),
-            -1);
+  EXPECT_EQ(decode(make_frame(0, 1, 8)), -1);
   EXPECT_TRUE(
       log.has(G_LOG_LEVEL_WARNING, "orlo_display_decode_image: get thumbnail image failed\n"));
   EXPECT_EQ(dst[0], 0x55);
   // The engine still has the frame: it is freed on release, once.
-  EXPECT_EQ(freed.finalized, 0);
+  EXPECT_EQ(frames.freed.load(), 0);
   EXPECT_EQ(fake_engine::release_held(), 1);
-  EXPECT_EQ(freed.finalized, 1);
+  EXPECT_EQ(frames.freed.load(), 1);
   // The picture arrives after the caller gave up; the next call drops it
   // without a leak and waits for its own.  That frame is one an application
   // stored itself: a plain buffer of header and payload, read as a frame
@@ -114,15 +111,15 @@ TEST(ThumbnailDecode, NoPictureWithinASecondThenLatePictureIsFreedAndTheNextDeco
   engine_answers(0, 16);
   GstBuffer *frame = make_frame(0, 5, 8);
   const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(frame);
-  GstBuffer *plain = freed.watch(gst_buffer_new_memdup(m->data, m->size));
+  GstBuffer *plain = gst_buffer_new_memdup(m->data, m->size);
   gst_buffer_unref(frame);
-  ASSERT_EQ(orlo_display_decode_image(h, plain, W, H, 0, dst.data()), 0);
+  ASSERT_EQ(decode(plain), 0);
   const auto pushes = fake_engine::calls("ravel_put_decode_stream");
   ASSERT_EQ(pushes.size(), 1u);
   EXPECT_EQ(pushes[0].record, std::vector<uint8_t>({0, 1, 2, 3, 4, 5, 6, 7}));
   // Black, as the packed-source converter writes it: it keeps 0 out.
   EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 1));
-  EXPECT_EQ(freed.finalized, 2) << "the caller's reference was taken over";
+  EXPECT_EQ(frames.freed.load(), 2) << "the caller's reference was taken over";
 }
 
 }  // namespace

@@ -1,20 +1,17 @@
-// Shared set-up of the stream delivery tests: frames in the source's format,
-// list buffers, a sink driven from the test thread, slot tables, and a count
-// of freed buffers.
+// Shared set-up of the stream delivery tests: list buffers, a sink driven
+// from the test thread, slot tables and a display whose sound is a pipe.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "eventually.hh"
 #include "fake_engine.hh"
+#include "frames.hh"
 #include "kel_buffers.h"
 #include "kelapp_sink.h"
 #include "log_capture.hh"
@@ -24,20 +21,9 @@
 namespace stream_test {
 
 using testing_support::eventually;
+using testing_support::free_counter;
 using testing_support::log_capture;
-
-// A frame in the source's format: the 24-byte header, then `payload`.
-inline GstBuffer *make_frame(uint8_t channel, uint8_t type, const std::string &payload,
-                             uint32_t timestamp = 0) {
-  std::vector<uint8_t> bytes(24 + payload.size(), 0xEE);  // unread header bytes are junk
-  const auto size = static_cast<uint32_t>(payload.size());
-  bytes[0] = channel;
-  std::memcpy(&bytes[4], &size, 4);
-  bytes[8] = type;
-  std::memcpy(&bytes[12], &timestamp, 4);
-  std::memcpy(bytes.data() + 24, payload.data(), payload.size());
-  return gst_kel_buddy_buffer_new_copy(bytes.data(), bytes.size());
-}
+using testing_support::make_frame;
 
 // A list buffer taking over the members' references.
 inline GstBuffer *make_list(const std::vector<GstBuffer *> &members) {
@@ -45,18 +31,6 @@ inline GstBuffer *make_list(const std::vector<GstBuffer *> &members) {
   for (GstBuffer *m : members) gst_kel_list_buffer_append(list, m);
   return list;
 }
-
-// Counts finalized buffers; one finalized twice shows as a count above `watched`.
-struct free_counter {
-  std::atomic<int> watched{0}, freed{0};
-  GstBuffer *watch(GstBuffer *b) {
-    watched++;
-    gst_mini_object_weak_ref(
-        GST_MINI_OBJECT_CAST(b),
-        [](gpointer self, GstMiniObject *) { static_cast<free_counter *>(self)->freed++; }, this);
-    return b;
-  }
-};
 
 // One slot's entry of a decode table.
 struct slot_cfg {
