@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "channel_label.hh"
 #include "kel_buffers.h"
@@ -61,9 +62,14 @@ std::string encoder_description(const stream_config &c, int width, int height) {
   return s;
 }
 
+// The pictures of a stream: the sub stream's at half the main's size, even.
+std::pair<int, int> picture_size(const stream_config &c) {
+  if (c.stream == 0) return {c.width, c.height};
+  return {(c.width / 2) & ~1, (c.height / 2) & ~1};
+}
+
 std::string pipeline_description(const stream_config &c) {
-  const int width = c.stream == 0 ? c.width : (c.width / 2) & ~1;
-  const int height = c.stream == 0 ? c.height : (c.height / 2) & ~1;
+  const auto [width, height] = picture_size(c);
   std::string d;
   if (c.uri.empty()) {
     gchar *src = g_strdup_printf(
@@ -181,8 +187,7 @@ bool camera_stream::build(std::string *error) {
   if (config_.uri.empty()) {
     auto picture = orlo::adopt(gst_bin_get_by_name(bin, "picture"));
     auto pad = orlo::adopt(gst_element_get_static_pad(picture.get(), "src"));
-    const int width = config_.stream == 0 ? config_.width : (config_.width / 2) & ~1;
-    const int height = config_.stream == 0 ? config_.height : (config_.height / 2) & ~1;
+    const auto [width, height] = picture_size(config_);
     gst_video_info_set_format(&picture_info_, GST_VIDEO_FORMAT_I420, static_cast<guint>(width),
                               static_cast<guint>(height));
     gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, &camera_stream::on_picture, this,

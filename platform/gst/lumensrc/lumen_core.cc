@@ -174,30 +174,28 @@ unsigned source_core::no_signal_mask() {
   return mask;
 }
 
-int source_core::pause(int ch) {
+void source_core::pause(int ch) {
   std::lock_guard<std::mutex> g(lock_);
   if (!valid_channel(ch) || !streams_[static_cast<size_t>(ch)]) {
     g_warning("pause: channel %d is not open", ch);
-    return -1;
+    return;
   }
   streams_[static_cast<size_t>(ch)]->set_paused(true);
-  return 0;
 }
 
-int source_core::resume(int ch) {
+void source_core::resume(int ch) {
   std::lock_guard<std::mutex> g(lock_);
   if (!valid_channel(ch) || !streams_[static_cast<size_t>(ch)]) {
     g_warning("resume: channel %d is not open", ch);
-    return -1;
+    return;
   }
   const auto &s = streams_[static_cast<size_t>(ch)];
   s->set_intra_only(false);
   s->restart_at_intra();
   s->set_paused(false);
-  return 0;
 }
 
-int source_core::intra_only(int ch) {
+void source_core::intra_only(int ch) {
   std::lock_guard<std::mutex> g(lock_);
   if (ch == -1) {
     for (auto &s : streams_) {
@@ -205,14 +203,13 @@ int source_core::intra_only(int ch) {
       s->restart_at_intra();
       s->set_intra_only(false);
     }
-    return 0;
+    return;
   }
   if (!valid_channel(ch) || !streams_[static_cast<size_t>(ch)]) {
     g_warning("ionlych: channel %d is not open", ch);
-    return -1;
+    return;
   }
   streams_[static_cast<size_t>(ch)]->set_intra_only(true);
-  return 0;
 }
 
 void source_core::set_uri(int ch, const char *uri) {

@@ -56,9 +56,10 @@ class source_core final : public frame_target {
 
   int open(int camera, int streams);
   int close(int camera);
-  int pause(int ch);
-  int resume(int ch);
-  int intra_only(int ch);  // -1: every channel back to normal
+  // Requests by property: a refusal is a warning, there is no result to give.
+  void pause(int ch);
+  void resume(int ch);
+  void intra_only(int ch);  // -1: every channel back to normal
   void set_uri(int ch, const char *uri);
   std::string uri(int ch);
   void set_callback(callback_kind kind, GstLumenSrcCallback fn, gpointer user_data);

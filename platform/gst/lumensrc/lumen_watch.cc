@@ -33,8 +33,9 @@ void source_core::supervise() {
   std::unique_lock<std::mutex> g(lock_);
   for (;;) {
     // Any notice (an event, a frame after a loss, a new open) wakes the
-    // watch early; each step below does only what is due.
-    if (events_.empty()) events_ready_.wait_until(g, next_wake());
+    // watch early; each step below does only what is due.  A quit asked for
+    // before this thread first took the lock has sent its notice already.
+    if (events_.empty() && !quitting_) events_ready_.wait_until(g, next_wake());
     if (quitting_) return;
     while (!events_.empty()) {
       const event e = std::move(events_.front());

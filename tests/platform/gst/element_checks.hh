@@ -1,6 +1,7 @@
-// What every stand-in element owes its caller, checked alike for each: its
-// own properties read back what was written, and its finalize hands on to
-// its parent's, which lets go of the data a caller attached to it.
+// What every stand-in element owes its caller, checked alike for each: the
+// properties that the pipes set by name, each reading back what was written,
+// and a finalize that hands on to its parent's, which lets go of the data a
+// caller attached to it.
 #pragma once
 
 #include <gst/gst.h>
@@ -30,15 +31,18 @@ inline bool off_default(GParamSpec *p, GValue *v) {
   return G_VALUE_HOLDS(v, p->value_type) && !g_param_value_defaults(p, v);
 }
 
-// `skip`: request words that act rather than hold a value.
-inline void expect_element_basics(const char *factory, const std::set<std::string> &skip = {}) {
+// `own`: how many properties the element adds to its parent's; `skip`:
+// request words that act rather than hold a value.
+inline void expect_element_basics(const char *factory, guint own,
+                                  const std::set<std::string> &skip = {}) {
   gst_init(nullptr, nullptr);
   auto e = orlo::adopt_floating(gst_element_factory_make(factory, nullptr));
   ASSERT_TRUE(e) << factory;
-  guint n = 0;
+  guint n = 0, owned = 0;
   GParamSpec **props = g_object_class_list_properties(G_OBJECT_GET_CLASS(e.get()), &n);
   for (GParamSpec *p : std::vector<GParamSpec *>(props, props + n)) {
     GValue v = G_VALUE_INIT, back = G_VALUE_INIT;
+    owned += p->owner_type == G_OBJECT_TYPE(e.get());
     if (p->owner_type != G_OBJECT_TYPE(e.get()) || skip.count(p->name) != 0 ||
         (p->flags & G_PARAM_READWRITE) != G_PARAM_READWRITE || !off_default(p, &v)) {
       if (G_IS_VALUE(&v)) g_value_unset(&v);
@@ -50,6 +54,7 @@ inline void expect_element_basics(const char *factory, const std::set<std::strin
     g_value_unset(&v), g_value_unset(&back);
   }
   g_free(props);
+  EXPECT_EQ(owned, own) << factory;
   static bool released;
   released = false;
   g_object_set_data_full(G_OBJECT(e.get()), "attached", &released,

@@ -19,99 +19,85 @@ using testing_support::eventually;
 namespace {
 
 // appsrc -> kelappsink.  Buffers are counted where they enter the sink: the
-// source may copy a buffer it still shares with the pusher, so the pushed
-// object is not always the one that arrives.
-class pipeline {
- public:
-  explicit pipeline(const std::string &sink_props) {
+// source may copy a buffer it still shares with the pusher.
+struct pipeline {
+  explicit pipeline(const std::string &props) {
     gst_init(nullptr, nullptr);
-    pipe_ = orlo::adopt_floating(gst_parse_launch(
-        ("appsrc name=src format=time ! kelappsink name=sink " + sink_props).c_str(), nullptr));
-    src_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe_.get()), "src"));
-    sink_ = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe_.get()), "sink"));
-    pad_ = orlo::adopt(gst_element_get_static_pad(sink_.get(), "sink"));
-    gst_pad_add_probe(pad_.get(), GST_PAD_PROBE_TYPE_BUFFER, on_arrival, this, nullptr);
+    pipe = orlo::adopt_floating(gst_parse_launch(
+        ("appsrc name=src format=time ! kelappsink name=sink " + props).c_str(), nullptr));
+    src = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "src"));
+    element = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "sink"));
+    pad = orlo::adopt(gst_element_get_static_pad(element.get(), "sink"));
+    gst_pad_add_probe(
+        pad.get(), GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad *, GstPadProbeInfo *info, gpointer self) {
+          static_cast<pipeline *>(self)->arrived++;
+          gst_mini_object_weak_ref(
+              GST_MINI_OBJECT_CAST(GST_PAD_PROBE_INFO_BUFFER(info)),
+              [](gpointer p, GstMiniObject *) { static_cast<pipeline *>(p)->freed++; }, self);
+          return GST_PAD_PROBE_OK;
+        },
+        this, nullptr);
   }
-  ~pipeline() { stop(); }
-
-  void play() { gst_element_set_state(pipe_.get(), GST_STATE_PLAYING); }
-  void stop() { gst_element_set_state(pipe_.get(), GST_STATE_NULL); }
-  void push(GstBuffer *b) {  // takes over the caller's reference
+  ~pipeline() { set(GST_STATE_NULL); }
+  void set(GstState s) { gst_element_set_state(pipe.get(), s); }
+  // A buffer holding its number `n`; takes it to the source.
+  void push(guint64 n, bool step = false) {
+    GstBuffer *b = gst_buffer_new_allocate(nullptr, 8, nullptr);
+    gst_buffer_fill(b, 0, &n, sizeof n);
+    GST_BUFFER_PTS(b) = n * GST_MSECOND;
+    if (step) GST_BUFFER_FLAG_SET(b, GST_KELAPP_SINK_BUFFER_FLAG_STEP);
     GstFlowReturn ret;
-    g_signal_emit_by_name(src_.get(), "push-buffer", b, &ret);
+    g_signal_emit_by_name(src.get(), "push-buffer", b, &ret);
     gst_buffer_unref(b);
   }
-  bool push_eos_and_wait() {
+  bool eos_reached() {
     GstFlowReturn ret;
-    g_signal_emit_by_name(src_.get(), "end-of-stream", &ret);
-    auto bus = orlo::adopt(gst_element_get_bus(pipe_.get()));
+    g_signal_emit_by_name(src.get(), "end-of-stream", &ret);
+    auto bus = orlo::adopt(gst_element_get_bus(pipe.get()));
     auto msg = orlo::adopt(gst_bus_timed_pop_filtered(
         bus.get(), 20 * GST_SECOND,
         static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
     return msg && GST_MESSAGE_TYPE(msg.get()) == GST_MESSAGE_EOS;
   }
-  GstKelAppSink *sink() const { return GST_KELAPP_SINK(sink_.get()); }
-  GstElement *src() const { return src_.get(); }
-  GstPad *pad() const { return pad_.get(); }
+  GstKelAppSink *sink() const { return GST_KELAPP_SINK(element.get()); }
 
+  orlo::ref_ptr<GstElement> pipe, src, element;
+  orlo::ref_ptr<GstPad> pad;
   std::atomic<int> arrived{0}, freed{0};
-
- private:
-  static GstPadProbeReturn on_arrival(GstPad *, GstPadProbeInfo *info, gpointer self) {
-    static_cast<pipeline *>(self)->arrived++;
-    gst_mini_object_weak_ref(GST_MINI_OBJECT_CAST(GST_PAD_PROBE_INFO_BUFFER(info)), on_free, self);
-    return GST_PAD_PROBE_OK;
-  }
-  static void on_free(gpointer self, GstMiniObject *) { static_cast<pipeline *>(self)->freed++; }
-
-  orlo::ref_ptr<GstElement> pipe_, src_, sink_;
-  orlo::ref_ptr<GstPad> pad_;
 };
-
-GstBuffer *numbered(guint64 n, bool step = false) {
-  GstBuffer *b = gst_buffer_new_allocate(nullptr, 8, nullptr);
-  gst_buffer_fill(b, 0, &n, sizeof n);
-  GST_BUFFER_PTS(b) = n * GST_MSECOND;
-  if (step) GST_BUFFER_FLAG_SET(b, GST_KELAPP_SINK_BUFFER_FLAG_STEP);
-  return b;
-}
-
-guint64 number_of(GstBuffer *b) {
-  guint64 n = 0;
-  gst_buffer_extract(b, 0, &n, sizeof n);
-  return n;
-}
 
 // Pulls one buffer and gives its number, -1 for none.
 int pull_number(GstKelAppSink *sink) {
   GstBuffer *b = gst_kelapp_sink_pull_buffer(sink);
-  const int n = b != nullptr ? static_cast<int>(number_of(b)) : -1;
-  if (b != nullptr) gst_buffer_unref(b);
-  return n;
+  guint64 n = 0;
+  if (b == nullptr) return -1;
+  gst_buffer_extract(b, 0, &n, sizeof n);
+  gst_buffer_unref(b);
+  return static_cast<int>(n);
 }
 
 TEST(KelAppSink, DropKeepsTheNewestAndFlushReleasesThem) {
   pipeline p("sync=false drop=true max-buffers=3");
-  p.play();
-  for (guint64 i = 0; i < 5; i++) p.push(numbered(i));
-  ASSERT_TRUE(p.push_eos_and_wait());  // 2, 3 and 4 sit in the queue
+  p.set(GST_STATE_PLAYING);
+  for (guint64 i = 0; i < 5; i++) p.push(i);
+  ASSERT_TRUE(p.eos_reached());  // 2, 3 and 4 sit in the queue
   EXPECT_EQ(p.arrived.load(), 5);
   EXPECT_EQ(p.freed.load(), 2);
-  // A smaller bound sheds the oldest at once.
-  g_object_set(p.sink(), "max-buffers", 2u, nullptr);
+  g_object_set(p.sink(), "max-buffers", 2u, nullptr);  // sheds the oldest at once
   EXPECT_EQ(p.freed.load(), 3);
   EXPECT_EQ(pull_number(p.sink()), 3);
   EXPECT_EQ(p.freed.load(), 4);
-  gst_pad_send_event(p.pad(), gst_event_new_flush_start());
-  gst_pad_send_event(p.pad(), gst_event_new_flush_stop(TRUE));
+  gst_pad_send_event(p.pad.get(), gst_event_new_flush_start());
+  gst_pad_send_event(p.pad.get(), gst_event_new_flush_stop(TRUE));
   EXPECT_EQ(pull_number(p.sink()), -1);
   EXPECT_EQ(p.freed.load(), 5);
 }
 
 TEST(KelAppSink, FullQueueWaitsForPullsAndStopReleasesTheRest) {
   pipeline p("sync=false max-buffers=1");
-  p.play();
-  for (guint64 i = 0; i < 4; i++) p.push(numbered(i));
+  p.set(GST_STATE_PLAYING);
+  for (guint64 i = 0; i < 4; i++) p.push(i);
   std::vector<int> got;
   for (int n = 0; n < 2; n++) {
     int b = -1;
@@ -122,7 +108,7 @@ TEST(KelAppSink, FullQueueWaitsForPullsAndStopReleasesTheRest) {
   // Buffer 2 fills the queue, buffer 3 waits inside render: going down must
   // neither hang nor keep either.
   ASSERT_TRUE(eventually([&] { return p.arrived.load() == 4; }));
-  p.stop();
+  p.set(GST_STATE_NULL);
   EXPECT_EQ(p.freed.load(), 4);
 }
 
@@ -132,10 +118,11 @@ struct recorder {
   std::vector<std::string> log;
   std::atomic<bool> off_caller_thread{true};
   std::thread::id caller = std::this_thread::get_id();
-  void add(std::string s) {
-    if (std::this_thread::get_id() == caller) off_caller_thread = false;
-    std::lock_guard<std::mutex> g(lock);
-    log.push_back(std::move(s));
+  static void add(gpointer self, const std::string &s) {
+    auto *r = static_cast<recorder *>(self);
+    if (std::this_thread::get_id() == r->caller) r->off_caller_thread = false;
+    std::lock_guard<std::mutex> g(r->lock);
+    r->log.push_back(s);
   }
   std::vector<std::string> snapshot() {
     std::lock_guard<std::mutex> g(lock);
@@ -143,21 +130,13 @@ struct recorder {
   }
 };
 
-recorder *rec(gpointer data) { return static_cast<recorder *>(data); }
-
-gint on_render(GstKelAppSink *sink, gpointer data) {
-  rec(data)->add("render " + std::to_string(pull_number(sink)));
-  return 0;
-}
-
-gint on_event(GstKelAppSink *, GstEvent *ev, gpointer data) {
+gint on_event(GstKelAppSink *, GstEvent *ev, gpointer r) {
   const GstStructure *s = gst_event_get_structure(ev);
   gint dir = -1;
-  if (s != nullptr && gst_structure_has_name(s, "KELPlayInfo") &&
-      gst_structure_get_int(s, "direction", &dir))
-    rec(data)->add("play-info " + std::to_string(dir));
+  if (s != nullptr && gst_structure_get_int(s, "direction", &dir))
+    recorder::add(r, "play-info " + std::to_string(dir));
   else if (GST_EVENT_TYPE(ev) == GST_EVENT_EOS)
-    rec(data)->add("eos event");
+    recorder::add(r, "eos event");
   return 0;
 }
 
@@ -166,31 +145,33 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
   {
     pipeline p("sync=false drop=true max-buffers=3");
     const GstKelAppSinkRenderCallbacks render_cbs = {
-        [](GstKelAppSink *, gpointer d) { rec(d)->add("render eos"); }, on_render, {}};
-    const GstKelAppSinkCallbacks cbs = {[](GstKelAppSink *, gpointer d) { rec(d)->add("eos"); },
-                                        on_event,
-                                        [](GstKelAppSink *, gpointer d) -> gint {
-                                          rec(d)->add("preroll");
-                                          return 0;
-                                        },
-                                        [](GstKelAppSink *, gint code, gpointer d) -> gint {
-                                          rec(d)->add("report " + std::to_string(code));
-                                          return 0;
-                                        },
-                                        {}};
+        [](GstKelAppSink *, gpointer d) { recorder::add(d, "render eos"); },
+        [](GstKelAppSink *sink, gpointer d) -> gint {
+          recorder::add(d, "render " + std::to_string(pull_number(sink)));
+          return 0;
+        },
+        {}};
+    const GstKelAppSinkCallbacks cbs = {
+        [](GstKelAppSink *, gpointer d) { recorder::add(d, "eos"); },
+        on_event,
+        [](GstKelAppSink *, gpointer d) -> gint { return recorder::add(d, "preroll"), 0; },
+        [](GstKelAppSink *, gint code, gpointer d) -> gint {
+          return recorder::add(d, "report " + std::to_string(code)), 0;
+        },
+        {}};
     gst_kelapp_sink_set_render_callbacks(p.sink(), &render_cbs, &r, nullptr);
     gst_kelapp_sink_set_callbacks(p.sink(), &cbs, &r, nullptr);
-    p.play();
-    p.push(numbered(0));
-    p.push(numbered(1, true));
+    p.set(GST_STATE_PLAYING);
+    p.push(0);
+    p.push(1, true);
     // appsrc queues buffers on a thread of its own, and an event sent to it
     // would overtake the ones still queued: send it once both have rendered.
     ASSERT_TRUE(eventually([&] { return r.snapshot().size() >= 4; }));
     GstStructure *s = gst_structure_new("KELPlayInfo", "direction", G_TYPE_INT, 1, nullptr);
     ASSERT_TRUE(
-        gst_element_send_event(p.src(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s)));
-    p.push(numbered(2));
-    ASSERT_TRUE(p.push_eos_and_wait());
+        gst_element_send_event(p.src.get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s)));
+    p.push(2);
+    ASSERT_TRUE(p.eos_reached());
   }
   EXPECT_EQ(r.snapshot(),
             (std::vector<std::string>{"preroll", "render 0", "render 1", "report 35", "play-info 1",
@@ -198,19 +179,18 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
   EXPECT_TRUE(r.off_caller_thread.load());
 }
 
-void on_notify(gpointer data) { rec(data)->add("notify"); }
-
 TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) {
-  expect_element_basics("kelappsink");
+  expect_element_basics("kelappsink", 4);
   recorder first, second, render;
+  const GDestroyNotify notify = [](gpointer d) { recorder::add(d, "notify"); };
   auto element = orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
   auto *sink = GST_KELAPP_SINK(element.get());
   EXPECT_EQ(gst_kelapp_sink_pull_buffer(sink), nullptr);
   const GstKelAppSinkCallbacks cbs = {};
   const GstKelAppSinkRenderCallbacks render_cbs = {};
-  gst_kelapp_sink_set_callbacks(sink, &cbs, &first, on_notify);
-  gst_kelapp_sink_set_render_callbacks(sink, &render_cbs, &render, on_notify);
-  gst_kelapp_sink_set_callbacks(sink, &cbs, &second, on_notify);
+  gst_kelapp_sink_set_callbacks(sink, &cbs, &first, notify);
+  gst_kelapp_sink_set_render_callbacks(sink, &render_cbs, &render, notify);
+  gst_kelapp_sink_set_callbacks(sink, &cbs, &second, notify);
   EXPECT_EQ(first.snapshot(), std::vector<std::string>{"notify"});
   EXPECT_TRUE(second.snapshot().empty());
 
@@ -228,13 +208,12 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
   g_object_get(element.get(), "priority", &priority, "enable-last-sample", &last_sample, nullptr);
   EXPECT_TRUE(priority == 0 && !last_sample);
   // Something that is no sink is refused, and keeps the sink's tables.
-  for (GstKelAppSink *other :
+  for (auto *other :
        {reinterpret_cast<GstKelAppSink *>(pad.get()), static_cast<GstKelAppSink *>(nullptr)}) {
-    gst_kelapp_sink_set_callbacks(other, &cbs, &first, on_notify);
-    gst_kelapp_sink_set_render_callbacks(other, &render_cbs, &first, on_notify);
+    gst_kelapp_sink_set_callbacks(other, &cbs, &first, notify);
+    gst_kelapp_sink_set_render_callbacks(other, &render_cbs, &first, notify);
     EXPECT_EQ(gst_kelapp_sink_pull_buffer(other), nullptr);
   }
-
   element.reset();
   EXPECT_EQ(second.snapshot(), std::vector<std::string>{"notify"});
   EXPECT_EQ(render.snapshot(), std::vector<std::string>{"notify"});

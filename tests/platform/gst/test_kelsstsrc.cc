@@ -26,6 +26,7 @@ struct channel_file {
   int ch;
   int jump = 6;
   bool three_byte_start = false;  // start codes 00 00 01, which a recorder may write
+  const char *tail = "";          // the start of a write cut short
 };
 
 // A frame's SEI (version, channel, type, size, time; emulation prevention)
@@ -58,6 +59,7 @@ class folder {
       for (int i = 0; i < 6; i++)
         append_frame(bytes, c.ch, i % 3 == 0,
                      kT0 + i * kFrame + (i >= c.jump ? 20 * GST_SECOND : 0), c.three_byte_start);
+      bytes += c.tail;
       gchar *name = g_strdup_printf("%s/ch%02d.h264", path_.c_str(), c.ch);
       g_file_set_contents(name, bytes.data(), static_cast<gssize>(bytes.size()), nullptr);
       g_free(name);
@@ -149,9 +151,10 @@ TEST(KelSstSrc, PlaysEachKindOfRecordingAndRequest) {
        "kelsstsrc: channel 1: the recorder's time jumps by 20040 ms at frame 3 of F/ch01.h264; "
        "playing on from there\n"},
       {"a search before the span starts at its begin; channels missing or beyond ch-num",
-       {{0}},
+       {{0, 6, false, "cut"}},
        "ch-mask=37 begin-time=" + ns(120) + " search-time=" + ns(-1000),
        "0:0@120* 40:0@160 80:0@200 | 5 4 120 0",
+       "kelsstsrc: recording F/ch00.h264 ends in a cut frame; playing the 6 whole frames\n"
        "kelsstsrc: channel 2 has no readable recording at F/ch02.h264\n"
        "kelsstsrc: ch-mask names channel 5, beyond ch-num 4\n"
        "kelsstsrc: search-time " +
@@ -249,8 +252,8 @@ TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSei) {
 }
 
 TEST(KelSstSrc, PropertiesAndFinalize) {
-  expect_element_basics("kelsstsrc");
-  expect_element_basics("kelsstrec");
+  expect_element_basics("kelsstsrc", 18);
+  expect_element_basics("kelsstrec", 6);
 }
 
 }  // namespace
