@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -74,7 +73,6 @@ std::vector<uint8_t> make_frame_sei(int channel, bool intra, uint32_t au_size, i
   put_le(data + 4, au_size, 4);
   put_le(data + 8, static_cast<uint64_t>(time), 8);
   std::vector<uint8_t> out;
-  out.reserve(64);
   out.push_back(0x00);  // the four-byte start code
   for (uint8_t b : kPrefix) out.push_back(b);
   // Emulation prevention over the data and the trailing bits.
@@ -248,15 +246,10 @@ bool recording::read_frame(const frame_entry &f, uint8_t *dest) const {
   if (f.file >= segments_.size()) return false;
   const segment &g = segments_[f.file];
   if (g.fd < 0) g.fd = open(g.path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (g.fd < 0) return false;
-  size_t done = 0;
-  while (done < f.size) {
-    ssize_t n = pread(g.fd, dest + done, f.size - done, static_cast<off_t>(f.offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  // A regular file gives the whole range in one read; less only where it has
+  // been cut since the scan.
+  return g.fd >= 0 &&
+         pread(g.fd, dest, f.size, static_cast<off_t>(f.offset)) == static_cast<ssize_t>(f.size);
 }
 
 }  // namespace kelsst

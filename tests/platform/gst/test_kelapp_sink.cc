@@ -130,13 +130,14 @@ struct recorder {
   }
 };
 
+// Each event by its type, a play-info event with its direction.
 gint on_event(GstKelAppSink *, GstEvent *ev, gpointer r) {
   const GstStructure *s = gst_event_get_structure(ev);
   gint dir = -1;
+  std::string name = GST_EVENT_TYPE_NAME(ev);
   if (s != nullptr && gst_structure_get_int(s, "direction", &dir))
-    recorder::add(r, "play-info " + std::to_string(dir));
-  else if (GST_EVENT_TYPE(ev) == GST_EVENT_EOS)
-    recorder::add(r, "eos event");
+    name += " " + std::to_string(dir);
+  recorder::add(r, name);
   return 0;
 }
 
@@ -152,7 +153,7 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
         },
         {}};
     const GstKelAppSinkCallbacks cbs = {
-        [](GstKelAppSink *, gpointer d) { recorder::add(d, "eos"); },
+        [](GstKelAppSink *, gpointer d) { recorder::add(d, "eos callback"); },
         on_event,
         [](GstKelAppSink *, gpointer d) -> gint { return recorder::add(d, "preroll"), 0; },
         [](GstKelAppSink *, gint code, gpointer d) -> gint {
@@ -172,10 +173,14 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
         gst_element_send_event(p.src.get(), gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, s)));
     p.push(2);
     ASSERT_TRUE(p.eos_reached());
+    // A flush is not part of the stream: the event callback never sees it.
+    gst_pad_send_event(p.pad.get(), gst_event_new_flush_start());
+    gst_pad_send_event(p.pad.get(), gst_event_new_flush_stop(TRUE));
   }
   EXPECT_EQ(r.snapshot(),
-            (std::vector<std::string>{"preroll", "render 0", "render 1", "report 35", "play-info 1",
-                                      "render 2", "eos event", "render eos", "eos"}));
+            (std::vector<std::string>{"stream-start", "segment", "preroll", "render 0", "render 1",
+                                      "report 35", "custom-downstream 1", "render 2", "eos",
+                                      "render eos", "eos callback"}));
   EXPECT_TRUE(r.off_caller_thread.load());
 }
 
