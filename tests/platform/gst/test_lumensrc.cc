@@ -247,18 +247,26 @@ TEST(LumenSrc, BadRequestsAreRefusedWithAWarningAndOthersGoOn) {
 
   // Addresses that can never be opened: the camera stays closed.  A file
   // that isn't there yet opens the camera without a signal, to be tried
-  // again; it can be given a working source after a close.
+  // again; the camera can be given another source after a close.
   for (const char *uri : {"nosuchscheme://camera", "not a uri"}) {
     g_object_set(src, "channel", 7, "stream", 0, "uri", uri, nullptr);
     EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), -1) << uri;
   }
   EXPECT_EQ(gst_lumen_src_close_ch(src, 7, 0), -1);
-  g_object_set(src, "channel", 7, "stream", 0, "uri", "file:///no/such/file.mkv", nullptr);
+  const file_folder folder;
+  const std::string late = "file://" + folder.path + "/late.mkv";
+  g_object_set(src, "channel", 7, "stream", 0, "uri", late.c_str(), nullptr);
   EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), 0);
-  EXPECT_TRUE(said.has(7, "lost: no such file: file:///no/such/file.mkv"));
+  EXPECT_TRUE(said.has(7, "lost: no such file: " + late));
   guint no_signal = 0;
   g_object_get(src, "no-signal", &no_signal, nullptr);
   EXPECT_EQ(no_signal, 1u << 7);
+  // The file arrives whole: a later try plays it, and the camera is back.
+  ASSERT_FALSE(folder.make("copying.mkv", "-frames:v 25").empty());
+  std::filesystem::rename(folder.path + "/copying.mkv", folder.path + "/late.mkv");
+  EXPECT_TRUE(testing_support::eventually([&] { return said.has(7, "resumed"); }));
+  g_object_get(src, "no-signal", &no_signal, nullptr);
+  EXPECT_EQ(no_signal, 0u);
   EXPECT_EQ(gst_lumen_src_close_ch(src, 7, 0), 0);
   g_object_set(src, "channel", 7, "stream", 0, "uri", "", nullptr);
   EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), 0);
@@ -317,14 +325,15 @@ TEST(LumenSrc, FilesLoopAtTheirRateAndFailingSourcesStopOnlyTheirCamera) {
   g_object_set(h.src(), "channel", 0, "stream", 0, "uri", uri.c_str(), nullptr);
   ASSERT_EQ(gst_lumen_src_open_ch(h.src(), 0, LUMEN_SRC_OPEN_MAIN), 0);
   ASSERT_EQ(gst_lumen_src_open_ch(h.src(), 1, LUMEN_SRC_OPEN_MAIN), 0);
-  // Two plays and a frame; the first no faster than 25 frames a second.
+  // Two plays and a frame; the first paced at 25 frames a second, not as fast as
+  // the file decodes (the bound is loose for a loaded machine).
   const auto looped =
       of_channel(h.collect([](const frames_t &f) { return of_channel(f, 0).size() >= 31; }), 0);
   ASSERT_GE(looped.size(), 31u);
-  EXPECT_GE(looped[15].list_pts - looped[0].list_pts, 15 * GST_SECOND / 25 * 9 / 10);
+  EXPECT_GE(looped[15].list_pts - looped[0].list_pts, 15 * GST_SECOND / 25 / 2);
   g_object_set(h.src(), "loop", FALSE, nullptr);
   h.collect([&](const frames_t &) { return ev.has(0, "lost: "); });
-  EXPECT_TRUE(ev.has(0, "lost: end of stream"));
+  EXPECT_TRUE(ev.has(0, "lost: end of stream") && ev.has(-1, "camera 0 lost: end of stream\n"));
   EXPECT_GE(count_of(h.collect(has_intra(1, 2)), 1, 1), 2u) << "camera 1 goes on";
   EXPECT_EQ(gst_lumen_src_close_ch(h.src(), 0, 0), -1);
   EXPECT_EQ(gst_lumen_src_open_ch(h.src(), 0, LUMEN_SRC_OPEN_MAIN), 0);
