@@ -1,8 +1,9 @@
 // The engine's cost over the decoder's: the CPU the whole engine spends per
 // decoded frame on one port, against a bare libavcodec decode loop on the
-// same stream, both on one thread, in the same run.  The engine's CPU is
-// that of its threads and of its calls on the feeding thread; the feeding
-// thread's own waits for room in the port's queue are the benchmark's.
+// same stream, both on one thread, in the same run, on one CPU.  The
+// engine's CPU is that of its threads and of its calls on the feeding
+// thread; the feeding thread's own waits for room in the port's queue are
+// the benchmark's.
 //
 //   BM_EngineOverBareDecode/H/K H = 360, 720, 1080 lines; K 0 the synthetic
 //                               streams, K 1 the files of libx264 (skipped
@@ -14,10 +15,13 @@
 //                               pass of either is at the mercy of the
 //                               neighbours.
 #include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -114,6 +118,38 @@ double engine_ms_per_frame(const std::vector<ravel_synth::frame> &frames, int ro
   return 1000.0 * cpu / static_cast<double>(static_cast<uint64_t>(rounds) * frames.size());
 }
 
+// Every thread of the process on one CPU for the scope's life, then back.
+// Both sides then decode on the same core, and the engine's hand-offs
+// between the feeder and the port's thread cost what they cost there; spread
+// over two idle virtual CPUs, each wake-up would also pay for the other CPU
+// coming out of its idle state, which swings the ratio from run to run.
+class one_cpu {
+ public:
+  one_cpu() {
+    CPU_ZERO(&all_);
+    sched_getaffinity(0, sizeof all_, &all_);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    set_all(one);
+  }
+  ~one_cpu() { set_all(all_); }
+  one_cpu(const one_cpu &) = delete;
+  one_cpu &operator=(const one_cpu &) = delete;
+
+ private:
+  static void set_all(const cpu_set_t &set) {
+    DIR *tasks = opendir("/proc/self/task");
+    if (tasks == nullptr) return;
+    while (dirent *e = readdir(tasks)) {
+      if (e->d_name[0] == '.') continue;
+      sched_setaffinity(static_cast<pid_t>(std::atoi(e->d_name)), sizeof set, &set);
+    }
+    closedir(tasks);
+  }
+  cpu_set_t all_;
+};
+
 void BM_EngineOverBareDecode(benchmark::State &state) {
   const int height = static_cast<int>(state.range(0));
   const int kind = static_cast<int>(state.range(1));
@@ -124,6 +160,7 @@ void BM_EngineOverBareDecode(benchmark::State &state) {
   }
   const auto &frames = *frames_of(kind, height, 0);
   engine();
+  one_cpu pinned;
   bare_decoder bare_dec;
   // One warm-up pass each, which also sizes the turns.
   const double first = bare_dec.ms_per_frame(frames, 1);
