@@ -23,7 +23,7 @@ function(orlo_fuzzer name)
   list(TRANSFORM F_INCLUDES PREPEND -I OUTPUT_VARIABLE includes)
   list(TRANSFORM F_DEFINES PREPEND -D OUTPUT_VARIABLE defines)
   set(objects)
-  foreach(source ${F_SOURCES} ${PROJECT_SOURCE_DIR}/tests/support/fuzz_defaults.cc)
+  foreach(source ${F_SOURCES} ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/defaults.cc)
     string(MAKE_C_IDENTIFIER ${source} id)
     set(object ${CMAKE_CURRENT_BINARY_DIR}/${name}.dir/${id}.o)
     add_custom_command(
