@@ -6,12 +6,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <array>
 #include <cstring>
-#include <ostream>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "fake_engine.hh"
 #include "log_capture.hh"
@@ -23,8 +21,7 @@ using names = std::vector<std::string>;
 using args_t = std::vector<int64_t>;
 using testing_support::log_capture;
 
-// A display of the given format (0: 1920 x 1080, 3: 1280 x 720, 6: 800 x 600)
-// for a device of `ch_count` channels.
+// A display of the given format (0: 1920 x 1080, 3: 1280 x 720, 6: 800 x 600).
 inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
   const int32_t formats[] = {format};
   orlo_display_t *h = orlo_display_new(formats, 0, ch_count, 0, 1, -1, nullptr);
@@ -32,19 +29,16 @@ inline orlo_display_t *make_display(int32_t format = 0, int32_t ch_count = 16) {
   return h;
 }
 
-// A record without a region.
 inline constexpr orlo_vr_t kUnset = {-1, -1, -1, -1, -1, 1, -1, -1, -1, -1, 0};
 
-// A region: layer 1, crop unset, flag 0 unless said otherwise.
+// A region: crop unset, flag 0.
 inline orlo_vr_t R(int ch, int x, int y, int w, int h, int layer = 1) {
   return orlo_vr_t{ch, x, y, w, h, layer, -1, -1, -1, -1, 0};
 }
 
-inline int64_t engine_word() { return reinterpret_cast<intptr_t>(fake_engine::handle()); }
-
-// The engine's arguments behind its handle.
+// The engine's arguments: its handle, then `rest`.
 inline args_t with_engine(args_t rest) {
-  rest.insert(rest.begin(), engine_word());
+  rest.insert(rest.begin(), reinterpret_cast<intptr_t>(fake_engine::handle()));
   return rest;
 }
 
@@ -59,7 +53,7 @@ T *at_page_end() {
   return reinterpret_cast<T *>(two + page - sizeof(T));
 }
 
-// Runs `fn` with standard output captured; gives what it printed.
+// What `fn` printed to standard output.
 template <typename Fn>
 std::string printed_by(Fn fn) {
   ::testing::internal::CaptureStdout();

@@ -1,7 +1,5 @@
 // The geometry change: scaling, rounding, overlap repair, the engine's calls
 // for both outputs; and the repair on its own.
-#include <array>
-
 #include "display/display_overlap.hh"
 #include "display_fixture.hh"
 
@@ -17,25 +15,23 @@ vr_list list_of(std::vector<orlo_vr_t> used) {
   return v;
 }
 
+// The calls of ravel_change_geometry: count, display, kind and the regions.
 struct geometry_call {
   int count, display, kind;
-  std::vector<orlo_vr_t> regions;  // the first `count` records
+  std::vector<orlo_vr_t> regions;
 };
-
 std::vector<geometry_call> geometry_calls() {
   std::vector<geometry_call> out;
   for (const auto &c : fake_engine::calls("ravel_change_geometry")) {
-    EXPECT_EQ(c.args[0], engine_word());
-    geometry_call g{int(c.args[2]), int(c.args[3]), int(c.args[4]),
-                    std::vector<orlo_vr_t>(c.args[2])};
-    if (!g.regions.empty())  // an empty list comes with no record to copy
-      std::memcpy(g.regions.data(), c.record.data(), sizeof(orlo_vr_t) * g.regions.size());
+    EXPECT_EQ(c.args[0], with_engine({})[0]);
+    geometry_call g{int(c.args[2]), int(c.args[3]), int(c.args[4]), {}};
+    g.regions.resize(g.count);
+    if (g.count > 0) std::memcpy(g.regions.data(), c.record.data(), sizeof(orlo_vr_t) * g.count);
     out.push_back(g);
   }
   return out;
 }
 
-// The change with standard output captured into `out`.
 int change(orlo_display_t *h, const vr_list &vr, int mode, std::string *out = nullptr) {
   int ret = 0;
   const std::string printed = printed_by([&] { ret = orlo_display_change(h, vr.data(), 0, mode); });
@@ -43,7 +39,8 @@ int change(orlo_display_t *h, const vr_list &vr, int mode, std::string *out = nu
   return ret;
 }
 
-// Mode 7 with a mosaic of 1920 x 1000 on a display of 800 x 600.
+// Mode 7 with a mosaic of 1920 x 1000 on a display of 800 x 600: the middle
+// row overlaps the one below by 2 and gives way.
 TEST(DisplayChange, NineTilesOn800x600RepairTheMiddleRowAndFeedTheSecondOutput) {
   log_capture log;
   orlo_display_t *h = make_display(6);
@@ -52,7 +49,6 @@ TEST(DisplayChange, NineTilesOn800x600RepairTheMiddleRowAndFeedTheSecondOutput) 
   ASSERT_EQ(orlo_display_get_user_vr(h, 7, 0, 0, 1920, 1000, c.data(), nullptr, vr.data()), 0);
   std::string printed;
   EXPECT_EQ(change(h, vr, 7, &printed), 0);
-
   const auto calls = geometry_calls();
   ASSERT_EQ(calls.size(), 2u);
   EXPECT_EQ((std::array<int, 6>{calls[0].count, calls[0].display, calls[0].kind, calls[1].count,
@@ -75,8 +71,7 @@ TEST(DisplayChange, NineTilesOn800x600RepairTheMiddleRowAndFeedTheSecondOutput) 
   EXPECT_TRUE(
       std::regex_match(printed, std::regex("orlo_display_change: [0-9]+: vr_num = 9, mode: 0\n")))
       << printed;
-  // The handle keeps the caller's list, unscaled.
-  EXPECT_EQ(std::memcmp(h->vr, vr.data(), sizeof h->vr), 0);
+  EXPECT_EQ(std::memcmp(h->vr, vr.data(), sizeof h->vr), 0);  // the caller's list, unscaled
 }
 
 TEST(DisplayChange, ScalesOnlyThePlaceAndSize) {
@@ -89,19 +84,19 @@ TEST(DisplayChange, ScalesOnlyThePlaceAndSize) {
   const auto calls = geometry_calls();
   ASSERT_EQ(calls.size(), 2u);
   // even(333) = 334 -> 222.6 -> 222 -> 224; even(201) = 202 -> 134.6 -> 134;
-  // x 101 -> 67.3 -> 67 -> 72; y 51 -> 34.
-  EXPECT_EQ(calls[0].regions[0], (orlo_vr_t{5, 72, 34, 224, 134, 2, 10, 20, 30, 40, 7}));
-  // Second output: no rounding before, even after: 67 -> 68, 222, 34, 134.
-  EXPECT_EQ(calls[1].regions[0], (orlo_vr_t{5, 68, 34, 222, 134, 2, 10, 20, 30, 40, 7}));
-  // y 1079: 719.3 -> 719 -> 720 on both outputs.
-  EXPECT_EQ(calls[0].regions[1], R(6, 0, 720, 8, 2));
-  EXPECT_EQ(calls[1].regions[1], R(6, 0, 720, 6, 2));
+  // x 101 -> 67.3 -> 67 -> 72; y 51 -> 34.  Second output: no rounding
+  // before, even after: 67 -> 68, 222, 34, 134.  y 1079 -> 719.3 -> 720.
+  EXPECT_EQ(calls[0].regions, (std::vector{orlo_vr_t{5, 72, 34, 224, 134, 2, 10, 20, 30, 40, 7},
+                                           R(6, 0, 720, 8, 2)}));
+  EXPECT_EQ(calls[1].regions, (std::vector{orlo_vr_t{5, 68, 34, 222, 134, 2, 10, 20, 30, 40, 7},
+                                           R(6, 0, 720, 6, 2)}));
 }
 
 // The count stops at the first free record or at 37.  The second output is
 // fed once, after the first output took a change; a refusal of either call
-// is the caller's result.
-TEST(DisplayChange, CountAndTheSecondOutputOnceAfterTheFirstSucceeds) {
+// is the caller's result.  The kind is live (0) or playback (1) by mode; an
+// unknown mode is live, with a warning.
+TEST(DisplayChange, CountKindAndTheSecondOutputOnceAfterTheFirstSucceeds) {
   log_capture log;
   orlo_display_t *h = make_display(0);
   vr_list full;
@@ -117,29 +112,19 @@ TEST(DisplayChange, CountAndTheSecondOutputOnceAfterTheFirstSucceeds) {
   for (const auto &c : geometry_calls()) seen.insert(seen.end(), {c.display, c.count});
   EXPECT_EQ(seen, (std::vector<int>{0, 37, 0, 4, 2, 4, 0, 0}));
   EXPECT_TRUE(log.texts(G_LOG_LEVEL_WARNING).empty());
-}
 
-// Live (0) or playback (1) by mode; an unknown mode is live, with a warning.
-TEST(DisplayChange, LiveOrPlaybackByMode) {
-  log_capture log;
-  orlo_display_t *h = make_display(0);
-  const struct {
-    int mode, kind;
-    bool warned;
-  } cases[] = {{0, 0, false},   {10, 0, false}, {100, 0, false}, {11, 1, false}, {22, 1, false},
-               {101, 1, false}, {23, 0, true},  {-1, 0, true},   {99, 0, true},  {102, 0, true}};
-  for (const auto &p : cases) {
-    SCOPED_TRACE(p.mode);
+  for (auto [mode, kind] :
+       {std::pair{0, 0}, {10, 0}, {100, 0}, {11, 1}, {22, 1}, {101, 1}, {23, 0}, {-1, 0}}) {
     log.clear();
     fake_engine::reset();
     std::string printed;
-    ASSERT_EQ(change(h, list_of({R(1, 0, 0, 1920, 1080)}), p.mode, &printed), 0);
-    for (const auto &c : geometry_calls()) EXPECT_EQ(c.kind, p.kind);
-    names expected;
-    if (p.warned)
-      expected.push_back("orlo_display_change:L: config_mode: " + std::to_string(p.mode) + "\n");
-    EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), expected);
-    EXPECT_NE(printed.find("mode: " + std::to_string(p.kind) + "\n"), std::string::npos);
+    ASSERT_EQ(change(h, list_of({R(1, 0, 0, 1920, 1080)}), mode, &printed), 0);
+    EXPECT_EQ(geometry_calls().at(0).kind, kind) << mode;
+    EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING),
+              mode == 23 || mode == -1
+                  ? names{"orlo_display_change:L: config_mode: " + std::to_string(mode) + "\n"}
+                  : names{});
+    EXPECT_NE(printed.find("mode: " + std::to_string(kind) + "\n"), std::string::npos) << mode;
   }
 }
 
@@ -148,40 +133,35 @@ TEST(DisplayChange, LiveOrPlaybackByMode) {
 TEST(OverlapRepair, EarlierRegionGivesWay) {
   const std::string W = "_fix_dispOverlap:L: ";
   const struct {
-    std::vector<orlo_vr_t> in, out;
-    names warnings;
+    std::vector<orlo_vr_t> in;
+    orlo_vr_t first;  // the first region afterwards; the others stay
+    std::string warning;
   } cases[] = {
-      {{R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100)},
-       {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100)},
-       {W + "(vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
-      {{R(0, 99, 0, 100, 100), R(1, 0, 0, 100, 100)},
-       {R(0, 100, 0, 99, 100), R(1, 0, 0, 100, 100)},
-       {W + "vr[0].x:99 < (vr[1].x:0 + vr[1].width:100)\n"}},
-      {{R(0, 0, 98, 100, 100), R(1, 0, 0, 100, 100)},
-       {R(0, 0, 100, 100, 98), R(1, 0, 0, 100, 100)},
-       {W + "vr[0].y:98 < (vr[1].y:0 + vr[1].height:100)\n"}},
-      {{R(0, 0, 0, 101, 101), R(1, 100, 100, 50, 50)},
-       {R(0, 0, 0, 100, 101), R(1, 100, 100, 50, 50)},
-       {W + "(vr[0].x:0 + vr[0].width:101) > vr[1].x:100\n"}},
-      // Edges that only touch are no overlap.
-      {{R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
-       {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
-       {}},
-      {{R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
-       {R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)},
-       {}},
-      // The first repair removes the overlap with the third region.
       {{R(0, 0, 0, 102, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
-       {R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 101, 0, 100, 100)},
-       {W + "(vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"}},
+       R(0, 0, 0, 100, 100),  // seen repaired by the third pair
+       W + "(vr[0].x:0 + vr[0].width:102) > vr[1].x:100\n"},
+      {{R(0, 99, 0, 100, 100), R(1, 0, 0, 100, 100)},
+       R(0, 100, 0, 99, 100),
+       W + "vr[0].x:99 < (vr[1].x:0 + vr[1].width:100)\n"},
+      {{R(0, 0, 98, 100, 100), R(1, 0, 0, 100, 100)},
+       R(0, 0, 100, 100, 98),
+       W + "vr[0].y:98 < (vr[1].y:0 + vr[1].height:100)\n"},
+      {{R(0, 0, 0, 101, 101), R(1, 100, 100, 50, 50)},
+       R(0, 0, 0, 100, 101),
+       W + "(vr[0].x:0 + vr[0].width:101) > vr[1].x:100\n"},
+      {{R(0, 0, 0, 100, 100), R(1, 100, 0, 100, 100), R(2, 0, 100, 100, 100)},
+       R(0, 0, 0, 100, 100),
+       ""},  // edges that only touch
+      {{R(0, 0, 0, 103, 103), R(1, 100, 100, 100, 100)}, R(0, 0, 0, 103, 103), ""},
   };
   for (const auto &p : cases) {
-    SCOPED_TRACE(p.in[0]);
     log_capture log;
-    std::vector<orlo_vr_t> vr = p.in;
+    std::vector<orlo_vr_t> vr = p.in, expected = p.in;
+    expected[0] = p.first;
     orlo::_fix_dispOverlap(vr.data(), static_cast<int>(vr.size()));
-    EXPECT_EQ(vr, p.out);
-    EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING), p.warnings);
+    EXPECT_EQ(vr, expected) << p.in[0];
+    EXPECT_EQ(texts_without_lines(log, G_LOG_LEVEL_WARNING),
+              p.warning.empty() ? names{} : names{p.warning});
   }
 }
 
