@@ -1,6 +1,7 @@
 // Control operations: what reaches the engine, what is copied, what is
 // logged and what comes back.
 #include <functional>
+#include <numeric>
 
 #include "display_fixture.hh"
 
@@ -125,8 +126,7 @@ TEST(RecordCopy, MaskCountEntriesFixedSizeRecordsAndIpOsdText) {
     int32_t word0, count, entry[4][7];
   } m;
   m.word0 = 0x7777;
-  for (int e = 0; e < 4; e++)
-    for (int w = 0; w < 7; w++) m.entry[e][w] = 100 * (e + 1) + w;
+  std::iota(&m.entry[0][0], &m.entry[0][0] + 28, 100);
   fake_engine::script_result("ravel_set_mask", 6);
   // Word 0 is not read; entries beyond the count stay zero.
   for (int count : {-2, 3, 4}) {
