@@ -10,10 +10,8 @@
 
 namespace {
 
-template <typename Fn>
-Fn real(const char *name) {
-  return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+// The library's own function of that name, which the spy hands on to.
+#define REAL(fn) reinterpret_cast<decltype(&fn)>(dlsym(RTLD_NEXT, #fn))
 
 std::mutex lock;
 std::string launch_text;
@@ -25,14 +23,14 @@ gpointer callbacks_user_data = nullptr;
 }  // namespace
 
 extern "C" SPY void g_free(gpointer p) {
-  static auto free_fn = real<void (*)(gpointer)>("g_free");
+  static auto free_fn = REAL(g_free);
   const void *expected = p;
   if (p != nullptr) launch_string.compare_exchange_strong(expected, nullptr);
   free_fn(p);
 }
 
 extern "C" SPY GstElement *gst_parse_launch(const gchar *line, GError **error) {
-  static auto parse = real<GstElement *(*)(const gchar *, GError **)>("gst_parse_launch");
+  static auto parse = REAL(gst_parse_launch);
   {
     std::lock_guard<std::mutex> g(lock);
     launch_text = line;
@@ -42,7 +40,7 @@ extern "C" SPY GstElement *gst_parse_launch(const gchar *line, GError **error) {
 }
 
 extern "C" SPY gpointer g_try_malloc0(gsize size) {
-  static auto alloc = real<gpointer (*)(gsize)>("g_try_malloc0");
+  static auto alloc = REAL(g_try_malloc0);
   gsize expected = size;
   if (size != 0 && failing_size.compare_exchange_strong(expected, 0)) return nullptr;
   return alloc(size);
@@ -51,9 +49,7 @@ extern "C" SPY gpointer g_try_malloc0(gsize size) {
 extern "C" SPY void gst_kelapp_sink_set_callbacks(GstKelAppSink *sink,
                                                   const GstKelAppSinkCallbacks *table,
                                                   gpointer user_data, GDestroyNotify notify) {
-  static auto set =
-      real<void (*)(GstKelAppSink *, const GstKelAppSinkCallbacks *, gpointer, GDestroyNotify)>(
-          "gst_kelapp_sink_set_callbacks");
+  static auto set = REAL(gst_kelapp_sink_set_callbacks);
   {
     std::lock_guard<std::mutex> g(lock);
     callbacks = *table;

@@ -22,15 +22,11 @@ inline constexpr int64_t kStart = 1700000000LL * 1000000000LL;  // recorder time
 inline constexpr int64_t kFrameNs = 1000000000LL / 25;
 
 // A temporary folder removed with its files at the end of the scope.
-class temp_folder {
- public:
+struct temp_folder {
   temp_folder();
   ~temp_folder();
   temp_folder(const temp_folder &) = delete;
-  temp_folder &operator=(const temp_folder &) = delete;
   const std::string &path() const { return path_; }
-
- private:
   std::string path_;
 };
 
@@ -38,10 +34,9 @@ class temp_folder {
 bool run_to_eos(GstElement *pipeline);
 
 // Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
-// the first at recorder time `start`, into the folder's "chNN.h264", with the
+// the first at recorder time kStart, into the folder's "chNN.h264", with the
 // recorder's file `limit` if one is given.
-bool record_channel(const std::string &folder, int ch, int frames, int64_t start = kStart,
-                    const char *limit = "");
+bool record_channel(const std::string &folder, int ch, int frames, const char *limit = "");
 
 inline orlo_timeval_t tv(int64_t ns) {
   return orlo_timeval_t{static_cast<int32_t>(ns / 1000000000),
@@ -51,7 +46,6 @@ inline orlo_timeval_t tv(int64_t ns) {
 struct frame_seen {
   int ch;
   int type;
-  uint32_t size;
   int64_t time;  // recorder time, ns
 };
 frame_seen read_header(const uint8_t *d);
@@ -70,11 +64,9 @@ class collector {
   std::vector<frame_seen> frames_;
 };
 
-GstState state_of(GstElement *e);
-
-// Checks "name=value name=value ..." against the element's integer and
-// boolean properties.
-void expect_props(GstElement *e, const char *want);
+// Checks "name=value name=value ..." against the element's properties as
+// GLib prints them (TRUE, FALSE, decimal numbers).
+void expect_props(GstElement *e, const std::string &want);
 
 }  // namespace pipes_test
 

