@@ -32,13 +32,14 @@ bool run_to_eos(GstElement *p) {
   return ok;
 }
 
-bool record_channel(const std::string &folder, int ch, int frames, const char *limit) {
+bool record_channel(const std::string &folder, int ch, int frames, const char *limit,
+                    int64_t start) {
   gchar *launch = g_strdup_printf(
       "videotestsrc num-buffers=%d pattern=ball ! video/x-raw,width=64,height=48,framerate=25/1 "
       "! x264enc tune=zerolatency speed-preset=ultrafast bframes=0 key-int-max=10 "
       "! video/x-h264,stream-format=byte-stream,alignment=au "
       "! kelsstrec location=\"%s\" ch=%d start-time=%" G_GINT64_FORMAT " %s",
-      frames, folder.c_str(), ch, kStart, limit);
+      frames, folder.c_str(), ch, start, limit);
   GstElement *p = gst_parse_launch(launch, nullptr);
   g_free(launch);
   if (p == nullptr) return false;

@@ -34,9 +34,10 @@ struct temp_folder {
 bool run_to_eos(GstElement *pipeline);
 
 // Records `frames` frames of channel `ch` at 25 fps, an intra frame every 10,
-// the first at recorder time kStart, into the folder's "chNN.h264", with the
+// the first at recorder time `start`, into the folder's "chNN.h264", with the
 // recorder's file `limit` if one is given.
-bool record_channel(const std::string &folder, int ch, int frames, const char *limit = "");
+bool record_channel(const std::string &folder, int ch, int frames, const char *limit = "",
+                    int64_t start = kStart);
 
 inline orlo_timeval_t tv(int64_t ns) {
   return orlo_timeval_t{static_cast<int32_t>(ns / 1000000000),

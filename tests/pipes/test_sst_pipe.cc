@@ -265,4 +265,32 @@ TEST(PipeRecords, AMissingRecordOrHandleIsRefusedWithItsLine) {
     EXPECT_EQ(log.count(line), 1) << line;
 }
 
+// A recording that is cut into files and still growing: the source looks for
+// new frames at its open rate and plays them on after the first EOS bit.
+TEST(SstPlay, ACutAndGrowingRecordingPlaysOnWithOpenRate) {
+  gst_init(nullptr, nullptr);
+  temp_folder folder;
+  constexpr int kShort = 30;
+  ASSERT_TRUE(record_channel(folder.path(), 0, kShort, "max-size=6000"));
+  ASSERT_TRUE(g_file_test((folder.path() + "/ch00-0001.h264").c_str(), G_FILE_TEST_EXISTS));
+  orlo_sst_pipe_t *h = orlo_sst_pipe_new();
+  ASSERT_NE(h, nullptr);
+  g_object_set(h->src, "location", folder.path().c_str(), "open-rate", 20, nullptr);
+  collector sink(h->kelappsink);
+  orlo_sst_pipe_set_param(h, 4, 0, 0, 1, tv(0), tv(0), tv(0), 4, 1);
+  orlo_sst_pipe_start(h);
+  EXPECT_TRUE(eventually(
+      [&] { return sink.frames().size() >= kShort && orlo_sst_pipe_get_eos_mask(h) == 1; }));
+  ASSERT_TRUE(record_channel(folder.path(), 0, 10, "", kStart + kShort * kFrameNs));
+  ASSERT_TRUE(eventually([&] { return sink.frames().size() >= kShort + 10; }));
+  int64_t last = 0;
+  for (const auto &f : sink.frames()) {
+    EXPECT_GT(f.time, last);
+    last = f.time;
+  }
+  EXPECT_EQ(last, kStart + (kShort + 9) * kFrameNs);
+  orlo_sst_pipe_stop(h);
+  orlo_sst_pipe_delete(h);
+}
+
 }  // namespace
