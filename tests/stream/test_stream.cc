@@ -262,7 +262,7 @@ TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
   decode_change(h, {{16, 4, 1}, {17, 5, 1}});
   sink.render("1:B0i");
   GstBuffer *overlong = make_frame(0, 1, "12345");
-  gst_kel_buddy_buffer_get_meta(overlong)->data[4] = 100;  // claims 100 bytes, holds 5
+  gst_kel_buddy_buffer_get_meta(overlong)->data[4] = 6;  // claims one byte too many
   // Channel 0's good frame comes first: nothing after it may stand in its
   // place.  Type 7 comes on a started slot.
   GstBuffer *l = list("0:A1i 84:edgei");
@@ -272,7 +272,7 @@ TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
   sink.render(l);
   EXPECT_EQ(pushes(), "5:B0i 4:A1i");
   const strings warnings = log.texts(G_LOG_LEVEL_WARNING);
-  const char *said[] = {"channel 84", "claims 100 payload bytes, the buffer holds 5",
+  const char *said[] = {"channel 84", "claims 6 payload bytes, the buffer holds 5\n",
                         "shorter than its header", "Invalid Frame Type = 7\n"};
   ASSERT_EQ(warnings.size(), 4u);
   for (size_t i = 0; i < 4; i++) EXPECT_NE(warnings[i].find(said[i]), std::string::npos) << i;
