@@ -58,13 +58,13 @@ extern "C" __attribute__((visibility("default"))) int open(const char *path, int
 
 namespace {
 
-// A list buffer of the frames in `spec`, "channel:payload" each, whose
+// A list buffer of the frames written in `frames`, "channel:payload" each, whose
 // type the payload's end tells: "i" an intra frame (1), "5" one of type 5,
 // ";" audio (10), anything else an inter frame (0).  A frame's timestamp is
 // 100 + its channel.  Each frame is watched by `fc` if given.
-GstBuffer *list(const std::string &spec, free_counter *fc = nullptr) {
+GstBuffer *list(const std::string &frames, free_counter *fc = nullptr) {
   GstBuffer *out = gst_kel_list_buffer_new();
-  std::istringstream in(spec);
+  std::istringstream in(frames);
   for (std::string w; in >> w;) {
     const std::string payload = w.substr(w.find(':') + 1);
     static const std::map<char, uint8_t> types = {{'i', 1}, {'5', 5}, {';', 10}};
@@ -106,7 +106,7 @@ struct direct_sink {
   }
   ~direct_sink() { gst_element_set_state(element.get(), GST_STATE_NULL); }
   void render(GstBuffer *buffer) { gst_pad_chain(pad.get(), buffer); }
-  void render(const std::string &spec) { render(list(spec)); }
+  void render(const std::string &frames) { render(list(frames)); }
 };
 
 // Port and payload of each push from the `skip`-th on, "port:payload".
@@ -425,8 +425,8 @@ TEST_F(Push, EveryBufferIsFreedExactlyOnce) {
   free_counter frames, lists;
   // In the second list channel 17's intra frame takes port 4 (stage A), so
   // A2 is foreign there (stage B) while its copy goes on.
-  for (const char *spec : {"0:A0i 2:C0i 0:pcm0;", "0:A1 2:C1 17:E0i 0:A2 3:D0i 5:pcm5;", ""})
-    sink.render(lists.watch(list(spec, &frames)));
+  for (const char *members : {"0:A0i 2:C0i 0:pcm0;", "0:A1 2:C1 17:E0i 0:A2 3:D0i 5:pcm5;", ""})
+    sink.render(lists.watch(list(members, &frames)));
   EXPECT_EQ(lists.freed.load(), 3);
   EXPECT_EQ(pushes(23), "4:E0i 9:A2");
   EXPECT_EQ(std::count(events.begin(), events.end(), "sleep 1000"), 21);
