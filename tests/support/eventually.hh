@@ -11,11 +11,9 @@ namespace testing_support {
 template <typename F>
 bool eventually(F &&ok, double seconds = 20) {
   const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (;;) {
-    if (ok()) return true;
+  for (; !ok(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
     if (std::chrono::steady_clock::now() >= until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  return true;
 }
 
 }  // namespace testing_support

@@ -1,85 +1,74 @@
 #include "fake_engine.hh"
 
 #include <algorithm>
-#include <deque>
-#include <iterator>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <type_traits>
+#include <utility>
 
 namespace fake_engine {
 namespace {
 
-struct state {
+struct {
   std::mutex lock;
   std::vector<call> log;
   std::map<std::string, answer> scripts;
-  bool hold = false;
-  std::deque<void *> held;
-  ravel_release_fn release = nullptr;
-};
-
-state &st() {
-  static state s;
-  return s;
-}
+  std::atomic<bool> hold = false;
+  std::vector<void *> held;
+  std::atomic<ravel_release_fn> release = nullptr;
+} st;
 
 int fake_handle_storage;
 
 // An argument as a word: integers widened, pointers (functions too) by address.
 template <typename T>
 int64_t word(T v) {
-  if constexpr (std::is_pointer_v<T>)
-    return static_cast<int64_t>(reinterpret_cast<intptr_t>(v));
-  else
-    return static_cast<int64_t>(v);
+  return (int64_t)v;  // a pointer of any kind or an integer
 }
 
-std::vector<uint8_t> bytes(const void *p, size_t n) {
+// `to` with a copy of the `n` bytes at `p` (none for NULL) appended.
+std::vector<uint8_t> bytes(const void *p, size_t n, std::vector<uint8_t> to = {}) {
   const auto *b = static_cast<const uint8_t *>(p);
-  return b != nullptr ? std::vector<uint8_t>(b, b + n) : std::vector<uint8_t>();
+  if (b != nullptr) to.insert(to.end(), b, b + n);
+  return to;
 }
 
-// Records the call and gives its scripted answer.
-int64_t record(call c, int64_t fallback = 0) {
-  answer fn;
-  {
-    std::lock_guard<std::mutex> g(st().lock);
-    st().log.push_back(c);
-    auto it = st().scripts.find(c.name);
-    if (it != st().scripts.end()) fn = it->second;
-  }
-  return fn ? fn(c) : fallback;
-}
+// The callbacks passed are kept as such, for tests that answer through them.
+void keep(call &c, ravel_jpeg_cb cb) { c.jpeg_cb = cb; }
+void keep(call &c, ravel_image_cb cb) { c.image_cb = cb; }
+template <typename T>
+void keep(call &, T) {}
 
-// Records a call of `name` with its argument words and a copy of `copy`.
+// Records a call of `name` with its argument words and a copy of a record, and
+// gives its scripted answer.
 template <typename... A>
-int32_t rec(const char *name, std::vector<uint8_t> copy, A... a) {
-  return static_cast<int32_t>(record({name, {word(a)...}, std::move(copy)}));
+int64_t rec(const char *name, std::vector<uint8_t> copy, A... a) {
+  call c{name, {word(a)...}, std::move(copy)};
+  (keep(c, a), ...);
+  std::unique_lock g(st.lock);
+  st.log.push_back(c);
+  const auto it = st.scripts.find(c.name);
+  const answer fn = it != st.scripts.end() ? it->second : answer();
+  g.unlock();
+  return fn ? fn(c) : c.name == "ravel_new" ? word(handle()) : 0;
 }
 
 }  // namespace
 
 void reset() {
-  {
-    std::lock_guard<std::mutex> g(st().lock);
-    st().log.clear();
-    st().scripts.clear();
-    st().hold = false;
-  }
+  hold_frames(false);
   release_held();
-}
-
-std::vector<call> calls() {
-  std::lock_guard<std::mutex> g(st().lock);
-  return st().log;
+  std::lock_guard g(st.lock);
+  st.log.clear();
+  st.scripts.clear();
 }
 
 std::vector<call> calls(const std::string &name) {
-  std::vector<call> out;
-  std::ranges::copy_if(calls(), std::back_inserter(out),
-                       [&](const call &c) { return c.name == name; });
+  std::unique_lock g(st.lock);
+  std::vector<call> out = st.log;
+  g.unlock();
+  if (!name.empty()) std::erase_if(out, [&](const call &c) { return c.name != name; });
   return out;
 }
 
@@ -90,8 +79,8 @@ std::vector<std::string> names() {
 }
 
 void script(const std::string &name, answer fn) {
-  std::lock_guard<std::mutex> g(st().lock);
-  st().scripts[name] = std::move(fn);
+  std::lock_guard g(st.lock);
+  st.scripts[name] = std::move(fn);
 }
 
 void script_result(const std::string &name, int64_t result) {
@@ -99,28 +88,21 @@ void script_result(const std::string &name, int64_t result) {
 }
 
 void script_sequence(const std::string &name, std::vector<int64_t> results) {
-  auto shared = std::make_shared<std::pair<std::mutex, std::deque<int64_t>>>();
-  shared->second.assign(results.begin(), results.end());
-  script(name, [shared](const call &) {
-    std::lock_guard<std::mutex> g(shared->first);
-    int64_t r = shared->second.front();
-    if (shared->second.size() > 1) shared->second.pop_front();
-    return r;
+  auto next = std::make_shared<std::atomic<size_t>>(0);
+  script(name, [results, next](const call &) {
+    return results[std::min(next->fetch_add(1), results.size() - 1)];
   });
 }
 
-void hold_frames(bool hold) {
-  std::lock_guard<std::mutex> g(st().lock);
-  st().hold = hold;
-}
+void hold_frames(bool hold) { st.hold = hold; }
 
 int release_held() {
-  std::unique_lock<std::mutex> g(st().lock);
-  std::deque<void *> held;
-  held.swap(st().held);
-  const ravel_release_fn rel = st().release;
+  std::unique_lock g(st.lock);
+  const std::vector<void *> held = std::exchange(st.held, {});
   g.unlock();
-  for (void *b : held) rel(b);
+  const ravel_release_fn release = st.release;
+  for (void *b : held)
+    if (release != nullptr) release(b);
   return static_cast<int>(held.size());
 }
 
@@ -130,8 +112,6 @@ ravel_t *handle() { return reinterpret_cast<ravel_t *>(&fake_handle_storage); }
 
 using fake_engine::bytes;
 using fake_engine::rec;
-using fake_engine::st;
-using fake_engine::word;
 
 // Calls recorded with their argument words alone, or also with a copy of the
 // record passed last.
@@ -146,21 +126,12 @@ ravel_t *ravel_new(const int32_t *formats, int32_t engine_opt, int32_t ch_count,
                    int32_t n_display_ids, int32_t r0, ravel_release_fn release, int32_t r1,
                    int32_t r2, int32_t r3, int32_t w24, const int32_t *display_ids,
                    int32_t engine_word, const int32_t *engine_block) {
-  {
-    std::lock_guard<std::mutex> g(st().lock);
-    st().release = release;
-  }
+  fake_engine::st.release = release;
   // The record holds the display ids, then the block, then the format word.
-  std::vector<uint8_t> copy = bytes(display_ids, 16);
-  for (const auto &part : {bytes(engine_block, 16), bytes(formats, 4)})
-    copy.insert(copy.end(), part.begin(), part.end());
-  const int64_t r =
-      fake_engine::record({"ravel_new",
-                           {word(formats), engine_opt, ch_count, n_display_ids, r0, word(release),
-                            r1, r2, r3, w24, word(display_ids), engine_word, word(engine_block)},
-                           copy},
-                          word(fake_engine::handle()));
-  return reinterpret_cast<ravel_t *>(static_cast<intptr_t>(r));
+  return reinterpret_cast<ravel_t *>(
+      rec(__func__, bytes(formats, 4, bytes(engine_block, 16, bytes(display_ids, 16))), formats,
+          engine_opt, ch_count, n_display_ids, r0, release, r1, r2, r3, w24, display_ids,
+          engine_word, engine_block));
 }
 
 PASS(ravel_init_dec_config_param, (ravel_t * e, ravel_dec_config_t *dec), e, dec)
@@ -178,34 +149,23 @@ int32_t ravel_change_geometry(ravel_t *e, const ravel_region_t *regions, int32_t
              playback);
 }
 
+// An accepted frame goes back through the release function at once, or when
+// the test lets the held ones go.
 int32_t ravel_put_decode_stream(ravel_t *e, int32_t port, void *buffer, const uint8_t *data,
                                 int32_t size, int32_t r0, ravel_jpeg_cb jpeg_cb,
                                 ravel_image_cb image_cb, int32_t r1, int32_t r2) {
-  fake_engine::call c{
-      "ravel_put_decode_stream",
-      {word(e), port, word(buffer), word(data), size, r0, word(jpeg_cb), word(image_cb), r1, r2},
-      bytes(data, size > 0 ? static_cast<size_t>(size) : 0)};
-  c.buffer = buffer;
-  c.jpeg_cb = jpeg_cb;
-  c.image_cb = image_cb;
-  const auto r = static_cast<int32_t>(fake_engine::record(c));
+  const auto r = static_cast<int32_t>(rec(__func__, bytes(data, size > 0 ? size_t(size) : 0), e,
+                                          port, buffer, data, size, r0, jpeg_cb, image_cb, r1, r2));
   if (r < 0 || buffer == nullptr) return r;
-  std::unique_lock<std::mutex> g(st().lock);
-  if (st().hold) {
-    st().held.push_back(buffer);
-    return r;
+  {
+    std::lock_guard g(fake_engine::st.lock);
+    fake_engine::st.held.push_back(buffer);
   }
-  const ravel_release_fn rel = st().release;
-  g.unlock();
-  if (rel != nullptr) rel(buffer);
+  if (!fake_engine::st.hold) fake_engine::release_held();
   return r;
 }
 
-int32_t ravel_jpeg_enc(ravel_t *e, int32_t ch, int32_t flag, ravel_jpeg_cb cb) {
-  fake_engine::call c{"ravel_jpeg_enc", {word(e), ch, flag, word(cb)}, {}};
-  c.jpeg_cb = cb;
-  return static_cast<int32_t>(fake_engine::record(c));
-}
+PASS(ravel_jpeg_enc, (ravel_t * e, int32_t ch, int32_t flag, ravel_jpeg_cb cb), e, ch, flag, cb)
 PASS(ravel_set_jpeg_dstntimeimg, (ravel_t * e, int32_t ch, uint32_t d, uint32_t t), e, ch, d, t)
 PASS(ravel_set_jpeg_timestamp, (ravel_t * e, int32_t port, uint32_t ts), e, port, ts)
 PASS(ravel_pause_frame, (ravel_t * e, int32_t port), e, port)
@@ -235,7 +195,7 @@ WITH_RECORD(ravel_set_rotate, int32_t)
 WITH_RECORD(ravel_set_datetime_format, ravel_datetime_format_t)
 WITH_RECORD(ravel_set_ip_osd_enable, ravel_ip_osd_t)
 uintptr_t ravel_get_hostcomm_addr(ravel_t *e, int32_t which, int32_t size) {
-  return static_cast<uintptr_t>(fake_engine::record({__func__, {word(e), which, size}, {}}));
+  return rec(__func__, {}, e, which, size);
 }
 
 }  // extern "C"

@@ -19,7 +19,6 @@ struct call {
   std::string name;
   std::vector<int64_t> args;    // the argument words, pointers as addresses
   std::vector<uint8_t> record;  // a copy of the record or payload passed, if any
-  void *buffer = nullptr;       // the frame buffer of ravel_put_decode_stream
   ravel_jpeg_cb jpeg_cb = nullptr;
   ravel_image_cb image_cb = nullptr;
 };
@@ -30,8 +29,7 @@ using answer = std::function<int64_t(const call &)>;
 // Clears the record and the scripts; frames still held are released.
 void reset();
 // All calls so far, in order; `name` filters by name.
-std::vector<call> calls();
-std::vector<call> calls(const std::string &name);
+std::vector<call> calls(const std::string &name = "");
 std::vector<std::string> names();
 // Answers `name` with `fn` from now on (default: 0, and a handle for ravel_new).
 void script(const std::string &name, answer fn);
