@@ -1,8 +1,9 @@
-/* The exported records as the interface lays them out: sizes and field
- * offsets on the 32-bit device (left number) and on a 64-bit build machine
- * (right number).  On the device every field is one 32-bit word (pointers
- * included) or an aligned 64-bit value; a record that drifts breaks every
- * application built against it, so the build stops here. */
+// The exported records as the interface lays them out: sizes and field
+// offsets on the 32-bit device (left number) and on a 64-bit build machine
+// (right number).  On the device every field is one 32-bit word (pointers
+// included) or an aligned 64-bit value; a record that drifts breaks every
+// application built against it, so the build stops here.  Every public
+// header is included, so each of them compiles as C.
 #include <stddef.h>
 
 #include "colorspace.h"
@@ -11,18 +12,12 @@
 #include "orlo_sst_pipe.h"
 #include "shell.h"
 
-#if __SIZEOF_POINTER__ == 4
-#define PER_TARGET(on32, on64) (on32)
-#elif __SIZEOF_POINTER__ == 8
-#define PER_TARGET(on32, on64) (on64)
-#else
-#error "a target with 32-bit or 64-bit pointers"
-#endif
-#define SIZE(type, on32, on64) _Static_assert(sizeof(type) == PER_TARGET(on32, on64), "size of " #type)
+#define PER_TARGET(on32, on64) (sizeof(void *) == 4 ? (on32) : (on64))
+#define SIZE(type, on32, on64) _Static_assert(sizeof(type) == PER_TARGET(on32, on64), #type)
 #define AT(type, field, on32, on64) \
   _Static_assert(offsetof(type, field) == PER_TARGET(on32, on64), #type "." #field)
 
-/* 11 signed words; a region list is 37 of them. */
+// 11 signed words; a region list is 37 of them.
 SIZE(orlo_vr_t, 44, 44);
 AT(orlo_vr_t, ch, 0, 0);
 AT(orlo_vr_t, layer, 20, 20);
@@ -31,18 +26,18 @@ AT(orlo_vr_t, crop_height, 36, 36);
 AT(orlo_vr_t, flag, 40, 40);
 _Static_assert(sizeof(orlo_vr_t[ORLO_MAX_VR]) == 1628, "a region list");
 
-/* 11 words, the fourth a function pointer. */
+// 11 words, the fourth a function pointer.
 SIZE(orlo_decode_cfg_t, 44, 56);
 AT(orlo_decode_cfg_t, port, 0, 0);
 AT(orlo_decode_cfg_t, sync, 4, 4);
 AT(orlo_decode_cfg_t, enable, 8, 8);
 AT(orlo_decode_cfg_t, first_cb, 12, 16);
 
-/* Seconds and microseconds, as GTimeVal has them on the device. */
+// Seconds and microseconds, as GTimeVal has them on the device.
 SIZE(orlo_timeval_t, 8, 8);
 AT(orlo_timeval_t, tv_usec, 4, 4);
 
-/* Six 32-bit words on the device; the section walk steps by this size. */
+// Six 32-bit words on the device; the section walk steps by this size.
 SIZE(shell_cmd_t, 24, 48);
 AT(shell_cmd_t, magic, 0, 0);
 AT(shell_cmd_t, name, 4, 8);
@@ -57,7 +52,7 @@ AT(orlo_lumen_pipe_t, kelappsink, 8, 16);
 AT(orlo_lumen_pipe_t, pipeline, 12, 24);
 AT(orlo_lumen_pipe_t, thread_ready, 16, 32);
 
-/* The 64-bit fields sit on 8-byte boundaries on both targets. */
+// The 64-bit fields sit on 8-byte boundaries on both targets.
 SIZE(orlo_sst_pipe_t, 72, 88);
 AT(orlo_sst_pipe_t, pipeline, 12, 24);
 AT(orlo_sst_pipe_t, thread_ready, 16, 32);
@@ -68,7 +63,7 @@ AT(orlo_sst_pipe_t, direction, 48, 64);
 AT(orlo_sst_pipe_t, last_timestamp, 56, 72);
 AT(orlo_sst_pipe_t, base_time, 64, 80);
 
-/* The display handle: all 32-bit words on the device. */
+// The display handle: all 32-bit words on the device.
 SIZE(orlo_display_t, 4296, 4696);
 AT(orlo_display_t, audio_all, 1628, 1628);
 AT(orlo_display_t, h_audio, 1636, 1636);
