@@ -8,14 +8,12 @@ namespace {
 
 TEST(RefPtr, AdoptFloatingSinksANewObjectAndTakesOverASunkOne) {
   gst_init(nullptr, nullptr);
-  orlo::ref_ptr<GstElement> made =
-      orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
+  auto made = orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
   ASSERT_TRUE(made);
   EXPECT_FALSE(g_object_is_floating(made.get()));
   EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(made.get()), 1);
 
-  GstElement *sunk =
-      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("fakesink", nullptr)));
+  auto *sunk = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("fakesink", nullptr)));
   orlo::ref_ptr<GstElement> kept = orlo::adopt_floating(sunk);
   EXPECT_EQ(GST_OBJECT_REFCOUNT_VALUE(kept.get()), 1);
   EXPECT_FALSE(orlo::adopt_floating<GstElement>(nullptr));
