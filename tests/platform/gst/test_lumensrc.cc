@@ -94,12 +94,8 @@ struct lumen_harness {
       GstBuffer *list = gst_sample_get_buffer(sample);
       for (GList *l = gst_kel_list_buffer_get_meta(list)->list; l != nullptr; l = l->next) {
         GstKelBuddyMeta *b = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
-        auto u32 = [b](int at) {
-          uint32_t v;
-          return memcpy(&v, b->data + at, 4), v;
-        };
-        frames.push_back(
-            {b->data[0], b->data[8], u32(4), u32(12), u32(16), b->size == 24 + u32(4)});
+        const auto at = [b](int offset) { return GST_READ_UINT32_LE(b->data + offset); };
+        frames.push_back({b->data[0], b->data[8], at(4), at(12), at(16), b->size == 24 + at(4)});
       }
       gst_sample_unref(sample);
     }
@@ -118,10 +114,7 @@ struct heard {
   std::mutex lock;
   std::multimap<int, std::string> lines;
   guint handler = g_log_set_handler(
-      "lumensrc", static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE),
-      [](const gchar *, GLogLevelFlags, const gchar *m, gpointer self) {
-        record(-1, const_cast<gchar *>(m), static_cast<gint>(strlen(m)), self);
-      },
+      "lumensrc", static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE), &log,
       this);
 
   ~heard() { g_log_remove_handler("lumensrc", handler); }
@@ -129,6 +122,9 @@ struct heard {
     std::lock_guard<std::mutex> g(static_cast<heard *>(self)->lock);
     static_cast<heard *>(self)->lines.emplace(ch,
                                               std::string(static_cast<char *>(data), size) + "\n");
+  }
+  static void log(const gchar *, GLogLevelFlags, const gchar *m, gpointer self) {
+    record(-1, const_cast<gchar *>(m), static_cast<gint>(strlen(m)), self);
   }
   static void signal(GstElement *, gint camera, gboolean present, gpointer self) {
     record(camera, const_cast<char *>(present ? "signal back" : "signal lost"), 11, self);
