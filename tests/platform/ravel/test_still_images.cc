@@ -18,7 +18,7 @@ namespace engine_test {
 namespace {
 
 const rgb kGreen = {40, 190, 70};
-const rgb kPurple = {150, 40, 190};
+const rgb kPurple = {180, 40, 190};  // its U lies just above a step
 
 // What the engine's callbacks delivered last (they carry no user data),
 // written before `calls` counts it.
@@ -109,6 +109,14 @@ TEST_F(still_images, JpegOfThePortsLatestPictureOrOfAFrameGivenWithTheCallback) 
   EXPECT_TRUE(got_buf == nullptr && got_words[1] == 0u);
   ASSERT_TRUE(handled(4, 6));
   EXPECT_EQ(stats(4).decode_errors, 1u);
+  // Nor is a frame that gives no picture (parameter sets alone) forgotten:
+  // it is answered, with none, once its reorder window has passed.
+  auto more = stream(kGreen, 21);
+  push_all(5, {more[0]});
+  ASSERT_EQ(push(5, split(more[0]).first, on_jpeg), 0);
+  push_all(5, {more.begin() + 1, more.end()});
+  ASSERT_TRUE(wait_calls(5));
+  EXPECT_EQ(got_buf, nullptr);
 }
 
 TEST_F(still_images, AnImageCallbackGetsTheFrameAsYvyuAndItIsNotShown) {
