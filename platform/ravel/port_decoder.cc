@@ -293,6 +293,9 @@ port_decoder::outcome port_decoder::decode(const pending_frame &f, bool has_pict
   bool good = decoder_.decode(f.data, f.size, tag, [this](std::shared_ptr<picture> pic, int64_t t) {
     publish(std::move(pic), t);
   });
+  // Parameter sets alone make no picture, which libavcodec reports as an
+  // error ("no frame!"); it has kept the sets all the same.
+  good |= !has_picture;
   give_back(f);
   // A request whose frame never came out of the decoder is not kept forever
   // (pictures come out at most a reorder window late).

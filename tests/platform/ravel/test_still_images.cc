@@ -18,7 +18,7 @@ namespace engine_test {
 namespace {
 
 const rgb kGreen = {40, 190, 70};
-const rgb kPurple = {150, 40, 190};
+const rgb kPurple = {180, 40, 190};  // its U lies just above a step
 
 // What the engine's callbacks delivered last (they carry no user data),
 // written before `calls` counts it.
@@ -103,12 +103,20 @@ TEST_F(still_images, JpegOfThePortsLatestPictureOrOfAFrameGivenWithTheCallback) 
   ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 4, 100), 0);
   ASSERT_TRUE(wait_calls(3));
   check_jpeg(kPurple, 4, 99);
-  // A frame that can't be decoded still answers, with no picture.
-  ASSERT_EQ(push(4, cut(purple[0]), on_jpeg), 0);
+  // A frame that makes no picture (parameter sets alone) still answers, with
+  // none, once its reorder window has passed, and the frames after it are
+  // decoded; a frame cut short answers at once.
+  auto more = stream(kGreen, 21);
+  push_all(5, {more[0]});
+  ASSERT_EQ(push(5, split(more[0]).first, on_jpeg), 0);
+  push_all(5, {more.begin() + 1, more.end()});
   ASSERT_TRUE(wait_calls(4));
   EXPECT_TRUE(got_buf == nullptr && got_words[1] == 0u);
-  ASSERT_TRUE(handled(4, 6));
-  EXPECT_EQ(stats(4).decode_errors, 1u);
+  ASSERT_EQ(push(5, cut(more[1]), on_jpeg), 0);
+  ASSERT_TRUE(wait_calls(5));
+  EXPECT_EQ(got_buf, nullptr);
+  ASSERT_TRUE(handled(5, 23));
+  EXPECT_EQ(stats(5).pictures * 10 + stats(5).decode_errors, 211u) << "pictures, errors";
 }
 
 TEST_F(still_images, AnImageCallbackGetsTheFrameAsYvyuAndItIsNotShown) {
