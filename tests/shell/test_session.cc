@@ -196,7 +196,7 @@ TEST(session, RepliesToKeysAndCommands) {
   for (const auto &row : rows) {
     link.send(row.keys);
     const std::string reply = link.read_until(prompt, row.reply.size());
-    EXPECT_EQ(row.reply.empty() ? reply : row.reply, reply) << "keys: " << row.keys;
+    ASSERT_EQ(row.reply.empty() ? reply : row.reply, reply) << "keys: " << row.keys;
   }
 }
 
