@@ -25,8 +25,8 @@ inline long row_of(int k, int h, bool flip) { return flip ? h - 1 - k : k; }
 inline long chroma_row(int k, int h, bool flip) { return flip ? h / 2 - 1 - k / 2 : k / 2; }
 
 // Pixel forms: 16-bit words 555 and 565, bytes B G R, bytes R G B 0 (out)
-// or B G R X (in).
-enum Fmt { F555, F565, F24, F32 };
+// or B G R X (in), and the packed 4:2:2 groups (out).
+enum Fmt { F555, F565, F24, F32, FYUYV, FUYVY };
 constexpr int bytes_of(Fmt f) { return f == F24 ? 3 : f == F32 ? 4 : 2; }
 
 inline void unpack(Fmt f, const uint8_t *p, int c[3]) {
@@ -119,10 +119,15 @@ inline void yv12_to_yuv(uint8_t *dst, int dst_stride, const uint8_t *ys, const u
 inline int no_zero(int c) { return c <= 0 ? 1 : c >= 255 ? 255 : c; }
 inline int five_bits(int c) { return c <= 8 ? 8 : int((c > 255 ? 255 : c) * 31.0 / 255.0) * 8; }
 
-// One RGB pixel from unclipped terms; the 16-bit forms carry their line's
-// low bits along, the 24-bit one bounds each channel by its rule.
-inline void put(Fmt f, int (*rule)(int), uint8_t *d, int b, int g, int r, int carry[3]) {
-  if (f == F24) {
+// Pixel x of a row from its samples.  RGB comes from the unclipped terms:
+// the 16-bit forms carry their line's low bits along, the 24-bit one bounds
+// each channel by its rule.  Two packed 4:2:2 pixels share a group.
+inline void put(Fmt f, int (*rule)(int), uint8_t *d, int x, int y, int u, int v, int carry[3]) {
+  const int b = term_b(y, u), g = term_g(y, u, v), r = term_r(y, v);
+  if (f >= FYUYV) {
+    const int *o = f == FYUYV ? kYuyv : kUyvy;
+    d -= 2 * (x & 1), d[o[2 * (x & 1)]] = y, d[o[1]] = u, d[o[3]] = v;
+  } else if (f == F24) {
     d[0] = rule(b), d[1] = rule(g), d[2] = rule(r);
   } else if (f == F32) {
     d[0] = clip(r), d[1] = clip(g), d[2] = clip(b), d[3] = 0;
@@ -143,27 +148,27 @@ struct Plane {
   int at(long r, int x) const { return p[r * pitch + x / div * step]; }
 };
 
-// Rows of RGB; 4:2:0 chroma (half_height) serves two luma rows.
+// Rows of pixels; 4:2:0 chroma (half_height) serves two luma rows, and
+// RGB leaves an odd last row alone.
 inline void yuv_to_rgb(Fmt f, int (*rule)(int), uint8_t *dst, int ds, const Plane &y,
                        const Plane &u, const Plane &v, bool half_height, int w, int h) {
   const bool flip = h < 0;
   h = std::abs(h);
-  for (int k = 0; k < (half_height ? h / 2 * 2 : h); k++) {
+  for (int k = 0; k < (half_height && f < FYUYV ? h / 2 * 2 : h); k++) {
     const long row = row_of(k, h, flip), crow = half_height ? chroma_row(k, h, flip) : row;
     int carry[3] = {0, 0, 0};
     for (int x = 0; x < w; x++) {
       const int ly = y.at(row, x), lu = u.at(crow, x), lv = v.at(crow, x);
-      put(f, rule, dst + (long(k) * ds + x) * bytes_of(f), term_b(ly, lu), term_g(ly, lu, lv),
-          term_r(ly, lv), carry);
+      put(f, rule, dst + (long(k) * ds + x) * bytes_of(f), x, ly, lu, lv, carry);
     }
   }
 }
 
-// YV12 (4:2:0) and YV16 (4:2:2) planes into RGB; the 32-bit forms take V
-// through their u_src and U through their v_src.
+// YV12 (4:2:0) and YV16 (4:2:2) planes into pixels; the 32-bit forms take
+// V through their u_src and U through their v_src.
 template <Fmt f, bool half_height>
-void planes_to_rgb(uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *us,
-                   const uint8_t *vs, int y_stride, int uv_stride, int w, int h) {
+void planes_to(uint8_t *dst, int dst_stride, const uint8_t *ys, const uint8_t *us,
+               const uint8_t *vs, int y_stride, int uv_stride, int w, int h) {
   if (f == F32) std::swap(us, vs);
   yuv_to_rgb(f, clip, dst, dst_stride, {ys, y_stride, 1, 1}, {us, uv_stride, 2, 1},
              {vs, uv_stride, 2, 1}, half_height, w, h);
@@ -182,21 +187,6 @@ void yvyu_to_rgb(uint8_t *dst, int ds, const uint8_t *src, int ss, int w, int h)
   const long pitch = 2L * ss;
   yuv_to_rgb(F24, rule, dst, ds, {src, pitch, 1, 2}, {src + 3, pitch, 2, 4}, {src + 1, pitch, 2, 4},
              false, w, h);
-}
-
-template <bool yuyv>
-void yv12_to_packed(uint8_t *dst, int ds, const uint8_t *ys, const uint8_t *us, const uint8_t *vs,
-                    int yst, int uvst, int w, int h) {
-  const int *o = yuyv ? kYuyv : kUyvy;
-  const bool flip = h < 0;
-  h = std::abs(h);
-  for (int k = 0; k < h; k++)
-    for (int i = 0; i < w / 2; i++) {
-      uint8_t *g = dst + long(k) * ds * 2 + 4 * i;
-      const long yrow = row_of(k, h, flip), crow = chroma_row(k, h, flip);
-      g[o[0]] = ys[yrow * yst + 2 * i], g[o[2]] = ys[yrow * yst + 2 * i + 1];
-      g[o[1]] = us[crow * uvst + i], g[o[3]] = vs[crow * uvst + i];
-    }
 }
 
 }  // namespace model

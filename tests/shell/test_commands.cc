@@ -10,9 +10,8 @@ int quit(int, char **) { return SHELL_EXIT; }
 
 // Prints its arguments through the hook that handlers use.
 int echo(int argc, char **argv) {
-  std::string joined;
-  for (int i = 1; i < argc; ++i) joined += std::string(i > 1 ? " " : "") + argv[i];
-  shell_printf("%s\r\n", joined.c_str());
+  for (int i = 1; i < argc; ++i) shell_printf(i > 1 ? " %s" : "%s", argv[i]);
+  shell_printf("\r\n");
   return 0;
 }
 
