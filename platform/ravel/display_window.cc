@@ -52,18 +52,14 @@ bool display_window::open(int width, int height, const char *title, const char *
 
 void display_window::push(const canvas &c) {
   if (!src_) return;
-  GstBuffer *buf =
-      gst_buffer_new_allocate(nullptr, static_cast<size_t>(c.width) * c.height * 4, nullptr);
-  GstMapInfo map;
-  if (buf == nullptr || !gst_buffer_map(buf, &map, GST_MAP_WRITE)) {
-    if (buf != nullptr) gst_buffer_unref(buf);
-    return;
-  }
+  // g_malloc does not fail (it aborts), so neither does the buffer that wraps it.
+  const size_t size = static_cast<size_t>(c.width) * c.height * 4;
+  auto *bgrx = static_cast<uint8_t *>(g_malloc(size));
   // libyuv's "ARGB" is B, G, R, A in memory: GStreamer's BGRx.
-  libyuv::I420ToARGB(c.y.data(), c.width, c.u.data(), c.width / 2, c.v.data(), c.width / 2,
-                     map.data, c.width * 4, c.width, c.height);
-  gst_buffer_unmap(buf, &map);
-  gst_app_src_push_buffer(GST_APP_SRC(src_.get()), buf);  // takes the buffer
+  libyuv::I420ToARGB(c.y.data(), c.width, c.u.data(), c.width / 2, c.v.data(), c.width / 2, bgrx,
+                     c.width * 4, c.width, c.height);
+  // The buffer owns the memory; the source takes the buffer.
+  gst_app_src_push_buffer(GST_APP_SRC(src_.get()), gst_buffer_new_wrapped(bgrx, size));
 }
 
 void display_window::close() {
