@@ -73,9 +73,10 @@ picture_ptr port_decoder::take_for_display(clock::time_point now, clock::time_po
 void port_decoder::set_shown(bool shown) {
   std::lock_guard<std::mutex> g(lock_);
   shown_ = shown;
-  if (shown || pending_.empty()) return;
-  // Nobody composes what waits: the last of it is the port's picture.
-  latest_ = std::move(pending_.back().pic);
+  if (shown) return;
+  // Nobody composes what waits: the last of it is the port's picture, and
+  // whoever waits for it to be shown waits no longer.
+  if (!pending_.empty()) latest_ = std::move(pending_.back().pic);
   pending_.clear();
   presented_.notify_all();
 }
