@@ -1,12 +1,22 @@
-// The composed displays: tiles in their ports' colours, black where there is
-// no picture, layers, crops, NO SIGNAL, the sizes of the displays, and the
-// same pictures through the window's path and in PNG files.
+// The pictures out of the engine.  The composed displays: tiles in their
+// ports' colours, black where there is no picture, layers, crops, NO SIGNAL,
+// the sizes of the displays, and the same pictures through the window's path
+// and in PNG files.  Still images: JPEG of a port's picture (by request, by
+// paused frame, for one pushed frame) and a frame decoded to packed YVYU.
+#include <glib.h>
 #include <png.h>
 
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <string>
 #include <tuple>
+
+// clang-format off
+#include <jpeglib.h>  // after <cstdio>: it uses FILE without including it
+// clang-format on
 
 #include "engine_harness.hh"
 
@@ -21,8 +31,7 @@ class compose : public engine_harness {
   // Starts an engine and gives ports 0..n-1 their colours.
   void feed(int n, int32_t format = 0) {
     start(format);
-    for (int p = 0; p < n; p++) push_all(p, stream(kColours[p], 3));
-    for (int p = 0; p < n; p++) ASSERT_TRUE(handled(p, 3));
+    for (int p = 0; p < n; p++) ASSERT_TRUE(deliver(p, stream(kColours[p], 3)));
   }
   // The 2 x 2 tiles of a display of w x h, port ports[i] in tile i.
   void quarters(int32_t d, int w, int h, const int (&ports)[4]) {
@@ -42,8 +51,7 @@ TEST_F(compose, LayersAndBlackRegionsAndAnEmptyListAndBadLists) {
   // A new picture under the inset and the black tiles: they are drawn again
   // over it.
   for (int round = 0; round < 2; round++) {
-    if (round == 1) push_all(0, stream(kColours[3], 1));
-    ASSERT_TRUE(handled(0, 3 + round));
+    ASSERT_TRUE(round == 0 || deliver(0, stream(kColours[3], 1)));
     EXPECT_TRUE(shows(0, kColours[round * 3], 1100, 100, 700, 500));
     EXPECT_TRUE(shows(0, kColours[1], 220, 220, 760, 360));
     EXPECT_TRUE(shows(0, kBlack, 1290, 710, 280, 280));
@@ -71,17 +79,13 @@ TEST_F(compose, DisplayZeroTakesTheSizeOfItsFormatAndClipsRegions) {
 TEST_F(compose, CropFieldsShowPartOfThePicture) {
   start(0);
   // Left half of the picture in one colour, right half in another.
-  push_all(0, stream(kColours[0], 2, {.width = 320, .height = 180, .right = &kColours[2]}));
-  ASSERT_TRUE(handled(0, 2));
+  ASSERT_TRUE(
+      deliver(0, stream(kColours[0], 2, {.width = 320, .height = 180, .right = &kColours[2]})));
   // The crop is given in the layout space that stands for the whole
   // picture: x 0..960 of 1920 is the left half.
+  // Crop x, width, y, height: the left or right half, from `crop_x` on.
   auto cropped = [](int x, int y, int crop_x) {
-    ravel_region_t r = region(0, x, y, 960, 540);
-    r.crop_x = crop_x;
-    r.crop_y = 0;
-    r.crop_width = 960;
-    r.crop_height = 1080;
-    return r;
+    return ravel_region_t{0, x, y, 960, 540, 1, crop_x, 960, 0, 1080, 0};
   };
   // The last crop is clamped to the picture's last columns.
   regions(0, {region(0, 0, 0, 960, 540), cropped(960, 0, 0), cropped(0, 540, 960),
@@ -126,8 +130,7 @@ TEST_F(compose, ALostPortShowsNoSignalUntilItsNextPicture) {
   // The next picture ends it (a long time-out again, so that a slow run does
   // not see the signal lost once more after that one picture).
   ASSERT_EQ(ravel_soft_set_signal_timeout(engine_, 60000), 0);
-  push_all(0, stream(kColours[2], 1));
-  ASSERT_TRUE(handled(0, 4));
+  ASSERT_TRUE(deliver(0, stream(kColours[2], 1)));
   EXPECT_TRUE(shows(0, kColours[2], 40, 40, 880, 460));
 }
 
@@ -145,13 +148,11 @@ TEST_F(compose, TilesOfBothDisplaysShowTheirPortsThroughTheWindowPathAndInPngFil
   ASSERT_TRUE(eventually([&] {
     return std::ifstream(raw).read(bytes, long(window.size())).gcount() == long(window.size());
   }));
-  int32_t w0, h0, w, h;
-  display(0, &w0, &h0);
+  int32_t w, h;
   auto pic = display(2, &w, &h);
-  EXPECT_EQ((std::vector<int>{w0, h0, w, h}), (std::vector<int>{1920, 1080, 1280, 720}));
+  EXPECT_EQ(w * 10000 + h, 1280 * 10000 + 720);
   for (int p = 0; p < 4; p++) {
     EXPECT_TRUE(shows(0, kColours[p], (p % 2) * 960 + 40, (p / 2) * 540 + 40, 880, 460));
-    EXPECT_GE(stats(p).shown, 1u) << "port " << p;
     int x = (p % 2) * 640 + 40, y = (p / 2) * 360 + 40;
     rgb a = mean_colour(window, 1280, x, y, 560, 280), b = mean_colour(pic, w, x, y, 560, 280);
     EXPECT_TRUE(near(a, b, 2)) << "tile " << p << ": window " << a << ", picture " << b;
@@ -168,14 +169,133 @@ TEST_F(compose, TilesOfBothDisplaysShowTheirPortsThroughTheWindowPathAndInPngFil
   ASSERT_TRUE(png_image_finish_read(&file, nullptr, back.data(), 0, nullptr));
   std::remove(png.c_str());
   std::remove(raw.c_str());
-  EXPECT_EQ(file.width * 10000 + file.height, 1280u * 10000 + 720);
   EXPECT_TRUE(back == pic) << "the PNG differs from the display";
   for (const char *bad : {"/nonexistent-dir/x.png", "/dev/full"})
     EXPECT_EQ(ravel_soft_write_display(engine_, 0, bad), -1) << bad;
   // Headless here: no window unless a graphical display is named.
-  if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
-    EXPECT_EQ(ravel_soft_show_window(engine_, 0), -1);
+  EXPECT_TRUE(std::getenv("DISPLAY") || std::getenv("WAYLAND_DISPLAY") ||
+              ravel_soft_show_window(engine_, 0) == -1);
+}
+
+const rgb kGreen = {40, 190, 70};
+const rgb kPurple = {180, 40, 190};  // its U lies just above a step
+
+// What the engine's callbacks delivered last (they carry no user data),
+// written before `calls` counts it.
+void *got_buf = nullptr;
+std::array<uint32_t, 5> got_words{};
+std::atomic<int> calls{0};
+
+void on_jpeg(void **pbuf, uint32_t w1, uint32_t w2, uint32_t w3, uint32_t w4, uint32_t w5) {
+  got_buf = *pbuf;
+  got_words = {w1, w2, w3, w4, w5};
+  calls++;
+}
+
+void on_image(void **pimage) { on_jpeg(pimage, 0, 0, 0, 0, 0); }
+
+bool wait_calls(int n) {
+  return eventually([n] { return calls >= n; });
+}
+
+class still_images : public engine_harness {
+ protected:
+  // The JPEG delivered last: its words, its size and its colour.
+  void check_jpeg(rgb colour, uint32_t port, uint32_t timestamp) {
+    ASSERT_NE(got_buf, nullptr);
+    EXPECT_EQ((std::array<uint32_t, 5>{port, got_words[1], 160, 96, timestamp}), got_words);
+    jpeg_decompress_struct cinfo;
+    jpeg_error_mgr err;
+    cinfo.err = jpeg_std_error(&err);
+    jpeg_create_decompress(&cinfo);
+    jpeg_mem_src(&cinfo, static_cast<uint8_t *>(got_buf), got_words[1]);
+    jpeg_read_header(&cinfo, TRUE);
+    cinfo.out_color_space = JCS_RGB;
+    jpeg_start_decompress(&cinfo);
+    EXPECT_EQ(cinfo.output_width * 1000 + cinfo.output_height, 160u * 1000 + 96);
+    // A flat picture: its last row tells its colour.
+    std::vector<uint8_t> row(cinfo.output_width * 3);
+    for (JSAMPROW at = row.data(); cinfo.output_scanline < cinfo.output_height;)
+      jpeg_read_scanlines(&cinfo, &at, 1);
+    jpeg_destroy_decompress(&cinfo);
+    std::free(got_buf);
+    const rgb c = mean_colour(row, int(row.size() / 3), 0, 0, int(row.size() / 3), 1);
+    EXPECT_TRUE(near(c, ravel_synth::through_yuv(colour))) << c;
   }
+};
+
+TEST_F(still_images, JpegsOfLatestPausedAndGivenFramesAndAYvyuImageOfAFrame) {
+  start(0);
+  // Refused, and the caller's mistakes are told in the log.
+  std::vector<std::string> warned;
+  auto keep = [](const gchar *, GLogLevelFlags, const gchar *text, gpointer to) {
+    static_cast<std::vector<std::string> *>(to)->push_back(text);
+  };
+  const guint handler = g_log_set_handler("ravel", G_LOG_LEVEL_WARNING, keep, &warned);
+  EXPECT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), -1) << "no picture yet";
+  EXPECT_EQ(ravel_jpeg_enc(engine_, 18, 0, on_jpeg), -1);
+  EXPECT_EQ(ravel_jpeg_enc(engine_, 2, 0, nullptr), -1);
+  g_log_remove_handler("ravel", handler);
+  EXPECT_EQ(warned, (std::vector<std::string>{"ravel_jpeg_enc: port 2 has no picture yet",
+                                              "ravel_jpeg_enc: 18 is no engine port"}));
+  ASSERT_TRUE(deliver(2, stream(kGreen, 3)));
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 2, 1234), 0);
+  ASSERT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), 0);
+  ASSERT_TRUE(wait_calls(1));
+  check_jpeg(kGreen, 2, 1234);
+  // A paused-frame request: the pause serves it with the time stamp of the
+  // moment (set first: a request also ends by itself after a short settle).
+  ASSERT_EQ(ravel_set_jpeg_dstntimeimg(engine_, 2, 1, 2), 0);
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 2, 777), 0);
+  ASSERT_EQ(ravel_jpeg_enc(engine_, 2, 0, on_jpeg), 0);
+  ASSERT_EQ(ravel_pause_frame(engine_, 2), 0);
+  ASSERT_TRUE(wait_calls(2));
+  check_jpeg(kGreen, 2, 777);
+  // A frame given with a callback: the JPEG is of that frame's picture, with
+  // the time stamp of the moment the frame came.
+  auto purple = stream(kPurple, 1);
+  push_all(4, stream(kGreen, 4));
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 4, 99), 0);
+  ASSERT_EQ(push(4, purple[0], on_jpeg), 0);
+  ASSERT_EQ(ravel_set_jpeg_timestamp(engine_, 4, 100), 0);
+  ASSERT_TRUE(wait_calls(3));
+  check_jpeg(kPurple, 4, 99);
+  // A frame that makes no picture (parameter sets alone) still answers, with
+  // none, once its reorder window has passed, and the frames after it are
+  // decoded; a frame cut short answers at once.
+  auto more = stream(kGreen, 21);
+  push_all(5, {more[0]});
+  ASSERT_EQ(push(5, split(more[0]).first, on_jpeg), 0);
+  push_all(5, {more.begin() + 1, more.end()});
+  ASSERT_TRUE(wait_calls(4));
+  EXPECT_TRUE(got_buf == nullptr && got_words[1] == 0u);
+  ASSERT_EQ(push(5, cut(more[1]), on_jpeg), 0);
+  ASSERT_TRUE(wait_calls(5));
+  EXPECT_EQ(got_buf, nullptr);
+  ASSERT_TRUE(handled(5, 23));
+  EXPECT_EQ(stats(5).pictures * 10 + stats(5).decode_errors, 211u) << "pictures, errors";
+  // An image callback gets its frame as YVYU, and that frame is not shown.
+  ASSERT_TRUE(deliver(0, {more[0]}));
+  regions(0, {region(0, 0, 0, 1920, 1080)});
+  ASSERT_EQ(push(0, purple[0], nullptr, on_image), 0);
+  ASSERT_TRUE(wait_calls(6));
+  ASSERT_NE(got_buf, nullptr);
+  // Y V Y U: the same Y twice, then the chroma of the purple picture, exact
+  // (a flat colour keeps its values through the encoder).
+  const auto *p = static_cast<const uint8_t *>(got_buf) + (48 * 160 + 80) * 2;
+  const int y = (66 * kPurple.r + 129 * kPurple.g + 25 * kPurple.b + 128) / 256 + 16;
+  const int u = (-38 * kPurple.r - 74 * kPurple.g + 112 * kPurple.b + 128) / 256 + 128;
+  const int v = (112 * kPurple.r - 94 * kPurple.g - 18 * kPurple.b + 128) / 256 + 128;
+  for (int k = 0; k < 4; k++) EXPECT_EQ(p[k], (std::array<int, 4>{y, v, y, u})[k]) << k;
+  g_free(got_buf);
+  // The port still shows its stream, and that stream goes on decoding.
+  EXPECT_TRUE(shows(0, kGreen));
+  ASSERT_TRUE(deliver(0, {more[1], more[2]}));
+  EXPECT_EQ(stats(0).decode_errors, 0u);
+  // An inter frame alone can't be decoded: the callback gets no picture.
+  ASSERT_EQ(push(1, more[1], nullptr, on_image), 0);
+  ASSERT_TRUE(wait_calls(7));
+  EXPECT_EQ(got_buf, nullptr);
 }
 
 }  // namespace
