@@ -99,9 +99,6 @@ class engine_harness : public ::testing::Test {
     EXPECT_TRUE(eventually([&] { return stats(port).queued < RAVEL_SOFT_QUEUE_DEPTH; }));
     return put(port, f, jpeg, image);
   }
-  void push_all(int32_t port, const std::vector<test_frame *> &frames) {
-    for (test_frame *f : frames) ASSERT_EQ(push(port, f), 0);
-  }
   // Pushes `frames` and waits until the port has handled every frame it took.
   bool deliver(int32_t port, const std::vector<test_frame *> &frames) {
     const uint64_t n = stats(port).accepted + frames.size();
