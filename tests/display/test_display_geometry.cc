@@ -24,10 +24,8 @@ std::vector<geometry_call> geometry_calls() {
   std::vector<geometry_call> out;
   for (const auto &c : fake_engine::calls("ravel_change_geometry")) {
     EXPECT_EQ(c.args[0], with_engine({})[0]);
-    geometry_call g{int(c.args[2]), int(c.args[3]), int(c.args[4]), {}};
-    g.regions.resize(g.count);
-    if (g.count > 0) std::memcpy(g.regions.data(), c.record.data(), sizeof(orlo_vr_t) * g.count);
-    out.push_back(g);
+    const auto *r = reinterpret_cast<const orlo_vr_t *>(c.record.data());
+    out.push_back({int(c.args[2]), int(c.args[3]), int(c.args[4]), {r, r + c.args[2]}});
   }
   return out;
 }

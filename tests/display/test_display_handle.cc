@@ -79,10 +79,15 @@ TEST(DisplayNew, FormatsAndRefusals) {
   EXPECT_EQ(orlo_display_new(good, 0, 4, 0, 1, -1, nullptr), nullptr);
 }
 
-TEST(DisplayStopStart, StopWithOrWithoutHandleAndStartCopiesOnly) {
+// Check and statistics are silent until the first start, and open from then
+// on, even after a stop.
+TEST(DisplayStopStart, StopWithOrWithoutHandleGatedCallsAndStartCopiesOnly) {
   log_capture log;
   orlo_display_t *h = make_display(0, 4);
-  h->engine_started = 1;
+  fake_engine::script_result("ravel_check_alive_m3", 11);
+  fake_engine::script_result("ravel_print_statistics", 12);
+  EXPECT_EQ(orlo_display_check_processor(h, 1, 2) + orlo_display_print_statistics(h, 1, 2), 0);
+  ASSERT_EQ(orlo_display_mode_start(h, 1), 0);
   const std::string out = printed_by([&] {
     EXPECT_EQ(orlo_display_stop(nullptr), 0);
     EXPECT_EQ(h->engine_started, 1);
@@ -92,6 +97,10 @@ TEST(DisplayStopStart, StopWithOrWithoutHandleAndStartCopiesOnly) {
   EXPECT_EQ(fake_engine::calls("ravel_stop").size(), 2u);
   EXPECT_EQ(fake_engine::calls("ravel_stop").at(1).args, with_engine({}));
   EXPECT_TRUE(std::regex_match(out, std::regex("(orlo_display_stop:[0-9]+\n){2}"))) << out;
+  EXPECT_EQ(orlo_display_check_processor(h, 1, 2), 11);
+  EXPECT_EQ(orlo_display_print_statistics(h, 3, 4), 12);
+  EXPECT_EQ(fake_engine::calls("ravel_check_alive_m3").at(0).args, with_engine({1, 2}));
+  EXPECT_EQ(fake_engine::calls("ravel_print_statistics").at(0).args, with_engine({3, 4}));
 
   orlo_vr_t vr[ORLO_MAX_VR];
   for (int i = 0; i < ORLO_MAX_VR; i++) vr[i] = R(i, 1, 2, 3, 4);

@@ -29,12 +29,14 @@ list rects(ints r) {
   return v;
 }
 
-// Rows of tiles, by the columns' edges and widths and the rows' edges and heights.
-list tiles(ints xs, ints ws, ints ys, ints hs) {
+// Rows of tiles, by the columns' edges and widths and the rows' edges and
+// heights, the top-left span x span of them joined into one region first.
+list tiles(ints xs, ints ws, ints ys, ints hs, size_t span = 0) {
   ints r;
+  if (span > 0) r = {xs[0], ys[0], xs[span] - xs[0], ys[span] - ys[0]};
   for (size_t row = 0; row < ys.size(); row++)
     for (size_t col = 0; col < xs.size(); col++)
-      r.insert(r.end(), {xs[col], ys[row], ws[col], hs[row]});
+      if (row >= span || col >= span) r.insert(r.end(), {xs[col], ys[row], ws[col], hs[row]});
   return rects(r);
 }
 
@@ -53,70 +55,78 @@ list nine(ints xs, ints ws) { return tiles(xs, ws, {0, 360, 720}, {360, 360, 360
 TEST(Layout, RegionsOfEveryModeAndCorrection) {
   // clang-format off
   const ints k270 = {0, 270, 540, 810}, k270s = {270, 270, 270, 270};
-  const list k8 = rects({0, 0, 1440, 810,  1440, 0, 480, 270,  1440, 270, 480, 270,
-                         1440, 540, 480, 270,  0, 810, 480, 270,  480, 810, 480, 270,
-                         960, 810, 480, 270,  1440, 810, 480, 270});
-  list k18 = nine({0, 640, 1280}, {640, 640, 640});
+  const ints k480 = {0, 480, 960, 1440}, k480s = {480, 480, 480, 480};
+  const ints k360 = {0, 360, 720}, k360s = {360, 360, 360};
+  const ints k640 = {0, 640, 1280}, k640s = {640, 640, 640};
+  const list k8 = tiles(k480, k480s, k270, k270s, 3);
+  list k18 = nine(k640, k640s);
   k18[8].ch = 8, k18[8].flag = 1;
+  const std::string kHeight = "orlo_display_get_user_vr:invalid height\n";
+  const std::string kWidth = "orlo_display_get_user_vr:invalid width\n";
   const struct {
     const char *label;
     int D, mode, x, y, W, H;
-    list regions;  // the used records; the rest stay unset
+    list regions;         // the used records; the rest stay unset
+    std::string refusal = "";  // or the warning of a refusal, which leaves the output
   } cases[] = {
-      {"m1", 1920, 1, 0, 0, 1920, 1080, {R(20, 0, 0, 1920, 1080)}},
       {"m2_origin", 1920, 2, 100, 50, 960, 540,
        tiles({100, 580}, {480, 480}, {50, 320}, {270, 270})},
-      {"m3", 1920, 3, 0, 0, 1920, 1080,
-       rects({0, 0, 1280, 720,  1280, 0, 640, 360,  1280, 360, 640, 360,  0, 720, 640, 360,
-              640, 720, 640, 360,  1280, 720, 640, 360})},
+      {"m3", 1920, 3, 0, 0, 1920, 1080, tiles(k640, k640s, k360, k360s, 2)},
       {"m5", 1920, 5, 0, 0, 1920, 1080, k8},
-      {"m7", 1920, 7, 0, 0, 1920, 1080, nine({0, 640, 1280}, {640, 640, 640})},
+      {"m7", 1920, 7, 0, 0, 1920, 1080, nine(k640, k640s)},
       {"m18", 1920, 18, 0, 0, 1920, 1080, k18},  // the ninth tile is fixed in playback
-      {"m8", 1920, 8, 0, 0, 1920, 1080,
-       rects({0, 0, 960, 540,  960, 0, 480, 270,  1440, 0, 480, 270,  960, 270, 480, 270,
-              1440, 270, 480, 270,  0, 540, 480, 270,  480, 540, 480, 270,  960, 540, 480, 270,
-              1440, 540, 480, 270,  0, 810, 480, 270,  480, 810, 480, 270,  960, 810, 480, 270,
-              1440, 810, 480, 270})},
-      {"m9", 1920, 9, 0, 0, 1920, 1080, tiles({0, 480, 960, 1440}, {480, 480, 480, 480}, k270, k270s)},
+      {"m8", 1920, 8, 0, 0, 1920, 1080, tiles(k480, k480s, k270, k270s, 2)},
+      {"m9", 1920, 9, 0, 0, 1920, 1080, tiles(k480, k480s, k270, k270s)},
       {"m10_origin", 1920, 10, 8, 4, 960, 540, inset(20, 960, 540, 8, 4)},
-      {"m100", 1920, 100, 0, 0, 1920, 1080,
-       tiles({0, 640, 1280}, {640, 640, 640}, {0, 540}, {540, 540})},
+      {"m100", 1920, 100, 0, 0, 1920, 1080, tiles(k640, k640s, {0, 540}, {540, 540})},
       // The size test is on the scaled value: 480 x 1081 / 1080 is 480.
       {"m1_scaled_fit", 640, 1, 0, 0, 1922, 1081, {R(20, 0, 0, 1922, 1081)}},
       // Column corrections, at W = 1920 only.
       {"m7_d1280", 1280, 7, 0, 0, 1920, 1080, nine({0, 648, 1272}, {648, 624, 648})},
       {"m7_d800", 800, 7, 0, 0, 1920, 1080, nine({0, 634, 1286}, {634, 652, 634})},
       {"m7_d640", 640, 7, 0, 0, 1920, 1080, nine({0, 642, 1278}, {642, 636, 642})},
-      {"m3_d800", 800, 3, 0, 0, 1920, 1080,
-       rects({0, 0, 1286, 720,  1286, 0, 634, 360,  1286, 360, 634, 360,  0, 720, 634, 360,
-              634, 720, 652, 360,  1286, 720, 634, 360})},
+      {"m3_d800", 800, 3, 0, 0, 1920, 1080, tiles({0, 634, 1286}, {634, 652, 634}, k360, k360s, 2)},
       {"m5_d800_w1920", 800, 5, 0, 0, 1920, 1080, k8},
       // The rules for W = 1728 on a display 800 wide.
       {"m9_d800", 800, 9, 0, 0, 1728, 1080,
        tiles({0, 424, 864, 1288}, {424, 440, 424, 440}, k270, k270s)},
       {"m5_d800", 800, 5, 96, 0, 1728, 1080,
-       rects({96, 0, 1288, 810,  1384, 0, 440, 270,  1384, 270, 440, 270,  1384, 540, 440, 270,
-              96, 810, 424, 270,  520, 810, 440, 270,  960, 810, 424, 270,  1384, 810, 440, 270})},
+       tiles({96, 520, 960, 1384}, {424, 440, 424, 440}, k270, k270s, 3)},
       // The origin rules of modes 1 and 12 on a display 800 wide.
       {"m1_x406", 800, 1, 406, 20, 1000, 600, {R(20, 402, 20, 1004, 600)}},
       {"m1_x48", 800, 1, 48, 20, 1000, 600, {R(20, 48, 20, 1000, 600)}},
       {"m12_x48", 800, 12, 48, 20, 1000, 600, two_layers(40, 1008, 40)},
       {"m12_x406", 800, 12, 406, 20, 1000, 600, two_layers(406, 1000, 406)},
       {"m22_x48", 800, 22, 48, 20, 1000, 600, two_layers(48, 1000, 48)},
+      {"h1081", 1920, 2, 0, 0, 1920, 1081, {}, kHeight},
+      {"w1921", 1920, 2, 0, 0, 1921, 1080, {}, kWidth},
+      {"w1923_d640", 640, 2, 0, 0, 1923, 1080, {}, kWidth},
+      {"h-1", 1920, 2, 0, 0, 100, -1, {}, kHeight},
+      {"w-1", 1920, 2, 0, 0, -1, 100, {}, kWidth},
+      {"m0", 1920, 0, 0, 0, 1920, 1080, {}, "orlo_display_get_user_vr:invalid mode:0\n"},
+      {"m11", 1920, 11, 0, 0, 1920, 1080, {}, "orlo_display_get_user_vr:invalid mode:11\n"},
   };
   // clang-format on
   orlo_display_t *h = make_display();
   const auto c = channel_list();
-  const std::array<int, ORLO_MAX_VR> flags{};
+  std::array<int, ORLO_MAX_VR> flags;
+  std::iota(flags.begin(), flags.end(), 100);
   std::array<orlo_vr_t, ORLO_MAX_VR> vr{}, live{};
   for (const auto &p : cases) {
     SCOPED_TRACE(p.label);
+    log_capture log;
     set_display_width(h, p.D);
-    ASSERT_EQ(
+    vr.fill(R(5, 5, 5, 5, 5));
+    EXPECT_EQ(
         orlo_display_get_user_vr(h, p.mode, p.x, p.y, p.W, p.H, c.data(), flags.data(), vr.data()),
-        0);
-    for (size_t i = 0; i < vr.size(); i++)
-      EXPECT_EQ(vr[i], i < p.regions.size() ? p.regions[i] : kUnset) << i;
+        p.refusal.empty() ? 0 : -1);
+    for (size_t i = 0; i < vr.size(); i++) {
+      // Every record takes its flag, the fixed ninth tile excepted.
+      orlo_vr_t want = i < p.regions.size() ? p.regions[i] : kUnset;
+      want.flag = want.flag != 0 ? want.flag : flags[i];
+      EXPECT_EQ(vr[i], p.refusal.empty() ? want : R(5, 5, 5, 5, 5)) << i;
+    }
+    EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING), p.refusal.empty() ? names{} : names{p.refusal});
   }
   // A playback mode lays out as its live one (mode 18 as mode 7 on a device
   // of eight channels), with the corrections of both families.
@@ -134,7 +144,7 @@ TEST(Layout, RegionsOfEveryModeAndCorrection) {
 
 // Modes 12 and 22 put the port that receives the copies on their second
 // layer; mode 21 shows it large, and nothing before any of them.
-TEST(Layout, MainPortUnsetChannelsFlagsAndFixedNinthTile) {
+TEST(Layout, MainPortAndUnsetChannels) {
   orlo_display_t *h = make_display();
   int c[ORLO_MAX_VR] = {7};
   orlo_vr_t vr[ORLO_MAX_VR];
@@ -143,6 +153,13 @@ TEST(Layout, MainPortUnsetChannelsFlagsAndFixedNinthTile) {
   EXPECT_EQ(vr[0], (orlo_vr_t{-1, 0, 0, 1920, 1000, 1, 0, 1856, 0, 952, 0}));
   EXPECT_EQ(vr[1], R(7, 10 + 1920 - 576, 20 + 1000 - 392, 576, 324, 2));
   EXPECT_EQ(h->main_port, -1);
+  // Modes 1, 12 and 22 need channel 0; a refusal leaves main_port alone.
+  log_capture log;
+  c[0] = -1;
+  EXPECT_EQ(orlo_display_get_user_vr(h, 12, 0, 0, 1920, 1080, c, nullptr, vr), -1);
+  EXPECT_EQ(h->main_port, -1);
+  EXPECT_EQ(log.texts(G_LOG_LEVEL_CRITICAL),
+            names{"orlo_display_get_user_vr: assertion 'channels[0] != -1' failed"});
 
   // Mode, device channels, channel 0 and the port it gives.
   const std::array<int, 4> ports[] = {
@@ -168,50 +185,6 @@ TEST(Layout, MainPortUnsetChannelsFlagsAndFixedNinthTile) {
   ASSERT_EQ(orlo_display_get_user_vr(h, 2, 100, 100, 960, 540, cl.data(), nullptr, vr), 0);
   EXPECT_EQ(list(vr + 1, vr + 4),
             (list{R(21, 580, 100, 480, 270), R(-1, 0, 270, 480, 270), R(23, 580, 370, 480, 270)}));
-
-  // Flags go into every record but the fixed ninth tile of an 8-channel device.
-  h->ch_count = 8;
-  cl[8] = -1;
-  std::array<int, ORLO_MAX_VR> flags{};
-  for (int i = 0; i < ORLO_MAX_VR; i++) flags[i] = 100 + i;
-  ASSERT_EQ(orlo_display_get_user_vr(h, 7, 0, 0, 1920, 1080, cl.data(), flags.data(), vr), 0);
-  for (int i = 0; i < ORLO_MAX_VR; i++) EXPECT_EQ(vr[i].flag, i == 8 ? 1 : 100 + i) << i;
-  EXPECT_EQ(vr[8].ch, 8);
-}
-
-// Refusals leave the output and main_port as they were.
-TEST(Layout, RefusedSizesModesAndChannels) {
-  const std::string kHeight = "orlo_display_get_user_vr:invalid height\n";
-  const std::string kWidth = "orlo_display_get_user_vr:invalid width\n";
-  const std::string kNoChannel = "orlo_display_get_user_vr: assertion 'channels[0] != -1' failed";
-  const struct {
-    int D, mode, W, H, c0;
-    std::string text;
-  } cases[] = {
-      {1920, 2, 1920, 1081, 0, kHeight},
-      {1920, 2, 1921, 1080, 0, kWidth},
-      {640, 2, 1923, 1080, 0, kWidth},
-      {1920, 2, 100, -1, 0, kHeight},
-      {1920, 2, -1, 100, 0, kWidth},
-      {1920, 0, 1920, 1080, 0, "orlo_display_get_user_vr:invalid mode:0\n"},
-      {1920, 11, 1920, 1080, 0, "orlo_display_get_user_vr:invalid mode:11\n"},
-      {1920, 12, 1920, 1080, -1, kNoChannel},
-  };
-  orlo_display_t *h = make_display();
-  for (const auto &p : cases) {
-    SCOPED_TRACE(testing::Message() << p.mode << " " << p.W << "x" << p.H);
-    log_capture log;
-    set_display_width(h, p.D);
-    int c[ORLO_MAX_VR] = {p.c0, 1, 2, 3};
-    orlo_vr_t vr[ORLO_MAX_VR], before[ORLO_MAX_VR];
-    std::memset(vr, 0x5a, sizeof vr);
-    std::memcpy(before, vr, sizeof vr);
-    EXPECT_EQ(orlo_display_get_user_vr(h, p.mode, 0, 0, p.W, p.H, c, nullptr, vr), -1);
-    EXPECT_EQ(std::memcmp(before, vr, sizeof vr), 0);
-    EXPECT_EQ(h->main_port, -1);
-    EXPECT_EQ(log.texts(p.text == kNoChannel ? G_LOG_LEVEL_CRITICAL : G_LOG_LEVEL_WARNING),
-              names{p.text});
-  }
 }
 
 // Scaled from display to input coordinates, then rounded up to the alignment.

@@ -180,18 +180,4 @@ TEST(RecordCopy, MaskCountEntriesFixedSizeRecordsAndIpOsdText) {
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING).size(), 2u);  // both refusals are reported
 }
 
-// Silent until the first start, and open from then on, even after stop.
-TEST(Gated, CheckProcessorAndStatistics) {
-  orlo_display_t *h = make_display();
-  fake_engine::script_result("ravel_check_alive_m3", 11);
-  fake_engine::script_result("ravel_print_statistics", 12);
-  EXPECT_EQ(orlo_display_check_processor(h, 1, 2) + orlo_display_print_statistics(h, 1, 2), 0);
-  ASSERT_EQ(orlo_display_mode_start(h, 1), 0);
-  printed_by([&] { orlo_display_stop(h); });
-  EXPECT_EQ(orlo_display_check_processor(h, 1, 2), 11);
-  EXPECT_EQ(orlo_display_print_statistics(h, 3, 4), 12);
-  EXPECT_EQ(fake_engine::calls("ravel_check_alive_m3").at(0).args, with_engine({1, 2}));
-  EXPECT_EQ(fake_engine::calls("ravel_print_statistics").at(0).args, with_engine({3, 4}));
-}
-
 }  // namespace
