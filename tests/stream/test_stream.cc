@@ -120,7 +120,7 @@ std::string pushes(size_t skip = 0) {
 }
 
 // A display over the recording engine whose sound device is a pipe, with
-// `sink` bound at index 0.
+// `sink`, `playback` and `third` bound at indices 0, 1 and 2.
 class display_test : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -129,7 +129,8 @@ class display_test : public ::testing::Test {
     const int32_t formats[] = {0};
     h = orlo_display_new(formats, 0, 16, 0, 1, fds[1], nullptr);
     ASSERT_NE(h, nullptr);
-    ASSERT_EQ(orlo_display_bind_src_pipe(h, sink.element.get(), 0), 0);
+    for (int i = 0; i < 3; i++)
+      ASSERT_EQ(orlo_display_bind_src_pipe(h, sinks[i]->element.get(), i), 0);
   }
   // What the sound device got since the last call.
   std::string heard() {
@@ -141,7 +142,8 @@ class display_test : public ::testing::Test {
   }
   int fds[2] = {-1, -1};
   orlo_display_t *h = nullptr;
-  direct_sink sink;
+  direct_sink sink, playback, third;
+  direct_sink *sinks[3] = {&sink, &playback, &third};
 };
 
 std::vector<int> first_cb_slots;
@@ -210,15 +212,9 @@ const scenario kScenarios[] = {
     {"SinkIndexTwoPushesNoVideo", {{{{64, 4, 1, 0, on_first}}, "0:V0i", "", 2}}, {64}},
 };
 
-void PrintTo(const scenario &s, std::ostream *os) { *os << s.name; }
-
 class DispatchTables : public display_test, public ::testing::WithParamInterface<scenario> {};
 
 TEST_P(DispatchTables, PushesWhatTheTablesSay) {
-  direct_sink playback, third;
-  ASSERT_EQ(orlo_display_bind_src_pipe(h, playback.element.get(), 1), 0);
-  ASSERT_EQ(orlo_display_bind_src_pipe(h, third.element.get(), 2), 0);
-  direct_sink *sinks[] = {&sink, &playback, &third};
   size_t n = 0;
   for (const pass &p : GetParam().passes) {
     if (!p.table.empty()) decode_change(h, p.table);
@@ -237,9 +233,8 @@ using Dispatch = display_test;
 
 TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   log_capture log;
-  direct_sink b, c;
+  direct_sink c;
   auto other = orlo::adopt_floating(gst_element_factory_make("fakesink", nullptr));
-  EXPECT_EQ(orlo_display_bind_src_pipe(h, b.element.get(), 1), 0);
   const std::pair<GstElement *, int> refused[] = {{c.element.get(), 0},
                                                   {c.element.get(), 8},
                                                   {c.element.get(), -1},
@@ -248,7 +243,8 @@ TEST_F(Dispatch, BindKeepsTheFirstSinkOfAnIndex) {
   for (const auto &[element, idx] : refused)
     EXPECT_EQ(orlo_display_bind_src_pipe(h, element, idx), -1) << idx;
   EXPECT_EQ(std::vector<GstElement *>(h->sinks, h->sinks + 4),
-            (std::vector<GstElement *>{sink.element.get(), b.element.get(), nullptr, nullptr}));
+            (std::vector<GstElement *>{sink.element.get(), playback.element.get(),
+                                       third.element.get(), nullptr}));
   EXPECT_EQ(log.texts(G_LOG_LEVEL_WARNING),
             (strings{"App idx 0 is aleady used.\n", "Invalid kelappsink_idx\n",
                      "Invalid kelappsink_idx\n"}));
@@ -282,8 +278,6 @@ TEST_F(Dispatch, MalformedMembersAndStrayFramesNeverReachTheEngine) {
 // engine's JPEG callback with its first attempt only, after the frame's
 // timestamp; a refusal consumes it.
 TEST_F(Dispatch, PlaybackSnapshotGoesWithTheFirstAttemptOfTheNextPush) {
-  direct_sink playback;
-  ASSERT_EQ(orlo_display_bind_src_pipe(h, playback.element.get(), 1), 0);
   decode_change(h, {{51, 3, 1}});  // channel 3 of sink 1
   std::atomic<bool> answered{false};
   int refusals = 0;  // the answering attempt and the next are refused
@@ -325,8 +319,6 @@ TEST_F(Dispatch, PlaybackSnapshotGoesWithTheFirstAttemptOfTheNextPush) {
 // empty frame writes nothing and is no loss.
 TEST_F(Dispatch, AudioChoiceOfChannelAndAll) {
   log_capture log;
-  direct_sink third;
-  ASSERT_EQ(orlo_display_bind_src_pipe(h, third.element.get(), 2), 0);
   const struct {
     int ch, all;
     direct_sink *sink;
