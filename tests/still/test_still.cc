@@ -232,25 +232,6 @@ struct ThumbnailDecode : ::testing::Test {
   }
 };
 
-TEST_F(ThumbnailDecode, TwentyRefusalsThenAPictureInRgb) {
-  fake_engine::hold_frames(true);
-  engine_decodes(20, 235);
-  ASSERT_EQ(decode(make_frame(3, 1, "picture")), 0);
-  const auto pushes = fake_engine::calls("ravel_put_decode_stream");
-  ASSERT_EQ(pushes.size(), 21u);
-  // Port 0, the payload behind the header and its size, no JPEG callback.
-  const fake_engine::call &p = pushes[20];
-  EXPECT_EQ((std::vector<int64_t>{p.args[1], p.args[4], p.args[6]}),
-            (std::vector<int64_t>{0, 7, 0}));
-  EXPECT_EQ(std::string(p.record.begin(), p.record.end()), "picture");
-  // Luma 235 with neutral chroma floors to 254 in every channel.
-  EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 254));
-  // The engine holds the frame until it releases it.
-  EXPECT_EQ(frames.freed.load(), 0);
-  EXPECT_EQ(fake_engine::release_held(), 1);
-  EXPECT_EQ(frames.freed.load(), 1);
-}
-
 // Each refusal releases the frame, answers -1 without waiting and leaves dst.
 TEST_F(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
   // An inter frame of a channel that port 0 did not last see (channel 0).
@@ -269,7 +250,11 @@ TEST_F(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
   EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 0x55));
 }
 
-TEST_F(ThumbnailDecode, NoPictureWithinASecondThenALatePictureIsDroppedAndTheNextDecodeWorks) {
+// No picture within a second: the call gives up and the engine keeps the
+// frame.  The picture arrives late; the next call drops it without a leak and,
+// after twenty refusals, takes its own.  That frame is one an application
+// stored itself: a plain buffer of header and payload.
+TEST_F(ThumbnailDecode, ALatePictureIsDroppedAndTwentyRefusalsThenAPictureInRgb) {
   std::atomic<ravel_image_cb> late{nullptr};
   fake_engine::hold_frames(true);
   fake_engine::script("ravel_put_decode_stream", [&](const fake_engine::call &c) -> int64_t {
@@ -281,21 +266,23 @@ TEST_F(ThumbnailDecode, NoPictureWithinASecondThenALatePictureIsDroppedAndTheNex
       log.has(G_LOG_LEVEL_WARNING, "orlo_display_decode_image: get thumbnail image failed\n"));
   EXPECT_EQ(dst[0], 0x55);
   EXPECT_EQ(frames.freed.load(), 0);  // the engine still has the frame
-  // The picture arrives after the caller gave up; the next call drops it
-  // without a leak and waits for its own.  That frame is one an application
-  // stored itself: a plain buffer of header and payload.
-  deliver(late.load(), 235);
+  deliver(late.load(), 16);
   fake_engine::reset();  // gives the first frame back
-  engine_decodes(0, 16);
-  GstBuffer *frame = make_frame(0, 5, "plain");
+  engine_decodes(20, 235);
+  GstBuffer *frame = make_frame(3, 1, "picture");
   const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(frame);
   GstBuffer *plain = gst_buffer_new_memdup(m->data, m->size);
   gst_buffer_unref(frame);
   ASSERT_EQ(decode(plain), 0);
-  const std::vector<uint8_t> record = fake_engine::calls("ravel_put_decode_stream").at(0).record;
-  EXPECT_EQ(std::string(record.begin(), record.end()), "plain");
-  // Black, as the packed-source converter writes it: it keeps 0 out.
-  EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 1));
+  const auto pushes = fake_engine::calls("ravel_put_decode_stream");
+  ASSERT_EQ(pushes.size(), 21u);
+  // Port 0, the payload behind the header and its size, no JPEG callback.
+  const fake_engine::call &p = pushes[20];
+  EXPECT_EQ((std::vector<int64_t>{p.args[1], p.args[4], p.args[6]}),
+            (std::vector<int64_t>{0, 7, 0}));
+  EXPECT_EQ(std::string(p.record.begin(), p.record.end()), "picture");
+  // Luma 235 with neutral chroma floors to 254 in every channel.
+  EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 254));
   EXPECT_EQ(frames.freed.load(), 2) << "the caller's reference was taken over";
 }
 
