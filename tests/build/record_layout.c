@@ -18,13 +18,12 @@
 #define AT(type, field, on32, on64) \
   _Static_assert(offsetof(type, field) == PER_TARGET(on32, on64), #type "." #field)
 
-// 11 signed words; a region list is 37 of them.
+// 11 signed words; a region list is 37 of them (the handle's first field).
 SIZE(orlo_vr_t, 44, 44);
 AT(orlo_vr_t, layer, 20, 20);
 AT(orlo_vr_t, crop_x, 24, 24);
 AT(orlo_vr_t, crop_height, 36, 36);
 AT(orlo_vr_t, flag, 40, 40);
-_Static_assert(sizeof(orlo_vr_t[ORLO_MAX_VR]) == 1628, "a region list");
 
 // 11 words, the fourth a function pointer.
 SIZE(orlo_decode_cfg_t, 44, 56);
