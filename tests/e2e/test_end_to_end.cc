@@ -36,9 +36,7 @@ const rgb camera0 = {0x1f, 0x77, 0xb4};
 // H.264 at a low rate, the scalers and the YUV round trip move a flat colour
 // by a few steps; different cameras differ by far more.
 bool near(const rgb &a, const rgb &b, int tolerance = 28) {
-  for (size_t k = 0; k < 3; ++k)
-    if (std::abs(a[k] - b[k]) > tolerance) return false;
-  return true;
+  return std::ranges::equal(a, b, [=](int x, int y) { return std::abs(x - y) <= tolerance; });
 }
 
 struct mosaic {
