@@ -133,6 +133,9 @@ TEST(JpegSnapshot, RefusalsAndALateAnswerLeaveTheNextSnapshotWorking) {
   orlo_display_t no_engine{};
   EXPECT_EQ(snapshot(&no_engine, 0, 0, 0, o1), -1);  // before any display made the engine
   orlo_display_t *h = make_display();
+  EXPECT_EQ(snapshot(nullptr, 0, 0, 0, o1), -1);
+  EXPECT_TRUE(log.has(G_LOG_LEVEL_CRITICAL,
+                      "orlo_display_get_jpeg_snapshot: assertion 'h_display != NULL' failed"));
   EXPECT_EQ(snapshot(h, 0, 4, 0, o1), -1);
   EXPECT_EQ(snapshot(h, 32, 2, 19, o1), -1);  // no playback port 32: nothing is armed
   EXPECT_EQ(trace(), names{});
