@@ -23,9 +23,7 @@ using names = std::vector<std::string>;
 
 orlo_display_t *make_display() {
   static const int32_t formats[] = {0};
-  orlo_display_t *h = orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
-  EXPECT_NE(h, nullptr);
-  return h;
+  return orlo_display_new(formats, 0, 16, 0, 1, -1, nullptr);
 }
 
 // Whether a warning contains `piece` (the lines carry a line number).
@@ -229,8 +227,8 @@ struct ThumbnailDecode : ::testing::Test {
   free_counter frames;
   std::vector<uint8_t> dst = std::vector<uint8_t>(W * H * 3, 0x55);
   // Decodes `b` (watched unless null) into dst.
-  int decode(GstBuffer *b, int width = W) {
-    return orlo_display_decode_image(h, b != nullptr ? frames.watch(b) : b, width, H, 0,
+  int decode(GstBuffer *b, int width = W, int height = H) {
+    return orlo_display_decode_image(h, b != nullptr ? frames.watch(b) : b, width, height, 0,
                                      dst.data());
   }
 };
@@ -240,13 +238,14 @@ TEST_F(ThumbnailDecode, RefusedFramesAreReleasedAtOnce) {
   // An inter frame of a channel that port 0 did not last see (channel 0).
   EXPECT_EQ(decode(make_frame(5, 0, "inter")), -1);
   EXPECT_TRUE(log.has(G_LOG_LEVEL_WARNING, "previous ch(0) is not matched with current ch(5)\n"));
-  EXPECT_EQ(decode(make_frame(0, 1, "intra"), 0), -1);          // a picture of no width
+  for (auto [width, height] : {std::pair{0, H}, {W, 0}})  // a picture of no width, of no height
+    EXPECT_EQ(decode(make_frame(0, 1, "intra"), width, height), -1);
   EXPECT_EQ(decode(gst_buffer_new_memdup("\x03\x00", 2)), -1);  // too short to be a frame
   EXPECT_EQ(log.count(kCannotDecode), 2);
   fake_engine::script_result("ravel_put_decode_stream", -1);
   EXPECT_EQ(decode(make_frame(0, 1, "intra")), -1);
   EXPECT_EQ(fake_engine::calls("ravel_put_decode_stream").size(), 21u);
-  EXPECT_EQ(frames.freed.load(), 4);
+  EXPECT_EQ(frames.freed.load(), 5);
   EXPECT_TRUE(log.has(G_LOG_LEVEL_WARNING, "ravel push failed at port 0\n"));
   EXPECT_EQ(log.count(kCannotDecode), 3);
   EXPECT_EQ(dst, std::vector<uint8_t>(W * H * 3, 0x55));
