@@ -3,7 +3,8 @@
 // (right number).  On the device every field is one 32-bit word (pointers
 // included) or an aligned 64-bit value; a record that drifts breaks every
 // application built against it, so the build stops here.  Every public
-// header is included, so each of them compiles as C.
+// header is included, so each of them compiles as C.  A first field is at
+// offset 0 by the language.
 #include <stddef.h>
 
 #include "colorspace.h"
@@ -17,18 +18,15 @@
 #define AT(type, field, on32, on64) \
   _Static_assert(offsetof(type, field) == PER_TARGET(on32, on64), #type "." #field)
 
-// 11 signed words; a region list is 37 of them.
+// 11 signed words; a region list is 37 of them (the handle's first field).
 SIZE(orlo_vr_t, 44, 44);
-AT(orlo_vr_t, ch, 0, 0);
 AT(orlo_vr_t, layer, 20, 20);
 AT(orlo_vr_t, crop_x, 24, 24);
 AT(orlo_vr_t, crop_height, 36, 36);
 AT(orlo_vr_t, flag, 40, 40);
-_Static_assert(sizeof(orlo_vr_t[ORLO_MAX_VR]) == 1628, "a region list");
 
 // 11 words, the fourth a function pointer.
 SIZE(orlo_decode_cfg_t, 44, 56);
-AT(orlo_decode_cfg_t, port, 0, 0);
 AT(orlo_decode_cfg_t, sync, 4, 4);
 AT(orlo_decode_cfg_t, enable, 8, 8);
 AT(orlo_decode_cfg_t, first_cb, 12, 16);
@@ -39,7 +37,6 @@ AT(orlo_timeval_t, tv_usec, 4, 4);
 
 // Six 32-bit words on the device; the section walk steps by this size.
 SIZE(shell_cmd_t, 24, 48);
-AT(shell_cmd_t, magic, 0, 0);
 AT(shell_cmd_t, name, 4, 8);
 AT(shell_cmd_t, help, 8, 16);
 AT(shell_cmd_t, usage, 12, 24);

@@ -103,9 +103,6 @@ const std::vector<row> &rows() {
       // Integers outside their range, with a good handle.
       GIVES(orlo_get_pb_timestamp(-1), 0), RUNS(orlo_set_pb_timestamp(-1, 1)),
       GIVES_STATED(orlo_get_pb_timestamp(32), 0),
-      GIVES_STATED(orlo_display_push_dec_frame_buffer(display(), 18), 0),
-      GIVES_STATED(orlo_display_audio_change(display(), 64, 0), 0),
-      GIVES(orlo_display_bind_src_pipe(display(), nullptr, 8), -1),
       GIVES(orlo_display_get_jpeg_snapshot(display(), 99, 0, 9, 0, 0, &jpeg, &u, &u, &u, &u), -1),
       GIVES(decode_port(display(), 99), -1),
       // The playback pipe: -1, NULL, 0 or nothing.

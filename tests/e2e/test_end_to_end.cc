@@ -30,22 +30,13 @@ using testing_support::eventually;
 using rgb = std::array<int, 3>;
 const rgb red = {255, 0, 0}, green = {0, 255, 0}, blue = {0, 0, 255};
 
-// The synthetic cameras' field colours (ARGB 0xff1f77b4 ...), camera by camera.
-rgb camera_colour(int camera) {
-  constexpr uint32_t colours[16] = {
-      0x1f77b4, 0xd62728, 0x2ca02c, 0xff7f0e, 0x9467bd, 0x8c564b, 0xe377c2, 0x7f7f7f,
-      0xbcbd22, 0x17becf, 0x003f5c, 0x7a5195, 0xef5675, 0xffa600, 0x2f4b7c, 0x665191,
-  };
-  const uint32_t c = colours[camera];
-  return {int(c >> 16 & 0xff), int(c >> 8 & 0xff), int(c & 0xff)};
-}
+// The synthetic camera 0's field colour (ARGB 0xff1f77b4).
+const rgb camera0 = {0x1f, 0x77, 0xb4};
 
 // H.264 at a low rate, the scalers and the YUV round trip move a flat colour
 // by a few steps; different cameras differ by far more.
 bool near(const rgb &a, const rgb &b, int tolerance = 28) {
-  for (size_t k = 0; k < 3; ++k)
-    if (std::abs(a[k] - b[k]) > tolerance) return false;
-  return true;
+  return std::ranges::equal(a, b, [=](int x, int y) { return std::abs(x - y) <= tolerance; });
 }
 
 struct mosaic {
@@ -114,10 +105,6 @@ struct mosaic {
     for (auto &v : c) std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
     return {c[0][c[0].size() / 2], c[1][c[1].size() / 2], c[2][c[2].size() / 2]};
   }
-  // (NO SIGNAL: a dark tile with a little text, near black.)
-  bool tile_is(int i, const rgb &want, int tolerance = 28) const {
-    return near(tile(i), want, tolerance);
-  }
 
   // Waits until region i of the last layout shows want[i]; gives what the
   // last look saw otherwise.
@@ -132,37 +119,11 @@ struct mosaic {
   }
 };
 
-TEST(EndToEnd, EveryTileOfModes9And2ShowsTheChannelPlacedThere) {
-  mosaic m;
-  ASSERT_NE(m.display, nullptr);
-  // Channel j decodes on port 15 - j, and the layout scatters the ports, so
-  // a tile is right only if both the decode table and the layout were used.
-  std::vector<int> port_of(16), layout9(16);
-  std::vector<rgb> want9;
-  for (int j = 0; j < 16; ++j) {
-    port_of[size_t(j)] = 15 - j;
-    layout9[size_t(j)] = (j * 5 + 3) % 16;
-    want9.push_back(camera_colour(15 - layout9[size_t(j)]));
-  }
-  ASSERT_EQ(m.show(9, layout9), 0);
-  ASSERT_EQ(m.decode(port_of), 0);
-  m.start_live(16);
-  EXPECT_EQ(m.wait_for_tiles(want9), "");
-
-  // A later selection only records the mode; the new layout does the rest.
-  ASSERT_EQ(m.show(2, {6, 13, 0, 9}), 0);
-  EXPECT_EQ(m.display->config_mode, 2);
-  EXPECT_EQ(
-      m.wait_for_tiles({camera_colour(9), camera_colour(2), camera_colour(15), camera_colour(6)}),
-      "");
-}
-
 // Port 0 moves from camera 0's main stream (slot 16) to its sub stream
 // (slot 32), which a source of another colour feeds: the tile turns from the
 // one colour to the other with no black picture between.
 TEST(EndToEnd, SeamlessSwitchOfAPairChangesTheTileWithoutBlack) {
   mosaic m;
-  ASSERT_NE(m.display, nullptr);
   ASSERT_EQ(m.show(1, {0}), 0);
   ASSERT_EQ(m.decode({0}), 0);
   m.start_live(1, 3, [](GstElement *src) {
@@ -171,7 +132,7 @@ TEST(EndToEnd, SeamlessSwitchOfAPairChangesTheTileWithoutBlack) {
     g_object_set(src, "channel", 0, "stream", 1, "uri",
                  "testbin://video,pattern=red,is-live=(boolean)true", nullptr);
   });
-  ASSERT_EQ(m.wait_for_tiles({camera_colour(0)}), "");
+  ASSERT_EQ(m.wait_for_tiles({camera0}), "");
 
   // The main stream's slot leaves (2) in favour of its partner (1) on the
   // same port.
@@ -186,7 +147,7 @@ TEST(EndToEnd, SeamlessSwitchOfAPairChangesTheTileWithoutBlack) {
   eventually(
       [&] {
         const rgb seen = m.tile(0);
-        if (near(seen, camera_colour(0)))
+        if (near(seen, camera0))
           main_again += partner_seen > 0;
         else if (near(seen, red))
           partner_seen++;
@@ -198,11 +159,6 @@ TEST(EndToEnd, SeamlessSwitchOfAPairChangesTheTileWithoutBlack) {
   EXPECT_EQ(partner_seen, 10) << "the tile never settled on the partner's colour";
   EXPECT_EQ(main_again, 0) << "the main stream came back after the switch";
   EXPECT_EQ(other, "") << "pictures that were neither stream (black between?)";
-  EXPECT_EQ(m.display->ch_enable[16], 0) << "the leaving slot was not turned off";
-
-  ravel_soft_port_stats_t s{};
-  ASSERT_EQ(ravel_soft_port_stats(m.engine, 0, &s), 0);
-  EXPECT_EQ(s.width, 80) << "port 0 does not show the sub stream";
 }
 
 // An RTSP server of a flat picture at rtsp://127.0.0.1:<port>/cam, on a main
@@ -271,9 +227,9 @@ struct rtsp_camera {
 };
 
 // The application's part: a camera's signal goes to its port (camera j
-// decodes on port j here).
+// decodes on port j + 1, modulo 3, here).
 void on_signal_changed(GstElement *, gint camera, gboolean present, gpointer engine) {
-  ravel_soft_set_port_signal(static_cast<ravel_t *>(engine), camera, present ? 1 : 0);
+  ravel_soft_set_port_signal(static_cast<ravel_t *>(engine), (camera + 1) % 3, present ? 1 : 0);
 }
 
 guint no_signal(mosaic &m) {
@@ -283,7 +239,9 @@ guint no_signal(mosaic &m) {
 }
 
 // Camera 0's server stops and starts again; camera 2's falls silent with its
-// connection open and sends again; camera 1 plays a file throughout.
+// connection open and sends again; camera 1 plays a file throughout.  Camera
+// j decodes on port j + 1 and the layout scatters the ports, so a tile is
+// right only if both the decode table and the layout were used.
 TEST(EndToEnd, RtspCamerasThatGoAwayOrFallSilentShowNoSignalAndComeBackBesideAFile) {
   gst_init(nullptr, nullptr);
   // A 4 s file of flat blue with B frames.
@@ -295,32 +253,32 @@ TEST(EndToEnd, RtspCamerasThatGoAwayOrFallSilentShowNoSignalAndComeBackBesideAFi
   ASSERT_EQ(std::system(make.c_str()), 0);
   rtsp_camera going("red"), silent("green");
   mosaic m;
-  ASSERT_NE(m.display, nullptr);
-  ASSERT_EQ(m.show(2, {0, 1, 2}), 0);
-  ASSERT_EQ(m.decode({0, 1, 2}), 0);
+  ASSERT_EQ(m.show(2, {2, 0, 1}), 0);
+  ASSERT_EQ(m.decode({1, 2, 0}), 0);
   m.start_live(3, 1, [&](GstElement *src) {
     g_signal_connect(src, "signal-changed", G_CALLBACK(on_signal_changed), m.engine);
     g_object_set(src, "channel", 0, "stream", 0, "uri", going.uri().c_str(), nullptr);
     g_object_set(src, "channel", 1, "stream", 0, "uri", ("file://" + file).c_str(), nullptr);
     g_object_set(src, "channel", 2, "stream", 0, "uri", silent.uri().c_str(), nullptr);
   });
-  ASSERT_EQ(m.wait_for_tiles({red, blue, green}), "") << "the sources never showed";
+  ASSERT_EQ(m.wait_for_tiles({blue, green, red}), "") << "the sources never showed";
 
-  // Each camera that stops sending shows NO SIGNAL (a dark tile) and sets its
-  // bit; once it sends again it comes back; the file plays on throughout.
+  // Each camera that stops sending shows NO SIGNAL (a dark tile with a little
+  // text, near black) and sets its bit; once it sends again it comes back;
+  // the file plays on throughout.
   going.stop();
   silent.set_silent(true);
   EXPECT_TRUE(eventually(
       [&] {
-        return (no_signal(m) & 0b101u) == 0b101u && m.tile_is(0, {0, 0, 0}, 80) &&
-               m.tile_is(2, {0, 0, 0}, 80);
+        return (no_signal(m) & 0b101u) == 0b101u && near(m.tile(1), {0, 0, 0}, 80) &&
+               near(m.tile(2), {0, 0, 0}, 80);
       },
       30));
   going.start();
   silent.set_silent(false);
   EXPECT_TRUE(eventually(
-      [&] { return no_signal(m) == 0u && m.tile_is(0, red) && m.tile_is(2, green); }, 40));
-  EXPECT_TRUE(m.tile_is(1, blue)) << "the file's tile went on through it all";
+      [&] { return no_signal(m) == 0u && near(m.tile(2), red) && near(m.tile(1), green); }, 40));
+  EXPECT_TRUE(near(m.tile(0), blue)) << "the file's tile went on through it all";
   std::remove(file.c_str());
 }
 
