@@ -110,16 +110,14 @@ TEST(KelAppSink, FullQueueWaitsForPullsAndStopReleasesTheRest) {
 struct recorder {
   std::mutex lock;
   std::vector<std::string> log;
-  std::thread::id caller = std::this_thread::get_id();
-  static void add(gpointer self, const std::string &s) {
+  const std::thread::id caller = std::this_thread::get_id();
+  static gint add(gpointer self, const std::string &s) {
     auto *r = static_cast<recorder *>(self);
     std::lock_guard<std::mutex> g(r->lock);
     r->log.push_back(std::this_thread::get_id() == r->caller ? "on the caller's thread: " + s : s);
+    return 0;
   }
-  std::vector<std::string> snapshot() {
-    std::lock_guard<std::mutex> g(lock);
-    return log;
-  }
+  size_t size() { return std::lock_guard<std::mutex>(lock), log.size(); }
 };
 
 TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
@@ -128,18 +126,18 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     pipeline p("sync=false drop=true max-buffers=3");
     const GstKelAppSinkRenderCallbacks render_cbs = {
         [](GstKelAppSink *, gpointer d) { recorder::add(d, "render eos"); },
-        [](GstKelAppSink *sink, gpointer d) -> gint {
-          return recorder::add(d, "render " + std::to_string(pull_number(sink))), 0;
+        [](GstKelAppSink *sink, gpointer d) {
+          return recorder::add(d, "render " + std::to_string(pull_number(sink)));
         },
         {}};
     const GstKelAppSinkCallbacks cbs = {
         [](GstKelAppSink *, gpointer d) { recorder::add(d, "eos callback"); },
-        [](GstKelAppSink *, GstEvent *ev, gpointer d) -> gint {
-          return recorder::add(d, GST_EVENT_TYPE_NAME(ev)), 0;
+        [](GstKelAppSink *, GstEvent *ev, gpointer d) {
+          return recorder::add(d, GST_EVENT_TYPE_NAME(ev));
         },
-        [](GstKelAppSink *, gpointer d) -> gint { return recorder::add(d, "preroll"), 0; },
-        [](GstKelAppSink *, gint code, gpointer d) -> gint {
-          return recorder::add(d, "report " + std::to_string(code)), 0;
+        [](GstKelAppSink *, gpointer d) { return recorder::add(d, "preroll"); },
+        [](GstKelAppSink *, gint code, gpointer d) {
+          return recorder::add(d, "report " + std::to_string(code));
         },
         {}};
     gst_kelapp_sink_set_render_callbacks(p.sink(), &render_cbs, &r, nullptr);
@@ -149,7 +147,7 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     p.push(1, true);
     // appsrc queues buffers on a thread of its own, and an event sent to it
     // would overtake the ones still queued: send it once both have rendered.
-    ASSERT_TRUE(eventually([&] { return r.snapshot().size() >= 6; }));
+    ASSERT_TRUE(eventually([&] { return r.size() >= 6; }));
     ASSERT_TRUE(gst_element_send_event(
         p.src.get(),
         gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, gst_structure_new_empty("KELPlayInfo"))));
@@ -157,10 +155,9 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     ASSERT_TRUE(p.eos_reached());
     p.flush();  // not part of the stream: the event callback never sees it
   }
-  EXPECT_EQ(r.snapshot(),
-            (std::vector<std::string>{"stream-start", "segment", "preroll", "render 0", "render 1",
-                                      "report 35", "custom-downstream", "render 2", "eos",
-                                      "render eos", "eos callback"}));
+  EXPECT_EQ(r.log, (std::vector<std::string>{"stream-start", "segment", "preroll", "render 0",
+                                             "render 1", "report 35", "custom-downstream",
+                                             "render 2", "eos", "render eos", "eos callback"}));
 }
 
 TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) {
@@ -176,40 +173,39 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
   gst_kelapp_sink_set_render_callbacks(sink, &render_cbs, render, notify);
   gst_kelapp_sink_set_callbacks(sink, &cbs, second, notify);
   EXPECT_EQ(notified, std::vector<std::string>{"first"});
+  // Something that is no sink is refused, and keeps the sink's tables.
+  for (auto *other : {reinterpret_cast<GstKelAppSink *>(element.get()->sinkpads->data),
+                      static_cast<GstKelAppSink *>(nullptr)}) {
+    gst_kelapp_sink_set_callbacks(other, &cbs, first, notify);
+    gst_kelapp_sink_set_render_callbacks(other, &render_cbs, first, notify);
+    EXPECT_EQ(gst_kelapp_sink_pull_buffer(other), nullptr);
+  }
 
   auto pad = orlo::adopt(gst_element_get_static_pad(element.get(), "sink"));
   auto h264 = orlo::adopt(gst_caps_from_string("video/x-h264"));
-  auto raw = orlo::adopt(gst_caps_from_string("video/x-raw"));
   EXPECT_TRUE(gst_pad_query_accept_caps(pad.get(), h264.get()));
-  g_object_set(element.get(), "caps", raw.get(), nullptr);
+  gst_util_set_object_arg(G_OBJECT(sink), "caps", "video/x-raw");
   EXPECT_FALSE(gst_pad_query_accept_caps(pad.get(), h264.get()));
   // A pulled buffer is not kept alive behind the queue; a priority is one
   // of SCHED_FIFO's.
   gboolean last_sample = TRUE;
   gint priority = 0;
-  g_object_set(element.get(), "priority", 100, nullptr);  // refused
-  g_object_get(element.get(), "priority", &priority, "enable-last-sample", &last_sample, nullptr);
+  g_object_set(sink, "priority", 100, nullptr);  // refused
+  g_object_get(sink, "priority", &priority, "enable-last-sample", &last_sample, nullptr);
   EXPECT_TRUE(priority == 0 && !last_sample);
-  // Something that is no sink is refused, and keeps the sink's tables.
-  for (auto *other :
-       {reinterpret_cast<GstKelAppSink *>(pad.get()), static_cast<GstKelAppSink *>(nullptr)}) {
-    gst_kelapp_sink_set_callbacks(other, &cbs, first, notify);
-    gst_kelapp_sink_set_render_callbacks(other, &render_cbs, first, notify);
-    EXPECT_EQ(gst_kelapp_sink_pull_buffer(other), nullptr);
-  }
   pad.reset();
   element.reset();
   EXPECT_EQ(notified, (std::vector<std::string>{"first", "render", "second"}));
 
   // A sink leaves nothing of its own behind: a thousand of them hold the
   // heap where it stood, give or take the allocator's bookkeeping.
-  const auto one_sink = [] {
-    orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
+  const auto sinks = [](int n) {
+    for (int i = 0; i < n; i++)
+      orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
+    return static_cast<long long>(mallinfo2().uordblks);
   };
-  for (int i = 0; i < 100; i++) one_sink();
-  const auto before = static_cast<long long>(mallinfo2().uordblks);
-  for (int i = 0; i < 1000; i++) one_sink();
-  EXPECT_LT(static_cast<long long>(mallinfo2().uordblks) - before, 1000 * 16);
+  const long long before = sinks(100);
+  EXPECT_LT(sinks(1000) - before, 1000 * 16);
 }
 
 }  // namespace

@@ -37,22 +37,16 @@ struct frame {
 };
 using frames_t = std::vector<frame>;
 
-frames_t of_channel(const frames_t &frames, int ch) {
+// Frames of `ch` of `type` (-1: of any type).
+frames_t of(const frames_t &frames, int ch, int type = -1) {
   frames_t out;
-  for (const auto &f : frames)
-    if (f.ch == ch) out.push_back(f);
+  std::ranges::copy_if(frames, std::back_inserter(out),
+                       [&](const frame &f) { return f.ch == ch && (type < 0 || f.type == type); });
   return out;
 }
 
-// Frames of `ch` of `type` (-1: of any type).
-size_t count_of(const frames_t &frames, int ch, int type = -1) {
-  size_t n = 0;
-  for (const auto &f : frames) n += f.ch == ch && (type < 0 || f.type == type);
-  return n;
-}
-
 auto at_least(size_t n, int ch, int type = 1) {
-  return [=](const frames_t &f) { return count_of(f, ch, type) >= n; };
+  return [=](const frames_t &f) { return of(f, ch, type).size() >= n; };
 }
 
 // A folder of its own, removed with what it holds, and in it a short H.264
@@ -187,11 +181,11 @@ TEST(LumenSrc, DeliversWhatIsAskedForPausesAndRefusesBadRequestsWithAWarning) {
   EXPECT_EQ(gst_lumen_src_close_ch(src, 7, 0), -1);
 
   const auto frames = h->collect([](const frames_t &f) {
-    return count_of(f, 2, 1) >= 3 && count_of(f, 18, 1) >= 3 && count_of(f, 1, 10) >= 5 &&
-           count_of(f, 20, 1) >= 2 && count_of(f, 1, 1) >= 2 && count_of(f, 19) >= 8;
+    return of(f, 2, 1).size() >= 3 && of(f, 18, 1).size() >= 3 && of(f, 1, 10).size() >= 5 &&
+           of(f, 20, 1).size() >= 2 && of(f, 1, 1).size() >= 2 && of(f, 19).size() >= 8;
   });
   for (int ch : {2, 18}) {
-    const auto mine = of_channel(frames, ch);
+    const auto mine = of(frames, ch);
     // key-interval 5: an intra frame first, then four inter frames, over and over.
     for (size_t i = 0; i < mine.size(); ++i) {
       EXPECT_EQ(mine[i].type, i % 5 == 0 ? 1 : 0) << "channel " << ch << " frame " << i;
@@ -208,10 +202,10 @@ TEST(LumenSrc, DeliversWhatIsAskedForPausesAndRefusesBadRequestsWithAWarning) {
   }
   g_object_set(src, "channel", 3, "stream", 1, "pause", 1, nullptr);
   h->collect(at_least(10, 3, -1));  // what was under way when the request came
-  EXPECT_EQ(count_of(h->collect(at_least(25, 3, -1)), 19), 0u);
+  EXPECT_TRUE(of(h->collect(at_least(25, 3, -1)), 19).empty());
   // Camera 3's next intra frame may be far: resume must not wait for it.
   g_object_set(src, "channel", 3, "stream", 1, "resume", 1, nullptr);
-  const auto sub = of_channel(h->collect(at_least(5, 19, -1), 5), 19);
+  const auto sub = of(h->collect(at_least(5, 19, -1), 5), 19);
   EXPECT_TRUE(sub.size() >= 2 && sub[0].type == 1 && sub[1].type == 0);
   EXPECT_EQ(gst_lumen_src_close_ch(src, 2, 0), 0);
   EXPECT_TRUE(said.count(2, "closed"));
@@ -297,7 +291,7 @@ TEST(LumenSrc, FilesLoopAtTheirRateAndFailingSourcesStopOnlyTheirCamera) {
   EXPECT_TRUE(ev.count(7, "lost: no such file: file://" + late) && ev.count(7, "signal lost"));
   // Two plays and a frame; the first paced at 25 frames a second, not as fast as
   // the file decodes (the bound is loose for a loaded machine).
-  const auto looped = of_channel(h.collect(at_least(31, 16, -1)), 16);
+  const auto looped = of(h.collect(at_least(31, 16, -1)), 16);
   ASSERT_GE(looped.size(), 31u);
   EXPECT_GE(looped[15].stamp - looped[0].stamp, 15u * 1000 / 25 / 2);
   EXPECT_FALSE(ev.count(0, "lost: "));
