@@ -5,11 +5,11 @@
 #include <gst/app/gstappsrc.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "element_checks.hh"
@@ -65,12 +65,11 @@ std::string describe(GstBuffer *list) {
   std::string s = std::to_string(GST_BUFFER_PTS(list) / GST_MSECOND) + ":";
   for (GList *l = gst_kel_list_buffer_get_meta(list)->list; l != nullptr; l = l->next) {
     const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
-    guint32 size, ms;
-    gint64 t;
-    memcpy(&size, m->data + 4, 4), memcpy(&ms, m->data + 12, 4), memcpy(&t, m->data + 16, 8);
-    const bool ok = size + 24 == m->size && ms == static_cast<guint32>(t / GST_MSECOND);
-    s += (l == gst_kel_list_buffer_get_meta(list)->list ? "" : ",") + std::to_string(m->data[0]) +
-         "@" + std::to_string((t - kT0) / GST_MSECOND) + (m->data[8] ? "*" : "") + (ok ? "" : "?");
+    const gint64 t = GST_READ_UINT64_LE(m->data + 16);
+    const bool ok = GST_READ_UINT32_LE(m->data + 4) + 24 == m->size &&
+                    GST_READ_UINT32_LE(m->data + 12) == static_cast<guint32>(t / GST_MSECOND);
+    s += std::string(l->prev != nullptr ? "," : "") + std::to_string(m->data[0]) + "@" +
+         std::to_string((t - kT0) / GST_MSECOND) + (m->data[8] ? "*" : "") + (ok ? "" : "?");
   }
   return s;
 }
@@ -191,10 +190,10 @@ TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSeiAndBothElementsHold
       nullptr));
   auto in = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "in"));
   gst_element_set_state(pipe.get(), GST_STATE_PLAYING);
-  const std::string aus[] = {aud + sps + idr, aud + p, idr};
-  for (int i = 0; i < 3; i++) {
-    GstBuffer *b = gst_buffer_new_memdup(aus[i].data(), aus[i].size());
-    GST_BUFFER_PTS(b) = i * kFrame;
+  gint64 pts = 0;
+  for (const std::string &au : {aud + sps + idr, aud + p, idr}) {
+    GstBuffer *b = gst_buffer_new_memdup(au.data(), au.size());
+    GST_BUFFER_PTS(b) = std::exchange(pts, pts + kFrame);
     gst_app_src_push_buffer(GST_APP_SRC(in.get()), b);
   }
   gst_app_src_end_of_stream(GST_APP_SRC(in.get()));
