@@ -89,21 +89,30 @@ TEST(KelAppSink, DropKeepsTheNewestAndFlushReleasesThem) {
   EXPECT_EQ(p.freed.load(), 5);
 }
 
-TEST(KelAppSink, FullQueueWaitsForPullsAndStopReleasesTheRest) {
+TEST(KelAppSink, FullQueueWaitsForPullsOrALargerBoundAndStopReleasesTheRest) {
   pipeline p("sync=false max-buffers=1");
+  std::atomic<int> rendered{0};
+  const GstKelAppSinkRenderCallbacks count = {
+      nullptr,
+      [](GstKelAppSink *, gpointer n) { return ++*static_cast<std::atomic<int> *>(n), 0; },
+      {}};
+  gst_kelapp_sink_set_render_callbacks(p.sink(), &count, &rendered, nullptr);
   p.set(GST_STATE_PLAYING);
   p.flush();  // after which a full queue waits again
-  for (guint64 i = 0; i < 4; i++) p.push(i);
+  for (guint64 i = 0; i < 5; i++) p.push(i);
   for (int n = 0; n < 2; n++) {
     int b = -1;
     ASSERT_TRUE(eventually([&] { return (b = pull_number(p.sink())) >= 0; }));
     EXPECT_EQ(b, n);
   }
-  // Buffer 2 fills the queue, buffer 3 waits inside render: going down must
-  // neither hang nor keep either.
+  // Buffer 2 fills the queue, buffer 3 waits inside render until the bound
+  // grows, then buffer 4 waits: going down must neither hang nor keep any.
   ASSERT_TRUE(eventually([&] { return p.arrived.load() == 4; }));
+  EXPECT_EQ(rendered.load(), 3);
+  g_object_set(p.sink(), "max-buffers", 2u, nullptr);
+  ASSERT_TRUE(eventually([&] { return rendered.load() == 4 && p.arrived.load() == 5; }));
   p.set(GST_STATE_NULL);
-  EXPECT_EQ(p.freed.load(), 4);
+  EXPECT_EQ(p.freed.load(), 5);
 }
 
 // What the callbacks saw, in order; a call on the test's own thread is marked.

@@ -113,9 +113,9 @@ struct heard {
 
   ~heard() { g_log_remove_handler("lumensrc", handler); }
   static void record(gint ch, gpointer data, gint size, gpointer self) {
-    std::lock_guard<std::mutex> g(static_cast<heard *>(self)->lock);
-    static_cast<heard *>(self)->lines.emplace(ch,
-                                              std::string(static_cast<char *>(data), size) + "\n");
+    auto *h = static_cast<heard *>(self);
+    std::lock_guard<std::mutex> g(h->lock);
+    h->lines.emplace(ch, std::string(static_cast<char *>(data), size) + "\n");
   }
   static void log(const gchar *, GLogLevelFlags, const gchar *m, gpointer self) {
     record(-1, const_cast<gchar *>(m), static_cast<gint>(strlen(m)), self);
