@@ -1,17 +1,28 @@
-// What every stand-in element owes its caller, checked alike for each: the
-// properties that the pipes set by name, each starting at its declared
-// default and holding what was written (an int both ends of its range), and
-// a finalize that hands on to its parent's, which lets go of the data a
-// caller attached to it.
+// What the element tests share: the headers, and what every stand-in element
+// owes its caller, checked alike for each: the properties that the pipes set
+// by name, each starting at its declared default and holding what was written
+// (an int both ends of its range), and a finalize that hands on to its
+// parent's, which lets go of the data a caller attached to it.
 #pragma once
 
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "eventually.hh"
+#include "kel_buffers.h"
 #include "ref_ptr.hh"
 
 // Values of `p` to write: an int's two ends, another type's value off its default.

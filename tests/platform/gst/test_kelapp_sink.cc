@@ -1,20 +1,10 @@
 // The application sink: its bounded queue, its callbacks on the streaming
 // thread, the step report, and what becomes of queued buffers on flush and
 // on the way down.
-#include <gst/app/gstappsrc.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <atomic>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "element_checks.hh"
-#include "eventually.hh"
 #include "kelapp_sink.h"
-#include "ref_ptr.hh"
 
 using testing_support::eventually;
 

@@ -1,22 +1,9 @@
 // The playback source and the recorder beside it: recordings written here
 // byte by byte in their on-disk form, played into an appsink; the lists,
 // positions, segment, status event and warnings of each kind of play.
-#include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "element_checks.hh"
-#include "kel_buffers.h"
 #include "kelsstsrc.h"
 #include "log_capture.hh"
-#include "ref_ptr.hh"
 
 namespace {
 

@@ -1,13 +1,7 @@
 // The libraries linked beside the elements: the frame and list buffers
 // (their bytes, their type tests, what a copy shares and what the list
 // holds).
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "kel_buffers.h"
-#include "ref_ptr.hh"
+#include "element_checks.hh"
 
 // A frame's bytes as its meta tells them, "none" for no frame.
 static std::string bytes_of(GstBuffer *b) {
