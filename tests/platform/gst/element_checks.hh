@@ -25,6 +25,13 @@
 #include "kel_buffers.h"
 #include "ref_ptr.hh"
 
+// A folder of its own, removed with what it holds.
+struct temp_dir {
+  const std::string path =
+      mkdtemp((std::filesystem::temp_directory_path() / "elements-XXXXXX").string().data());
+  ~temp_dir() { std::filesystem::remove_all(path); }
+};
+
 // Values of `p` to write: an int's two ends, another type's value off its default.
 inline std::vector<GValue> to_write(GParamSpec *p) {
   std::vector<GValue> out(G_IS_PARAM_SPEC_INT(p) ? 2 : 1, G_VALUE_INIT);

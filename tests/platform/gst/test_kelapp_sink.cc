@@ -199,8 +199,10 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
   // A sink leaves nothing of its own behind: a thousand of them hold the
   // heap where it stood, give or take the allocator's bookkeeping.
   const auto sinks = [](int n) {
-    for (int i = 0; i < n; i++)
-      orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
+    for (int i = 0; i < n; i++) {  // each with caps of its own
+      auto e = orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
+      gst_util_set_object_arg(G_OBJECT(e.get()), "caps", "video/x-raw");
+    }
     return static_cast<long long>(mallinfo2().uordblks);
   };
   const long long before = sinks(100);

@@ -36,18 +36,15 @@ auto at_least(size_t n, int ch, int type = 1) {
   return [=](const frames_t &f) { return of(f, ch, type).size() >= n; };
 }
 
-// A folder of its own, removed with what it holds, and in it a short H.264
-// file by FFmpeg's x264: 15 frames at 25 a second, B-frames and all.
-struct file_folder {
-  const std::string path =
-      mkdtemp((std::filesystem::temp_directory_path() / "lumensrc-XXXXXX").string().data());
+// A folder with a short H.264 file by FFmpeg's x264: 15 frames at 25 a
+// second, B-frames and all.
+struct file_folder : temp_dir {
   const std::string file = path + "/short.mkv";
   const std::string make =
       "ffmpeg -v error -f lavfi -i testsrc2=s=320x180:r=25 -bf 3 -frames:v 15 "
       "-profile:v high -c:v libx264 -pix_fmt yuv420p " +
       file;
   const int made = std::system(make.c_str());
-  ~file_folder() { std::filesystem::remove_all(path); }
 };
 
 struct lumen_harness {
