@@ -48,6 +48,8 @@ inline std::vector<GValue> to_write(GParamSpec *p) {
     g_value_set_boolean(&out[0], !G_PARAM_SPEC_BOOLEAN(p)->default_value);
   else if (G_IS_PARAM_SPEC_STRING(p))
     g_value_set_string(&out[0], "elsewhere");
+  else if (p->value_type == GST_TYPE_CAPS)
+    gst_value_set_caps(&out[0], orlo::adopt(gst_caps_new_any()).get());
   else
     out.clear();
   return out;
