@@ -181,6 +181,7 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
 
   auto pad = orlo::adopt(gst_element_get_static_pad(element.get(), "sink"));
   auto h264 = orlo::adopt(gst_caps_from_string("video/x-h264"));
+  EXPECT_TRUE(gst_caps_is_any(orlo::adopt(gst_pad_query_caps(pad.get(), nullptr)).get()));
   EXPECT_TRUE(gst_pad_query_accept_caps(pad.get(), h264.get()));
   gst_util_set_object_arg(G_OBJECT(sink), "caps", "video/x-raw");
   EXPECT_FALSE(gst_pad_query_accept_caps(pad.get(), h264.get()));
