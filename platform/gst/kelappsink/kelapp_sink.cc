@@ -130,10 +130,11 @@ GstBuffer *pop_oldest(sink_state *st) {
   return static_cast<GstBuffer *>(gst_queue_array_pop_head(st->queue));
 }
 
-// Empties the queue; called with the lock held.
+// Empties the queue; called with the lock held.  No render waits then: a
+// flush-stop holds the stream lock, and stop and finalize come after the
+// streaming thread has let go.
 void take_queue(sink_state *st, dropped_buffers &out) {
   while (queued(st) > 0) out.add(pop_oldest(st));
-  g_cond_broadcast(&st->cond);
 }
 
 void flush(GstKelAppSink *self) {

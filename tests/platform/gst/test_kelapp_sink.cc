@@ -1,20 +1,10 @@
 // The application sink: its bounded queue, its callbacks on the streaming
 // thread, the step report, and what becomes of queued buffers on flush and
 // on the way down.
-#include <gst/app/gstappsrc.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <atomic>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "element_checks.hh"
-#include "eventually.hh"
 #include "kelapp_sink.h"
-#include "ref_ptr.hh"
 
 using testing_support::eventually;
 
@@ -78,7 +68,6 @@ TEST(KelAppSink, DropKeepsTheNewestAndFlushReleasesThem) {
   p.set(GST_STATE_PLAYING);
   for (guint64 i = 0; i < 5; i++) p.push(i);
   ASSERT_TRUE(p.eos_reached());  // 2, 3 and 4 sit in the queue
-  EXPECT_EQ(p.arrived.load(), 5);
   EXPECT_EQ(p.freed.load(), 2);
   g_object_set(p.sink(), "max-buffers", 2u, nullptr);  // sheds the oldest at once
   EXPECT_EQ(p.freed.load(), 3);
@@ -89,37 +78,44 @@ TEST(KelAppSink, DropKeepsTheNewestAndFlushReleasesThem) {
   EXPECT_EQ(p.freed.load(), 5);
 }
 
-TEST(KelAppSink, FullQueueWaitsForPullsAndStopReleasesTheRest) {
+TEST(KelAppSink, FullQueueWaitsForPullsOrALargerBoundAndStopReleasesTheRest) {
   pipeline p("sync=false max-buffers=1");
+  std::atomic<int> rendered{0};
+  const GstKelAppSinkRenderCallbacks count = {
+      nullptr,
+      [](GstKelAppSink *, gpointer n) { return ++*static_cast<std::atomic<int> *>(n), 0; },
+      {}};
+  gst_kelapp_sink_set_render_callbacks(p.sink(), &count, &rendered, nullptr);
   p.set(GST_STATE_PLAYING);
   p.flush();  // after which a full queue waits again
-  for (guint64 i = 0; i < 4; i++) p.push(i);
+  for (guint64 i = 0; i < 5; i++) p.push(i);
   for (int n = 0; n < 2; n++) {
     int b = -1;
     ASSERT_TRUE(eventually([&] { return (b = pull_number(p.sink())) >= 0; }));
     EXPECT_EQ(b, n);
   }
-  // Buffer 2 fills the queue, buffer 3 waits inside render: going down must
-  // neither hang nor keep either.
+  // Buffer 2 fills the queue, buffer 3 waits inside render until the bound
+  // grows, then buffer 4 waits: going down must neither hang nor keep any.
   ASSERT_TRUE(eventually([&] { return p.arrived.load() == 4; }));
+  EXPECT_EQ(rendered.load(), 3);
+  g_object_set(p.sink(), "max-buffers", 2u, nullptr);
+  ASSERT_TRUE(eventually([&] { return rendered.load() == 4 && p.arrived.load() == 5; }));
   p.set(GST_STATE_NULL);
-  EXPECT_EQ(p.freed.load(), 4);
+  EXPECT_EQ(p.freed.load(), 5);
 }
 
 // What the callbacks saw, in order; a call on the test's own thread is marked.
 struct recorder {
   std::mutex lock;
   std::vector<std::string> log;
-  std::thread::id caller = std::this_thread::get_id();
-  static void add(gpointer self, const std::string &s) {
+  const std::thread::id caller = std::this_thread::get_id();
+  static gint add(gpointer self, const std::string &s) {
     auto *r = static_cast<recorder *>(self);
     std::lock_guard<std::mutex> g(r->lock);
     r->log.push_back(std::this_thread::get_id() == r->caller ? "on the caller's thread: " + s : s);
+    return 0;
   }
-  std::vector<std::string> snapshot() {
-    std::lock_guard<std::mutex> g(lock);
-    return log;
-  }
+  size_t size() { return std::lock_guard<std::mutex>(lock), log.size(); }
 };
 
 TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
@@ -128,18 +124,18 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     pipeline p("sync=false drop=true max-buffers=3");
     const GstKelAppSinkRenderCallbacks render_cbs = {
         [](GstKelAppSink *, gpointer d) { recorder::add(d, "render eos"); },
-        [](GstKelAppSink *sink, gpointer d) -> gint {
-          return recorder::add(d, "render " + std::to_string(pull_number(sink))), 0;
+        [](GstKelAppSink *sink, gpointer d) {
+          return recorder::add(d, "render " + std::to_string(pull_number(sink)));
         },
         {}};
     const GstKelAppSinkCallbacks cbs = {
         [](GstKelAppSink *, gpointer d) { recorder::add(d, "eos callback"); },
-        [](GstKelAppSink *, GstEvent *ev, gpointer d) -> gint {
-          return recorder::add(d, GST_EVENT_TYPE_NAME(ev)), 0;
+        [](GstKelAppSink *, GstEvent *ev, gpointer d) {
+          return recorder::add(d, GST_EVENT_TYPE_NAME(ev));
         },
-        [](GstKelAppSink *, gpointer d) -> gint { return recorder::add(d, "preroll"), 0; },
-        [](GstKelAppSink *, gint code, gpointer d) -> gint {
-          return recorder::add(d, "report " + std::to_string(code)), 0;
+        [](GstKelAppSink *, gpointer d) { return recorder::add(d, "preroll"); },
+        [](GstKelAppSink *, gint code, gpointer d) {
+          return recorder::add(d, "report " + std::to_string(code));
         },
         {}};
     gst_kelapp_sink_set_render_callbacks(p.sink(), &render_cbs, &r, nullptr);
@@ -149,7 +145,7 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     p.push(1, true);
     // appsrc queues buffers on a thread of its own, and an event sent to it
     // would overtake the ones still queued: send it once both have rendered.
-    ASSERT_TRUE(eventually([&] { return r.snapshot().size() >= 6; }));
+    ASSERT_TRUE(eventually([&] { return r.size() >= 6; }));
     ASSERT_TRUE(gst_element_send_event(
         p.src.get(),
         gst_event_new_custom(GST_EVENT_CUSTOM_DOWNSTREAM, gst_structure_new_empty("KELPlayInfo"))));
@@ -157,10 +153,9 @@ TEST(KelAppSink, CallbacksRunOnTheStreamingThreadInStreamOrder) {
     ASSERT_TRUE(p.eos_reached());
     p.flush();  // not part of the stream: the event callback never sees it
   }
-  EXPECT_EQ(r.snapshot(),
-            (std::vector<std::string>{"stream-start", "segment", "preroll", "render 0", "render 1",
-                                      "report 35", "custom-downstream", "render 2", "eos",
-                                      "render eos", "eos callback"}));
+  EXPECT_EQ(r.log, (std::vector<std::string>{"stream-start", "segment", "preroll", "render 0",
+                                             "render 1", "report 35", "custom-downstream",
+                                             "render 2", "eos", "render eos", "eos callback"}));
 }
 
 TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) {
@@ -176,40 +171,39 @@ TEST(KelAppSink, ReplacedAndFinalizedTablesNotifyTheirDataAndCapsNarrowTheSink) 
   gst_kelapp_sink_set_render_callbacks(sink, &render_cbs, render, notify);
   gst_kelapp_sink_set_callbacks(sink, &cbs, second, notify);
   EXPECT_EQ(notified, std::vector<std::string>{"first"});
-
-  auto pad = orlo::adopt(gst_element_get_static_pad(element.get(), "sink"));
-  auto h264 = orlo::adopt(gst_caps_from_string("video/x-h264"));
-  auto raw = orlo::adopt(gst_caps_from_string("video/x-raw"));
-  EXPECT_TRUE(gst_pad_query_accept_caps(pad.get(), h264.get()));
-  g_object_set(element.get(), "caps", raw.get(), nullptr);
-  EXPECT_FALSE(gst_pad_query_accept_caps(pad.get(), h264.get()));
-  // A pulled buffer is not kept alive behind the queue; a priority is one
-  // of SCHED_FIFO's.
-  gboolean last_sample = TRUE;
-  gint priority = 0;
-  g_object_set(element.get(), "priority", 100, nullptr);  // refused
-  g_object_get(element.get(), "priority", &priority, "enable-last-sample", &last_sample, nullptr);
-  EXPECT_TRUE(priority == 0 && !last_sample);
   // Something that is no sink is refused, and keeps the sink's tables.
-  for (auto *other :
-       {reinterpret_cast<GstKelAppSink *>(pad.get()), static_cast<GstKelAppSink *>(nullptr)}) {
+  for (auto *other : {reinterpret_cast<GstKelAppSink *>(element.get()->sinkpads->data),
+                      static_cast<GstKelAppSink *>(nullptr)}) {
     gst_kelapp_sink_set_callbacks(other, &cbs, first, notify);
     gst_kelapp_sink_set_render_callbacks(other, &render_cbs, first, notify);
     EXPECT_EQ(gst_kelapp_sink_pull_buffer(other), nullptr);
   }
+
+  auto pad = orlo::adopt(gst_element_get_static_pad(element.get(), "sink"));
+  auto h264 = orlo::adopt(gst_caps_from_string("video/x-h264"));
+  EXPECT_TRUE(gst_caps_is_any(orlo::adopt(gst_pad_query_caps(pad.get(), nullptr)).get()));
+  EXPECT_TRUE(gst_pad_query_accept_caps(pad.get(), h264.get()));
+  gst_util_set_object_arg(G_OBJECT(sink), "caps", "video/x-raw");
+  EXPECT_FALSE(gst_pad_query_accept_caps(pad.get(), h264.get()));
+  // A pulled buffer is not kept alive behind the queue.
+  gboolean last_sample = TRUE;
+  g_object_get(sink, "enable-last-sample", &last_sample, nullptr);
+  EXPECT_FALSE(last_sample);
   pad.reset();
   element.reset();
   EXPECT_EQ(notified, (std::vector<std::string>{"first", "render", "second"}));
 
   // A sink leaves nothing of its own behind: a thousand of them hold the
   // heap where it stood, give or take the allocator's bookkeeping.
-  const auto one_sink = [] {
-    orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
+  const auto sinks = [](int n) {
+    for (int i = 0; i < n; i++) {  // each with caps of its own
+      auto e = orlo::adopt_floating(gst_element_factory_make("kelappsink", nullptr));
+      gst_util_set_object_arg(G_OBJECT(e.get()), "caps", "video/x-raw");
+    }
+    return static_cast<long long>(mallinfo2().uordblks);
   };
-  for (int i = 0; i < 100; i++) one_sink();
-  const auto before = static_cast<long long>(mallinfo2().uordblks);
-  for (int i = 0; i < 1000; i++) one_sink();
-  EXPECT_LT(static_cast<long long>(mallinfo2().uordblks) - before, 1000 * 16);
+  const long long before = sinks(100);
+  EXPECT_LT(sinks(1000) - before, 1000 * 16);
 }
 
 }  // namespace

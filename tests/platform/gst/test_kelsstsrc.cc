@@ -1,22 +1,9 @@
 // The playback source and the recorder beside it: recordings written here
 // byte by byte in their on-disk form, played into an appsink; the lists,
 // positions, segment, status event and warnings of each kind of play.
-#include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "element_checks.hh"
-#include "kel_buffers.h"
 #include "kelsstsrc.h"
 #include "log_capture.hh"
-#include "ref_ptr.hh"
 
 namespace {
 
@@ -44,19 +31,14 @@ void append_frame(std::string &out, int ch, bool intra, gint64 time, bool three_
 
 // A recordings folder, removed with its files, with channel 0's: six frames
 // 40 ms apart, intra at 0 and 3.
-struct folder {
+struct folder : temp_dir {
   explicit folder(bool three_byte_start = false) {  // start codes 00 00 01, as a recorder may write
     std::string bytes;
     for (int i = 0; i < 6; i++)
       append_frame(bytes, 0, i % 3 == 0, kT0 + i * kFrame, three_byte_start);
-    g_file_set_contents((path() + "/ch00.h264").c_str(), bytes.data(),
+    g_file_set_contents((path + "/ch00.h264").c_str(), bytes.data(),
                         static_cast<gssize>(bytes.size()), nullptr);
   }
-  ~folder() { std::filesystem::remove_all(path_); }
-  const std::string &path() const { return path_; }
-  std::string path_ = std::unique_ptr<gchar, decltype(&g_free)>(
-                          g_dir_make_tmp("kelsstsrc-XXXXXX", nullptr), &g_free)
-                          .get();
 };
 
 // One list as "position:channel@time[*]..." (ms from kT0, * intra, ? when the
@@ -65,12 +47,11 @@ std::string describe(GstBuffer *list) {
   std::string s = std::to_string(GST_BUFFER_PTS(list) / GST_MSECOND) + ":";
   for (GList *l = gst_kel_list_buffer_get_meta(list)->list; l != nullptr; l = l->next) {
     const GstKelBuddyMeta *m = gst_kel_buddy_buffer_get_meta(static_cast<GstBuffer *>(l->data));
-    guint32 size, ms;
-    gint64 t;
-    memcpy(&size, m->data + 4, 4), memcpy(&ms, m->data + 12, 4), memcpy(&t, m->data + 16, 8);
-    const bool ok = size + 24 == m->size && ms == static_cast<guint32>(t / GST_MSECOND);
-    s += (l == gst_kel_list_buffer_get_meta(list)->list ? "" : ",") + std::to_string(m->data[0]) +
-         "@" + std::to_string((t - kT0) / GST_MSECOND) + (m->data[8] ? "*" : "") + (ok ? "" : "?");
+    const gint64 t = GST_READ_UINT64_LE(m->data + 16);
+    const bool ok = GST_READ_UINT32_LE(m->data + 4) + 24 == m->size &&
+                    GST_READ_UINT32_LE(m->data + 12) == static_cast<guint32>(t / GST_MSECOND);
+    s += std::string(l->prev != nullptr ? "," : "") + std::to_string(m->data[0]) + "@" +
+         std::to_string((t - kT0) / GST_MSECOND) + (m->data[8] ? "*" : "") + (ok ? "" : "?");
   }
   return s;
 }
@@ -81,28 +62,32 @@ struct outcome {
   std::string play, info, warnings;  // warnings one a line, the folder as F
 };
 
-GstPadProbeReturn on_event(GstPad *, GstPadProbeInfo *info, gpointer data) {
-  const GstStructure *s = gst_event_get_structure(GST_PAD_PROBE_INFO_EVENT(info));
-  guint64 eos, norecord, base;
-  gint dir;
-  if (s != nullptr && gst_structure_get(s, "eos-status", G_TYPE_UINT64, &eos, "norecord-status",
-                                        G_TYPE_UINT64, &norecord, "base-time", G_TYPE_UINT64, &base,
-                                        "direction", G_TYPE_INT, &dir, nullptr))
-    static_cast<outcome *>(data)->info =
-        " | " + std::to_string(eos) + " " + std::to_string(norecord) + " " +
-        std::to_string((static_cast<gint64>(base) - kT0) / GST_MSECOND) + " " + std::to_string(dir);
-  return GST_PAD_PROBE_OK;
-}
-
 outcome play(const folder &f, const std::string &props) {
   testing_support::log_capture log;
   outcome o;
-  const std::string launch =
-      "kelsstsrc open-rate=0 location=" + f.path() + " " + props + " ! appsink name=out sync=false";
-  auto pipe = orlo::adopt_floating(gst_parse_launch(launch.c_str(), nullptr));
+  auto pipe = orlo::adopt_floating(gst_parse_launch(
+      ("kelsstsrc open-rate=0 location=" + f.path + " " + props + " ! appsink name=out sync=false")
+          .c_str(),
+      nullptr));
   auto out = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "out"));
   auto pad = orlo::adopt(gst_element_get_static_pad(out.get(), "sink"));
-  gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, on_event, &o, nullptr);
+  gst_pad_add_probe(
+      pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+      [](GstPad *, GstPadProbeInfo *info, gpointer data) {
+        const GstStructure *s = gst_event_get_structure(GST_PAD_PROBE_INFO_EVENT(info));
+        guint64 eos, norecord, base;
+        gint dir;
+        if (s != nullptr &&
+            gst_structure_get(s, "eos-status", G_TYPE_UINT64, &eos, "norecord-status",
+                              G_TYPE_UINT64, &norecord, "base-time", G_TYPE_UINT64, &base,
+                              "direction", G_TYPE_INT, &dir, nullptr))
+          static_cast<outcome *>(data)->info =
+              " | " + std::to_string(eos) + " " + std::to_string(norecord) + " " +
+              std::to_string((static_cast<gint64>(base) - kT0) / GST_MSECOND) + " " +
+              std::to_string(dir);
+        return GST_PAD_PROBE_OK;
+      },
+      &o, nullptr);
   gst_element_set_state(pipe.get(), GST_STATE_PLAYING);
   // NULL at the end of the stream; the deadline only bounds a hang.
   while (GstSample *s = gst_app_sink_try_pull_sample(GST_APP_SINK(out.get()), 20 * GST_SECOND)) {
@@ -115,7 +100,7 @@ outcome play(const folder &f, const std::string &props) {
   gst_element_set_state(pipe.get(), GST_STATE_NULL);
   if (!o.play.empty()) o.play.pop_back();
   for (std::string w : log.texts(G_LOG_LEVEL_WARNING)) {
-    if (size_t at = w.find(f.path()); at != std::string::npos) w.replace(at, f.path().size(), "F");
+    if (size_t at = w.find(f.path); at != std::string::npos) w.replace(at, f.path.size(), "F");
     o.warnings += w + "\n";
   }
   return o;
@@ -168,7 +153,7 @@ TEST(KelSstSrc, FirstIntraFrameOfASpan) {
   for (const auto &r : rows) {
     auto list = orlo::adopt(gst_kel_list_buffer_new());
     GST_BUFFER_PTS(list.get()) = 0;
-    if (GstBuffer *b = gst_kelsstsrc_get_first_iframe(f.path().c_str(), r.ch, 0, r.begin, r.end))
+    if (GstBuffer *b = gst_kelsstsrc_get_first_iframe(f.path.c_str(), r.ch, 0, r.begin, r.end))
       gst_kel_list_buffer_append(list.get(), b);
     EXPECT_EQ(describe(list.get()), r.found) << r.ch;
   }
@@ -186,15 +171,15 @@ TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSeiAndBothElementsHold
   auto pipe = orlo::adopt_floating(gst_parse_launch(
       ("appsrc name=in format=time caps=video/x-h264,stream-format=byte-stream,alignment=au ! "
        "kelsstrec ch=9 max-size=60 location=" +
-       f.path() + " start-time=" + ns(0))
+       f.path + " start-time=" + ns(0))
           .c_str(),
       nullptr));
   auto in = orlo::adopt(gst_bin_get_by_name(GST_BIN(pipe.get()), "in"));
   gst_element_set_state(pipe.get(), GST_STATE_PLAYING);
-  const std::string aus[] = {aud + sps + idr, aud + p, idr};
-  for (int i = 0; i < 3; i++) {
-    GstBuffer *b = gst_buffer_new_memdup(aus[i].data(), aus[i].size());
-    GST_BUFFER_PTS(b) = i * kFrame;
+  gint64 pts = 0;
+  for (const std::string &au : {aud + sps + idr, aud + p, idr}) {
+    GstBuffer *b = gst_buffer_new_memdup(au.data(), au.size());
+    GST_BUFFER_PTS(b) = std::exchange(pts, pts + kFrame);
     gst_app_src_push_buffer(GST_APP_SRC(in.get()), b);
   }
   gst_app_src_end_of_stream(GST_APP_SRC(in.get()));
@@ -207,7 +192,7 @@ TEST(KelSstSrc, RecorderWritesEachAccessUnitBehindItsFrameSeiAndBothElementsHold
   append_frame(second, 9, true, kT0 + 2 * kFrame, false, idr);
   for (const auto &[name, expected] :
        {std::pair{"/ch09.h264", first}, {"/ch09-0001.h264", second}}) {
-    std::ifstream in(f.path() + name, std::ios::binary);
+    std::ifstream in(f.path + name, std::ios::binary);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), expected) << name;
   }
 }

@@ -1,14 +1,7 @@
 // The libraries linked beside the elements: the frame and list buffers
 // (their bytes, their type tests, what a copy shares and what the list
-// holds) and the camera detection.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "kel_buffers.h"
-#include "plug_and_detect.h"
-#include "ref_ptr.hh"
+// holds).
+#include "element_checks.hh"
 
 // A frame's bytes as its meta tells them, "none" for no frame.
 static std::string bytes_of(GstBuffer *b) {
@@ -23,8 +16,7 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   // A copy is a frame over bytes of its own, left unmapped so that it is
   // written in place.
   auto copy = orlo::adopt(gst_buffer_copy_deep(frame.get()));
-  EXPECT_EQ(bytes_of(frame.get()), bytes);
-  EXPECT_EQ(bytes_of(copy.get()), bytes);
+  EXPECT_TRUE(bytes_of(frame.get()) == bytes && bytes_of(copy.get()) == bytes);
   guint8 *at = gst_kel_buddy_buffer_get_meta(copy.get())->data;
   EXPECT_NE(at, gst_kel_buddy_buffer_get_meta(frame.get())->data);
   GstMapInfo map;
@@ -41,10 +33,9 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   gst_mini_object_init(GST_MINI_OBJECT_CAST(no_buffer), 0, GST_TYPE_CAPS, nullptr, nullptr,
                        nullptr);
   EXPECT_EQ(gst_kel_list_buffer_get_meta(list.get())->list, nullptr);
-  for (GstBuffer *b : {plain.get(), frame.get(), no_buffer, static_cast<GstBuffer *>(nullptr)})
-    EXPECT_EQ(gst_kel_list_buffer_get_meta(b), nullptr);
-  for (GstBuffer *b : {plain.get(), list.get(), no_buffer, static_cast<GstBuffer *>(nullptr)})
-    EXPECT_EQ(bytes_of(b), "none");
+  for (GstBuffer *b : {plain.get(), frame.get(), list.get(), no_buffer, (GstBuffer *)nullptr})
+    EXPECT_EQ((gst_kel_list_buffer_get_meta(b) != nullptr) + 2 * (bytes_of(b) != "none"),
+              (b == list.get()) + 2 * (b == frame.get()));
 
   // Members in order; a list copy shares them, each list with a reference.
   gst_kel_list_buffer_append(list.get(), gst_buffer_ref(frame.get()));
@@ -59,15 +50,4 @@ TEST(KelBuffers, CopiesKeepTheirBytesAndListsHoldOneReferenceAMember) {
   list.reset();
   list_copy.reset();
   EXPECT_EQ(GST_MINI_OBJECT_REFCOUNT_VALUE(frame.get()), 1);
-}
-
-// The stand-in for the camera detection only says that it was called.
-TEST(PlugAndDetect, SaysItWasCalledAndGivesZero) {
-  static std::string said;
-  const guint handler = g_log_set_handler(
-      "plug_and_detect", G_LOG_LEVEL_MESSAGE,
-      [](const gchar *, GLogLevelFlags, const gchar *m, gpointer) { said = m; }, nullptr);
-  EXPECT_EQ(plug_and_detect_init(nullptr, 4), 0);
-  g_log_remove_handler("plug_and_detect", handler);
-  EXPECT_EQ(said, "plug_and_detect_init((nil), 4) called");
 }

@@ -2,29 +2,16 @@
 // deliver, the requests by property, how it refuses bad input, a consumer
 // that falls behind, and real sources (files nobody here encoded, network
 // cameras) that end, fail or come late, each reported.
-#include <gst/app/gstappsink.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "channel_label.hh"
 #include "element_checks.hh"
-#include "eventually.hh"
-#include "kel_buffers.h"
 #include "lumen_src.h"
-#include "ref_ptr.hh"
 
 namespace {
 
@@ -37,36 +24,27 @@ struct frame {
 };
 using frames_t = std::vector<frame>;
 
-frames_t of_channel(const frames_t &frames, int ch) {
+// Frames of `ch` of `type` (-1: of any type).
+frames_t of(const frames_t &frames, int ch, int type = -1) {
   frames_t out;
-  for (const auto &f : frames)
-    if (f.ch == ch) out.push_back(f);
+  std::ranges::copy_if(frames, std::back_inserter(out),
+                       [&](const frame &f) { return f.ch == ch && (type < 0 || f.type == type); });
   return out;
 }
 
-// Frames of `ch` of `type` (-1: of any type).
-size_t count_of(const frames_t &frames, int ch, int type = -1) {
-  size_t n = 0;
-  for (const auto &f : frames) n += f.ch == ch && (type < 0 || f.type == type);
-  return n;
-}
-
 auto at_least(size_t n, int ch, int type = 1) {
-  return [=](const frames_t &f) { return count_of(f, ch, type) >= n; };
+  return [=](const frames_t &f) { return of(f, ch, type).size() >= n; };
 }
 
-// A folder of its own, removed with what it holds, and in it a short H.264
-// file by FFmpeg's x264: 15 frames at 25 a second, B-frames and all.
-struct file_folder {
-  const std::string path =
-      mkdtemp((std::filesystem::temp_directory_path() / "lumensrc-XXXXXX").string().data());
+// A folder with a short H.264 file by FFmpeg's x264: 15 frames at 25 a
+// second, B-frames and all.
+struct file_folder : temp_dir {
   const std::string file = path + "/short.mkv";
   const std::string make =
       "ffmpeg -v error -f lavfi -i testsrc2=s=320x180:r=25 -bf 3 -frames:v 15 "
       "-profile:v high -c:v libx264 -pix_fmt yuv420p " +
       file;
   const int made = std::system(make.c_str());
-  ~file_folder() { std::filesystem::remove_all(path); }
 };
 
 struct lumen_harness {
@@ -119,9 +97,9 @@ struct heard {
 
   ~heard() { g_log_remove_handler("lumensrc", handler); }
   static void record(gint ch, gpointer data, gint size, gpointer self) {
-    std::lock_guard<std::mutex> g(static_cast<heard *>(self)->lock);
-    static_cast<heard *>(self)->lines.emplace(ch,
-                                              std::string(static_cast<char *>(data), size) + "\n");
+    auto *h = static_cast<heard *>(self);
+    std::lock_guard<std::mutex> g(h->lock);
+    h->lines.emplace(ch, std::string(static_cast<char *>(data), size) + "\n");
   }
   static void log(const gchar *, GLogLevelFlags, const gchar *m, gpointer self) {
     record(-1, const_cast<gchar *>(m), static_cast<gint>(strlen(m)), self);
@@ -150,26 +128,24 @@ TEST(LumenSrc, DeliversWhatIsAskedForPausesAndRefusesBadRequestsWithAWarning) {
   GstElement *src = h->src;
   gst_lumen_src_set_header_x_callback(src, &heard::record, &said);
   gst_lumen_src_set_cmd_callback(src, &heard::record, &said);
-  ASSERT_EQ(gst_lumen_src_open_ch(src, 2, 0), 0);  // both streams: 2 and 18
-  ASSERT_EQ(gst_lumen_src_open_ch(src, 1, LUMEN_SRC_OPEN_MAIN), 0);
-  ASSERT_EQ(gst_lumen_src_open_ch(src, 4, LUMEN_SRC_OPEN_SUB), 0);
-  g_object_set(src, "key-interval", 50, nullptr);  // for camera 3 alone: 2 s
-  ASSERT_EQ(gst_lumen_src_open_ch(src, 3, 0), 0);
+  const auto open = [&](int camera, int flags) {
+    return gst_lumen_src_open_ch(src, camera, flags);
+  };
+  // Camera 2 with both streams, 2 and 18; camera 3 an intra frame each 2 s.
+  ASSERT_TRUE(open(2, 0) == 0 && open(1, LUMEN_SRC_OPEN_MAIN) == 0 &&
+              open(4, LUMEN_SRC_OPEN_SUB) == 0);
+  g_object_set(src, "key-interval", 50, nullptr);
+  ASSERT_EQ(open(3, 0), 0);
   EXPECT_TRUE(said.count(2, "opened"));
 
   auto other = orlo::adopt_floating(gst_element_factory_make("fakesrc", nullptr));
+  const auto audio = [&](int camera) { return gst_lumen_src_send_audio(src, camera, "abcd", 4); };
   // (Camera 4 has no main stream to send audio to.)
-  const gint refused[] = {gst_lumen_src_open_ch(src, 2, 0),
-                          gst_lumen_src_open_ch(src, 16, 0),
-                          gst_lumen_src_open_ch(src, -1, 0),
-                          gst_lumen_src_open_ch(src, 6, 4),
-                          gst_lumen_src_close_ch(src, 6, 0),
-                          gst_lumen_src_open_ch(other.get(), 0, 0),
-                          gst_lumen_src_send_audio(src, 7, "abcd", 4),
-                          gst_lumen_src_send_audio(src, 4, "abcd", 4),
-                          gst_lumen_src_set_dev_mac(nullptr, 6),
-                          gst_lumen_src_set_live_audio_ch(16)};
-  for (size_t i = 0; i < std::size(refused); i++) EXPECT_EQ(refused[i], -1) << i;
+  EXPECT_EQ((std::vector<gint>{
+                open(2, 0), open(16, 0), open(-1, 0), open(6, 4), gst_lumen_src_close_ch(src, 6, 0),
+                gst_lumen_src_open_ch(other.get(), 0, 0), audio(7), audio(4),
+                gst_lumen_src_set_dev_mac(nullptr, 6), gst_lumen_src_set_live_audio_ch(16)}),
+            std::vector<gint>(10, -1));
   EXPECT_TRUE(gst_lumen_src_set_live_audio_ch(-1) == 0 && gst_lumen_src_set_live_audio_ch(1) == 0);
   g_object_set(src, "channel", 9, "stream", 0, "pause", 1, nullptr);
   g_object_set(src, "ionlych", 30, nullptr);
@@ -182,16 +158,16 @@ TEST(LumenSrc, DeliversWhatIsAskedForPausesAndRefusesBadRequestsWithAWarning) {
   // Addresses that can never be opened: the camera stays closed.
   for (const char *uri : {"nosuchscheme://camera", "not a uri"}) {
     g_object_set(src, "channel", 7, "stream", 0, "uri", uri, nullptr);
-    EXPECT_EQ(gst_lumen_src_open_ch(src, 7, LUMEN_SRC_OPEN_MAIN), -1) << uri;
+    EXPECT_EQ(open(7, LUMEN_SRC_OPEN_MAIN), -1) << uri;
   }
   EXPECT_EQ(gst_lumen_src_close_ch(src, 7, 0), -1);
 
   const auto frames = h->collect([](const frames_t &f) {
-    return count_of(f, 2, 1) >= 3 && count_of(f, 18, 1) >= 3 && count_of(f, 1, 10) >= 5 &&
-           count_of(f, 20, 1) >= 2 && count_of(f, 1, 1) >= 2 && count_of(f, 19) >= 8;
+    return of(f, 2, 1).size() >= 3 && of(f, 18, 1).size() >= 3 && of(f, 1, 10).size() >= 5 &&
+           of(f, 20, 1).size() >= 2 && of(f, 1, 1).size() >= 2 && of(f, 19).size() >= 8;
   });
   for (int ch : {2, 18}) {
-    const auto mine = of_channel(frames, ch);
+    const auto mine = of(frames, ch);
     // key-interval 5: an intra frame first, then four inter frames, over and over.
     for (size_t i = 0; i < mine.size(); ++i) {
       EXPECT_EQ(mine[i].type, i % 5 == 0 ? 1 : 0) << "channel " << ch << " frame " << i;
@@ -208,10 +184,10 @@ TEST(LumenSrc, DeliversWhatIsAskedForPausesAndRefusesBadRequestsWithAWarning) {
   }
   g_object_set(src, "channel", 3, "stream", 1, "pause", 1, nullptr);
   h->collect(at_least(10, 3, -1));  // what was under way when the request came
-  EXPECT_EQ(count_of(h->collect(at_least(25, 3, -1)), 19), 0u);
+  EXPECT_TRUE(of(h->collect(at_least(25, 3, -1)), 19).empty());
   // Camera 3's next intra frame may be far: resume must not wait for it.
   g_object_set(src, "channel", 3, "stream", 1, "resume", 1, nullptr);
-  const auto sub = of_channel(h->collect(at_least(5, 19, -1), 5), 19);
+  const auto sub = of(h->collect(at_least(5, 19, -1), 5), 19);
   EXPECT_TRUE(sub.size() >= 2 && sub[0].type == 1 && sub[1].type == 0);
   EXPECT_EQ(gst_lumen_src_close_ch(src, 2, 0), 0);
   EXPECT_TRUE(said.count(2, "closed"));
@@ -234,8 +210,7 @@ TEST(LumenSrc, ASlowConsumerLosesRunsOfInterFramesUpToAnIntraFrame) {
   gst_lumen_src_set_handoff_callback(
       h.src, [](gint, gpointer, gint, gpointer n) { ++*static_cast<std::atomic<int> *>(n); },
       &made);
-  ASSERT_EQ(gst_lumen_src_open_ch(h.src, 0, 0), 0);
-  ASSERT_EQ(gst_lumen_src_open_ch(h.src, 1, 0), 0);
+  ASSERT_TRUE(gst_lumen_src_open_ch(h.src, 0, 0) == 0 && gst_lumen_src_open_ch(h.src, 1, 0) == 0);
   ASSERT_TRUE(eventually([&] { return said.count(-1, "frames are not taken; "); }));
   // Many more drops before anything is taken, some of a closed camera's frames.
   const auto more = [&](int n) {
@@ -289,22 +264,24 @@ TEST(LumenSrc, FilesLoopAtTheirRateAndFailingSourcesStopOnlyTheirCamera) {
   ASSERT_EQ(open(0, 1, "file://" + file), 0);
   ASSERT_EQ(open(1, 0, ""), 0);
   ASSERT_EQ(open(7, 0, "file://" + late), 0);
-  guint no_signal = 0;
-  g_object_get(h.src, "no-signal", &no_signal, nullptr);
+  const auto no_signal = [&] {
+    guint cameras = 0;
+    return g_object_get(h.src, "no-signal", &cameras, nullptr), cameras;
+  };
+  const guint at_open = no_signal();
   // The file arrives whole: the first try plays it, and the camera is back.
   std::filesystem::create_hard_link(file, late);
-  EXPECT_EQ(no_signal, 1u << 7);
+  EXPECT_EQ(at_open, 1u << 7);
   EXPECT_TRUE(ev.count(7, "lost: no such file: file://" + late) && ev.count(7, "signal lost"));
   // Two plays and a frame; the first paced at 25 frames a second, not as fast as
   // the file decodes (the bound is loose for a loaded machine).
-  const auto looped = of_channel(h.collect(at_least(31, 16, -1)), 16);
+  const auto looped = of(h.collect(at_least(31, 16, -1)), 16);
   ASSERT_GE(looped.size(), 31u);
   EXPECT_GE(looped[15].stamp - looped[0].stamp, 15u * 1000 / 25 / 2);
   EXPECT_FALSE(ev.count(0, "lost: "));
   ASSERT_TRUE(eventually([&] { return ev.count(7, "signal back"); }));
   EXPECT_TRUE(ev.count(7, "resumed") && ev.count(-1, "camera 7: signal back after 1 try\n"));
-  g_object_get(h.src, "no-signal", &no_signal, nullptr);
-  EXPECT_EQ(no_signal, 0u);
+  EXPECT_EQ(no_signal(), 0u);
 
   g_object_set(h.src, "loop", FALSE, nullptr);
   h.collect([&](const frames_t &) { return ev.count(0, "lost: "); });
