@@ -141,9 +141,9 @@ TEST_F(streams, BadInputIsCountedAndThePortHoldsItsLastGoodPicture) {
   auto red = stream(kRed, 6);
   auto blue = stream(kBlue, 3);
   auto wide = stream(kBlue, 2, {.width = 320, .height = 180});
-  std::vector<uint8_t> noise, garbled = blue[2]->data;
+  auto tex = stream(kRed, 3, {.pattern = true});  // an intra frame large enough to cut inside
+  std::vector<uint8_t> noise;
   for (int i = 0; i < 3000; i++) noise.push_back(static_cast<uint8_t>((i * 131 + 7) | 1));
-  for (size_t i = garbled.size() / 3; i < garbled.size(); i++) garbled[i] = uint8_t(i * 37);
   test_frame *fake_idr = frame({0, 0, 1, 0x65});  // so that the decoder reads the noise
   fake_idr->data.insert(fake_idr->data.end(), noise.begin(), noise.end());
   const struct {
@@ -157,7 +157,11 @@ TEST_F(streams, BadInputIsCountedAndThePortHoldsItsLastGoodPicture) {
       {"truncated frame", false, {cut(red[3]), red[4], red[5]}, 1, {blue[0], blue[1]}},
       {"garbage for a frame", false, {frame(noise), red[4], red[5]}, 1, {blue[0], blue[1]}},
       {"garbage behind a start code", false, {fake_idr, red[4], red[5]}, 1, {blue[0], blue[1]}},
-      {"garbled slice data", false, {frame(garbled)}, 1, {blue[0], blue[1]}},
+      {"intra frame cut in its slice data",
+       false,
+       {cut(tex[0]), tex[1], tex[2]},
+       1,
+       {blue[0], blue[1]}},
       // The intra frame from its slice on, without the parameter sets before it.
       {"no parameter sets yet", true, {split(blue[0]).second}, 0, {blue[0]}},
       {"resolution change", false, {}, 0, {wide[0], wide[1]}},
