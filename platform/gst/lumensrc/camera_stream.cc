@@ -149,11 +149,10 @@ std::shared_ptr<camera_stream> camera_stream::open(const stream_config &config,
 
 bool camera_stream::build(std::string *error) {
   if (!config_.uri.empty() && !address_usable(config_.uri, error)) return false;
-  GError *err = nullptr;
+  g_autoptr(GError) err = nullptr;
   GstElement *pipeline = gst_parse_launch(pipeline_description(config_).c_str(), &err);
   if (err != nullptr) {
     *error = err->message;
-    g_clear_error(&err);
     if (pipeline != nullptr) gst_object_unref(pipeline);
     return false;
   }
