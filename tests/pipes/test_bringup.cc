@@ -24,7 +24,7 @@ std::vector<int64_t> seen_new_args;  // engine_opt .. h_audio, then cfg
 
 // Runs the test in a folder of its own, where the hardware's signal file
 // may come.
-void enter(const temp_folder &dir) { ASSERT_EQ(chdir(dir.path().c_str()), 0); }
+void enter(const temp_dir &dir) { ASSERT_EQ(chdir(dir.path.c_str()), 0); }
 void signal_ready() { g_file_set_contents("zebstart", "", 0, nullptr); }
 
 }  // namespace
@@ -53,7 +53,7 @@ extern "C" int plug_and_detect_init(void *pipe, int count) {
 }
 
 TEST(BringUp, FourSyntheticCamerasReachPortZeroThroughTheRenderWorker) {
-  temp_folder dir;
+  temp_dir dir;
   enter(dir);
   signal_ready();
 
@@ -88,7 +88,7 @@ TEST(BringUp, WaitsForTheHardwareSignalFileOncePerSecond) {
   if (getenv("ORLO_TEST_EMULATED") != nullptr)
     GTEST_SKIP() << "left out under the emulator: under qemu-arm the routine's wait line "
                     "was never seen (not yet explained), and the hardware would never come";
-  temp_folder dir;
+  temp_dir dir;
   enter(dir);
   // Standard output into a pipe: the hardware comes up once the routine has
   // said twice that it waits.

@@ -27,9 +27,7 @@ int pipe_threads() {
 
 // How many frames of (ch, type) the sink rendered, in all or at the end.
 size_t count(const collector &c, int ch, int type) {
-  const auto f = c.frames();
-  return static_cast<size_t>(std::count_if(
-      f.begin(), f.end(), [&](const auto &x) { return x.ch == ch && x.type == type; }));
+  return std::ranges::count_if(c.frames(), [&](auto &x) { return x.ch == ch && x.type == type; });
 }
 size_t trailing(const collector &c, int ch, int type) {
   const auto f = c.frames();

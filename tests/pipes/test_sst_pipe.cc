@@ -182,9 +182,9 @@ TEST_F(SstPipe, StatusWordsStayWholeBetweenTwoThreads) {
 // to the EOS bits, every channel's frames in order.
 TEST_F(SstPipe, PlaysPausesStepsAndPlaysOnToTheEosBits) {
   constexpr int kFrames = 50;
-  temp_folder folder;
-  for (int ch = 0; ch < 2; ch++) ASSERT_TRUE(record_channel(folder.path(), ch, kFrames));
-  g_object_set(h->src, "location", folder.path().c_str(), nullptr);
+  temp_dir folder;
+  for (int ch = 0; ch < 2; ch++) ASSERT_TRUE(record_channel(folder.path, ch, kFrames));
+  g_object_set(h->src, "location", folder.path.c_str(), nullptr);
   collector seen(h->kelappsink);
   orlo_sst_pipe_set_param(h, 1, 0, 0, 1, tv(0), tv(0), tv(kStart), 2, 3);
   EXPECT_EQ(orlo_sst_pipe_start(h), 0);
@@ -232,13 +232,12 @@ TEST_F(SstPipe, PlaysPausesStepsAndPlaysOnToTheEosBits) {
   expect_props(h->kelappsink, "sync=FALSE");
 
   // The first intra frame of a span, found in the recording itself.
-  GstBuffer *b = orlo_sst_pipe_get_iframe(folder.path().c_str(), 1, 0, tv(kStart + 5 * kFrameNs),
-                                          tv(kStart + 19 * kFrameNs));
-  ASSERT_NE(b, nullptr);
-  const frame_seen f = read_header(gst_kel_buddy_buffer_get_meta(b)->data);
+  auto b = orlo::adopt(orlo_sst_pipe_get_iframe(
+      folder.path.c_str(), 1, 0, tv(kStart + 5 * kFrameNs), tv(kStart + 19 * kFrameNs)));
+  ASSERT_TRUE(b);
+  const frame_seen f = read_header(gst_kel_buddy_buffer_get_meta(b.get())->data);
   EXPECT_EQ((std::vector<int64_t>{f.ch, f.type, f.time}),
             (std::vector<int64_t>{1, 1, kStart + 10 * kFrameNs}));
-  gst_buffer_unref(b);
 }
 
 // No record, no pipe: the caller gets NULL and the line.  A NULL handle gets
@@ -268,19 +267,19 @@ TEST(PipeRecords, AMissingRecordOrHandleIsRefusedWithItsLine) {
 // plays them on after the first EOS bit.
 TEST(SstPlay, ACutAndGrowingRecordingPlaysOnWithOpenRate) {
   gst_init(nullptr, nullptr);
-  temp_folder folder;
+  temp_dir folder;
   constexpr int kShort = 30;
-  ASSERT_TRUE(record_channel(folder.path(), 0, kShort, "max-duration=400000000"));
-  ASSERT_TRUE(g_file_test((folder.path() + "/ch00-0001.h264").c_str(), G_FILE_TEST_EXISTS));
+  ASSERT_TRUE(record_channel(folder.path, 0, kShort, "max-duration=400000000"));
+  ASSERT_TRUE(g_file_test((folder.path + "/ch00-0001.h264").c_str(), G_FILE_TEST_EXISTS));
   orlo_sst_pipe_t *h = orlo_sst_pipe_new();
   ASSERT_NE(h, nullptr);
-  g_object_set(h->src, "location", folder.path().c_str(), "open-rate", 20, nullptr);
+  g_object_set(h->src, "location", folder.path.c_str(), "open-rate", 20, nullptr);
   collector sink(h->kelappsink);
   orlo_sst_pipe_set_param(h, 4, 0, 0, 1, tv(0), tv(0), tv(0), 4, 1);
   orlo_sst_pipe_start(h);
   EXPECT_TRUE(eventually(
       [&] { return sink.frames().size() >= kShort && orlo_sst_pipe_get_eos_mask(h) == 1; }));
-  ASSERT_TRUE(record_channel(folder.path(), 0, 10, "", kStart + kShort * kFrameNs));
+  ASSERT_TRUE(record_channel(folder.path, 0, 10, "", kStart + kShort * kFrameNs));
   ASSERT_TRUE(eventually([&] { return sink.frames().size() >= kShort + 10; }));
   int64_t last = 0;
   for (const auto &f : sink.frames()) {

@@ -26,18 +26,17 @@ struct play_result {
 // Plays channels 0 and 1 of `folder` paced at eight times their speed, to
 // the end; what the sink saw.
 play_result play(const std::string &folder) {
-  gchar *launch = g_strdup_printf(
-      "kelsstsrc location=\"%s\" ch-num=2 ch-mask=3 open-rate=0 rate=8 "
-      "! kelappsink name=sink sync=true",
-      folder.c_str());
-  GstElement *p = gst_parse_launch(launch, nullptr);
-  g_free(launch);
+  auto p = orlo::adopt_floating(
+      gst_parse_launch(("kelsstsrc location=\"" + folder +
+                        "\" ch-num=2 ch-mask=3 open-rate=0 rate=8 ! kelappsink name=sink sync=true")
+                           .c_str(),
+                       nullptr));
   play_result r;
-  GstElement *sink = gst_bin_get_by_name(GST_BIN(p), "sink");
-  collector seen(sink);
-  GstPad *pad = gst_element_get_static_pad(sink, "sink");
+  auto sink = orlo::adopt(gst_bin_get_by_name(GST_BIN(p.get()), "sink"));
+  collector seen(sink.get());
+  auto pad = orlo::adopt(gst_element_get_static_pad(sink.get(), "sink"));
   gst_pad_add_probe(
-      pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+      pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
       [](GstPad *, GstPadProbeInfo *info, gpointer out) {
         const GstStructure *s = gst_event_get_structure(GST_PAD_PROBE_INFO_EVENT(info));
         if (s != nullptr && gst_structure_has_name(s, "KELPlayInfo"))
@@ -45,12 +44,9 @@ play_result play(const std::string &folder) {
         return GST_PAD_PROBE_OK;
       },
       &r.eos_status, nullptr);
-  r.eos = run_to_eos(p);
+  r.eos = run_to_eos(p.get());
   for (const frame_seen &f : seen.frames())
     if (f.ch == 0 || f.ch == 1) r.frames[f.ch]++;
-  gst_object_unref(pad);
-  gst_object_unref(sink);
-  gst_object_unref(p);
   return r;
 }
 
@@ -60,18 +56,18 @@ class SstRecordings : public ::testing::Test {
   void SetUp() override {
     gst_init(nullptr, nullptr);
     for (int ch = 0; ch < 2; ch++) {
-      ASSERT_TRUE(record_channel(folder_.path(), ch, kFrames));
+      ASSERT_TRUE(record_channel(folder_.path, ch, kFrames));
       std::ifstream in(path(ch), std::ios::binary);
       original_[ch].assign(std::istreambuf_iterator<char>(in), {});
       ASSERT_FALSE(original_[ch].empty());
     }
   }
-  std::string path(int ch) const { return folder_.path() + "/ch0" + std::to_string(ch) + ".h264"; }
+  std::string path(int ch) const { return folder_.path + "/ch0" + std::to_string(ch) + ".h264"; }
   void write(int ch, const std::string &bytes) {
     ASSERT_TRUE(g_file_set_contents(path(ch).c_str(), bytes.data(),
                                     static_cast<gssize>(bytes.size()), nullptr));
   }
-  temp_folder folder_;
+  temp_dir folder_;
   std::string original_[2];
 };
 
@@ -89,7 +85,7 @@ TEST_F(SstRecordings, ARecordingCutAnywherePlaysItsWholeFrames) {
   for (size_t k = 1; k <= 20; k++) {
     const size_t cut = bytes.size() * k / 20;
     write(0, bytes.substr(0, cut));
-    const play_result r = play(folder_.path());
+    const play_result r = play(folder_.path);
     ASSERT_TRUE(r.through()) << "cut at " << cut;
     EXPECT_GE(r.frames[0], before) << "cut at " << cut;
     EXPECT_EQ(r.frames[1], static_cast<size_t>(kFrames)) << "cut at " << cut;
@@ -107,7 +103,7 @@ TEST_F(SstRecordings, RandomBytesChangedAnywhereNeverStallPlay) {
       for (int i = 0; i < flips; i++) bytes[random() % bytes.size()] ^= 1 + random() % 255;
       write(ch, bytes);
     }
-    ASSERT_TRUE(play(folder_.path()).through()) << "run " << run;
+    ASSERT_TRUE(play(folder_.path).through()) << "run " << run;
   }
 }
 

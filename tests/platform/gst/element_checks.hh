@@ -24,13 +24,9 @@
 #include "eventually.hh"
 #include "kel_buffers.h"
 #include "ref_ptr.hh"
+#include "temp_dir.hh"
 
-// A folder of its own, removed with what it holds.
-struct temp_dir {
-  const std::string path =
-      mkdtemp((std::filesystem::temp_directory_path() / "elements-XXXXXX").string().data());
-  ~temp_dir() { std::filesystem::remove_all(path); }
-};
+using testing_support::temp_dir;
 
 // Values of `p` to write: an int's two ends, another type's value off its default.
 inline std::vector<GValue> to_write(GParamSpec *p) {
