@@ -150,15 +150,15 @@ std::shared_ptr<camera_stream> camera_stream::open(const stream_config &config,
 bool camera_stream::build(std::string *error) {
   if (!config_.uri.empty() && !address_usable(config_.uri, error)) return false;
   g_autoptr(GError) err = nullptr;
-  GstElement *pipeline = gst_parse_launch(pipeline_description(config_).c_str(), &err);
+  auto pipeline =
+      orlo::adopt_floating(gst_parse_launch(pipeline_description(config_).c_str(), &err));
   if (err != nullptr) {
     *error = err->message;
-    if (pipeline != nullptr) gst_object_unref(pipeline);
     return false;
   }
-  pipeline_ = orlo::adopt_floating(pipeline);
+  pipeline_ = std::move(pipeline);
   // Our own threads need no clock but the system's; a live pipeline picks it.
-  auto *bin = GST_BIN(pipeline);
+  auto *bin = GST_BIN(pipeline_.get());
   video_sink_ = orlo::adopt(gst_bin_get_by_name(bin, "video"));
   audio_sink_ = orlo::adopt(gst_bin_get_by_name(bin, "audio"));
 
@@ -195,7 +195,7 @@ bool camera_stream::build(std::string *error) {
     auto decoder = orlo::adopt(gst_bin_get_by_name(bin, "decoder"));
     g_object_set(decoder.get(), "uri", config_.uri.c_str(), nullptr);
   }
-  auto bus = orlo::adopt(gst_element_get_bus(pipeline));
+  auto bus = orlo::adopt(gst_element_get_bus(pipeline_.get()));
   gst_bus_set_sync_handler(bus.get(), &camera_stream::on_bus, this, nullptr);
   return true;
 }
